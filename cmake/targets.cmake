@@ -1,0 +1,44 @@
+# What every target of this project has in common.
+
+# Warnings are errors. Applied to our own targets only.
+function(tessa_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Werror)
+endfunction()
+
+# A static library of the project, with its public headers in INC.
+function(tessa_library target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;INCLUDES;LIBRARIES")
+    add_library(${target} STATIC ${arg_SOURCES})
+    target_include_directories(${target} PUBLIC ${arg_INCLUDES})
+    target_link_libraries(${target} PUBLIC ${arg_LIBRARIES})
+    tessa_warnings(${target})
+endfunction()
+
+# Debug information goes into a PDB file beside the binary; the binary itself is stripped, because debuggers
+# prefer what is left of the run time's DWARF in it and then show exports only.
+function(tessa_pdb target)
+    target_link_options(${target} PRIVATE
+        -s "-Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb")
+endfunction()
+
+# A program of the project.
+function(tessa_executable target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+    add_executable(${target} ${arg_SOURCES})
+    target_link_libraries(${target} PRIVATE ${arg_LIBRARIES})
+    target_link_options(${target} PRIVATE -municode)
+    tessa_warnings(${target})
+    tessa_pdb(${target})
+endfunction()
+
+# A GoogleTest program. Each test runs in a process of its own, so that one that ends its process, or leaves
+# process-wide state behind, cannot touch the next.
+include(GoogleTest)
+function(tessa_test target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+    add_executable(${target} ${arg_SOURCES})
+    target_link_libraries(${target} PRIVATE ${arg_LIBRARIES} gmock_main)
+    tessa_warnings(${target})
+    tessa_pdb(${target})
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 60)
+endfunction()

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "function_name.h"
+#include "trace_provider.h"
+
+namespace trace {
+
+/// Traces entry and exit of the function on whose stack it stands; an exit by exception is traced too. Every
+/// function of the program that has a name opens one first (FUNCTION_TRACE). The names are copied into the
+/// object, without allocation; what does not fit is cut off.
+class FunctionTrace {
+  public:
+    /// @param functionName full name, e.g. "operating_system::EventLog::Open"
+    /// @param sourcePath built-in source path; only the part behind its last backslash is kept
+    FunctionTrace(const char* functionName, const char* sourcePath) noexcept {
+        Copy(functionName_, functionName);
+        const char* behindFolder = std::strrchr(sourcePath, '\\');
+        Copy(fileName_, behindFolder != nullptr ? behindFolder + 1 : sourcePath);
+        if (IsEnabled(kFunctionEntryAndExit, kVerbose)) TraceEntry();
+    }
+    ~FunctionTrace() {
+        if (IsEnabled(kFunctionEntryAndExit, kVerbose)) TraceExit();
+    }
+    FunctionTrace(const FunctionTrace&) = delete;
+    FunctionTrace& operator=(const FunctionTrace&) = delete;
+
+  private:
+    template <std::size_t N>
+    static void Copy(char (&to)[N], const char* from) noexcept {
+        const std::size_t length = std::min(std::strlen(from), N - 1);
+        std::memcpy(to, from, length);
+        to[length] = '\0';
+    }
+    void TraceEntry() const noexcept;
+    void TraceExit() const noexcept;
+
+    char functionName_[128];
+    char fileName_[48];
+};
+
+}  // namespace trace
+
+/// Opens the function trace of the function it stands in.
+#define FUNCTION_TRACE()                   \
+    DECLARE_FUNCTION_NAME(tracedFunction); \
+    const trace::FunctionTrace functionTrace(tracedFunction.text, kSourcePath)

@@ -1,0 +1,87 @@
+/**
+ * tessaplug.dll: a service plug-in that looks after communication adapters.
+ *
+ * A host service loads the library, resolves the three functions below and drives it with them. The host owns
+ * the service: its status handle, the control dispatcher and the transitions to running and stopped. The
+ * plug-in starts two threads at most and returns from tessaplug_cleanup when they have ended.
+ *
+ * Life cycle, once per load of the library:
+ *
+ *     LoadLibrary -> tessaplug_init -> (tessaplug_service_ctrl_handler)* -> tessaplug_cleanup -> FreeLibrary
+ *
+ * No exception ever leaves these functions. The library needs nothing but Windows' own DLLs. It compiles as C
+ * and as C++.
+ */
+#ifndef TESSAPLUG_H
+#define TESSAPLUG_H
+
+#include <windows.h>
+#include <winsvc.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** The version that tessaplug_init accepts. */
+#define TESSAPLUG_API_VERSION 0x00010001u
+
+/**
+ * Identifiers of the entries that the plug-in writes into the Application log, under the event source
+ * "tessaplug". Their texts are in the library's own message table.
+ */
+#define TESSAPLUG_EVENT_STARTED 0x00000100u      /**< information: started */
+#define TESSAPLUG_EVENT_NOT_RUNNING 0x80000104u  /**< warning: a device event arrived while not running */
+#define TESSAPLUG_EVENT_START_FAILED 0xC0000101u /**< error: not started */
+
+/**
+ * The host's status callback. The plug-in calls it from within tessaplug_init, before each start step, with
+ * SERVICE_START_PENDING, a wait hint of 3000 ms and a check point that counts up; the host passes the record
+ * on to SetServiceStatus. The plug-in leaves dwServiceType zero: the host fills it in. It holds none of its
+ * locks meanwhile, so the host may call the plug-in from within the callback.
+ *
+ * @param hostContext what was given to tessaplug_init; null once tessaplug_cleanup has begun
+ * @param status the record to be reported; belongs to the plug-in and is valid during the call only
+ */
+typedef void(WINAPI* TESSAPLUG_STATUS_CALLBACK)(void* hostContext, SERVICE_STATUS* status);
+
+/**
+ * Starts the plug-in. Call it once after loading the library, on the service's main thread, before reporting
+ * SERVICE_RUNNING. It takes some hundred milliseconds when adapters are present.
+ *
+ * @param apiVersion TESSAPLUG_API_VERSION
+ * @param serviceStatusHandle the service's status handle, to which Windows delivers the device events
+ * @param statusCallback receives the start's progress; must not be null
+ * @param hostContext passed to the callback, not interpreted
+ * @param reserved 0
+ * @return 1 if started. 0 if not: a parameter was refused, another process on this machine runs the plug-in,
+ *     the plug-in was started before in this process (also if it was cleaned up since: unload and load the
+ *     library), or a start step failed, in which case what it had built is undone. The reason is in the trace;
+ *     either outcome is in the Application log.
+ */
+DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatusHandle,
+                            TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved);
+
+/**
+ * Stops the plug-in: waits for a device event that is being handled, then closes what tessaplug_init opened.
+ * Returns quietly if the plug-in does not run. The single-instance lock is held until the process ends.
+ */
+void WINAPI tessaplug_cleanup(void);
+
+/**
+ * Receives the service's controls; the shape of a HandlerEx. Forward SERVICE_CONTROL_DEVICEEVENT and
+ * SERVICE_CONTROL_POWEREVENT; every other control is ignored. Returns at once: device events are handled on
+ * the plug-in's own thread. May be called on any thread, also while tessaplug_init or tessaplug_cleanup runs.
+ *
+ * @param control the control code
+ * @param eventType the event type of the control
+ * @param eventData the event data of the control, valid during the call; may be null
+ * @param context the host's context; not interpreted
+ * @return NO_ERROR; 0xFFFFFFFF if the plug-in failed inside
+ */
+DWORD WINAPI tessaplug_service_ctrl_handler(DWORD control, DWORD eventType, void* eventData, void* context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
