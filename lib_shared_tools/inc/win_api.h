@@ -74,8 +74,8 @@ class Advapi32 {
                                DWORD bufferSize, DWORD* bytesRead, DWORD* bytesNeeded);
     virtual BOOL NotifyChangeEventLog(HANDLE eventLog, HANDLE event);
     virtual LSTATUS RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t* keyClass,
-                                    DWORD options, REGSAM access, SECURITY_ATTRIBUTES* security,
-                                    HKEY* result, DWORD* disposition);
+                                    DWORD options, REGSAM access, SECURITY_ATTRIBUTES* security, HKEY* result,
+                                    DWORD* disposition);
     virtual LSTATUS RegSetValueExW(HKEY key, const wchar_t* valueName, DWORD reserved, DWORD type,
                                    const BYTE* data, DWORD size);
     virtual HANDLE RegisterEventSourceW(const wchar_t* serverName, const wchar_t* sourceName);

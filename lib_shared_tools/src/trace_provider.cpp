@@ -11,17 +11,18 @@ TraceControlBlock* Sentinel() {
     return reinterpret_cast<TraceControlBlock*>(&controlBlocks);
 }
 
-void RegisterBlock(TraceControlBlock& block, const GUID& controlGuid) {
-    block.controlGuid = &controlGuid;
-    TRACE_GUID_REGISTRATION registration = {&controlGuid, nullptr};
-    ::RegisterTraceGuidsW(&ControlCallback, &block, &controlGuid, 1, &registration, nullptr, nullptr,
-                          &block.registrationHandle);
-}
-
 void Disable(TraceControlBlock& block) {
     block.level.store(0, std::memory_order_relaxed);
     block.flags.store(0, std::memory_order_relaxed);
     block.loggerHandle.store(0, std::memory_order_relaxed);
+}
+
+void RegisterBlock(TraceControlBlock& block, const GUID& controlGuid) {
+    Disable(block);
+    block.controlGuid = &controlGuid;
+    TRACE_GUID_REGISTRATION registration = {&controlGuid, nullptr};
+    ::RegisterTraceGuidsW(&ControlCallback, &block, &controlGuid, 1, &registration, nullptr, nullptr,
+                          &block.registrationHandle);
 }
 
 void Enable(TraceControlBlock& block, PVOID buffer) {

@@ -219,8 +219,8 @@ BOOL Advapi32::NotifyChangeEventLog(HANDLE eventLog, HANDLE event) {
 }
 
 LSTATUS Advapi32::RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t* keyClass,
-                                  DWORD options, REGSAM access, SECURITY_ATTRIBUTES* security,
-                                  HKEY* result, DWORD* disposition) {
+                                  DWORD options, REGSAM access, SECURITY_ATTRIBUTES* security, HKEY* result,
+                                  DWORD* disposition) {
     FUNCTION_TRACE();
     return ::RegCreateKeyExW(key, subKey, reserved, keyClass, options, access, security, result, disposition);
 }

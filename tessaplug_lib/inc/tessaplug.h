@@ -55,8 +55,8 @@ typedef void(WINAPI* TESSAPLUG_STATUS_CALLBACK)(void* hostContext, SERVICE_STATU
  * @param reserved 0
  * @return 1 if started. 0 if not: a parameter was refused, another process on this machine runs the plug-in,
  *     the plug-in was started before in this process (also if it was cleaned up since: unload and load the
- *     library), or a start step failed, in which case what it had built is undone. The reason is in the trace;
- *     either outcome is in the Application log.
+ *     library), or a start step failed, in which case what it had built is undone. The reason is in the
+ * trace; either outcome is in the Application log.
  */
 DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatusHandle,
                             TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved);

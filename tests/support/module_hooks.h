@@ -16,6 +16,7 @@ struct Assertion {
 struct SysLogEntry {
     unsigned int eventType;
     unsigned int eventId;
+    bool operator==(const SysLogEntry&) const = default;
 };
 
 /// Collects the assertions and event-log entries of its lifetime, from any thread. Only one lives at a time.

@@ -1,0 +1,29 @@
+# A machine to run on: a Wine prefix of its own. Sourced by demo.sh, test.sh and bench.sh.
+#
+#   machine_new FOLDER   makes a fresh machine in FOLDER and keeps it running until the script ends
+#   machine PROGRAM ...  runs a program on it
+
+machine_folder=
+machine_keeper=
+
+machine() { /usr/lib/wine/wine64 "$@"; }
+
+machine_new() {
+    machine_folder=$1
+    export WINEPREFIX=$machine_folder WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES="mscoree,mshtml="
+    machine_end
+    rm -rf "$machine_folder"
+    mkdir -p "$(dirname "$machine_folder")"
+    trap machine_end EXIT
+    machine wineboot -i >/dev/null 2>&1 || { echo "machine: the Wine prefix cannot be made" >&2; return 1; }
+    # Services end with the last ordinary program of the machine: this one stays.
+    machine cmd /c "pause" </dev/zero >/dev/null 2>&1 &
+    machine_keeper=$!
+}
+
+machine_end() {
+    [ -n "$machine_keeper" ] && kill "$machine_keeper" 2>/dev/null && wait "$machine_keeper" 2>/dev/null
+    machine_keeper=
+    [ -d "$machine_folder" ] && /usr/lib/wine/wineserver -k 2>/dev/null && /usr/lib/wine/wineserver -w
+    return 0
+}

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what building and running needs on Debian 12; does nothing where it is there already.
+set -euo pipefail
+
+packages=(
+    clang-19 lld-19 clang-tidy-19 clang-format-19 llvm-19
+    g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
+    ninja-build cmake googletest python3 git
+    wine64
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+command -v apt-get >/dev/null || { echo "setup: this needs Debian 12 (no apt-get here)" >&2; exit 1; }
+sudo=()
+[ "$(id -u)" -eq 0 ] || sudo=(sudo)
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -qq
+"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

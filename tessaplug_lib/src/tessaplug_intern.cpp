@@ -1,0 +1,332 @@
+#include "tessaplug_intern.h"
+
+#include <windows.h>
+#include <dbt.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "exception_history.h"
+#include "function_trace.h"
+#include "modul_assert.h"
+#include "toolbox.h"
+#include "trace_point.h"
+#include "windows_api_excp.h"
+
+TRACE_SOURCE("tessaplug_lib\\src\\tessaplug_intern", "8b5d2e70-6a9c-4f14-9d3b-1c7e4f8a2d14", trace::kModule);
+
+namespace tessaplug {
+namespace {
+
+/// Holds the service's lock for one scope.
+class Guard {
+  public:
+    explicit Guard(CRITICAL_SECTION& lock) : lock_(lock) { ::EnterCriticalSection(&lock_); }
+    ~Guard() { ::LeaveCriticalSection(&lock_); }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+  private:
+    CRITICAL_SECTION& lock_;
+};
+
+const char* PowerEventName(DWORD eventType) {
+    switch (eventType) {
+        case PBT_APMQUERYSUSPEND:
+            return "PBT_APMQUERYSUSPEND";
+        case PBT_APMQUERYSUSPENDFAILED:
+            return "PBT_APMQUERYSUSPENDFAILED";
+        case PBT_APMSUSPEND:
+            return "PBT_APMSUSPEND";
+        case PBT_APMRESUMECRITICAL:
+            return "PBT_APMRESUMECRITICAL";
+        case PBT_APMRESUMESUSPEND:
+            return "PBT_APMRESUMESUSPEND";
+        case PBT_APMBATTERYLOW:
+            return "PBT_APMBATTERYLOW";
+        case PBT_APMPOWERSTATUSCHANGE:
+            return "PBT_APMPOWERSTATUSCHANGE";
+        case PBT_APMOEMEVENT:
+            return "PBT_APMOEMEVENT";
+        case PBT_APMRESUMEAUTOMATIC:
+            return "PBT_APMRESUMEAUTOMATIC";
+        default:
+            return "UNKONW: PBT_APM!";  // spelled so: engineers search old traces for it
+    }
+}
+
+const char* PowerSettingName(const GUID& setting) {
+    static constexpr struct {
+        const GUID& guid;
+        const char* name;
+    } kNames[] = {
+        {GUID_ACDC_POWER_SOURCE, "GUID_ACDC_POWER_SOURCE"},
+        {GUID_BATTERY_PERCENTAGE_REMAINING, "GUID_BATTERY_PERCENTAGE_REMAINING"},
+        {GUID_IDLE_BACKGROUND_TASK, "GUID_IDLE_BACKGROUND_TASK"},
+        {GUID_MONITOR_POWER_ON, "GUID_MONITOR_POWER_ON"},
+        {GUID_POWERSCHEME_PERSONALITY, "GUID_POWERSCHEME_PERSONALITY"},
+        {GUID_SYSTEM_AWAYMODE, "GUID_SYSTEM_AWAYMODE"},
+    };
+    for (const auto& known : kNames)
+        if (IsEqualGUID(known.guid, setting)) return known.name;
+    return "UNKNOWN! PWR SETTING GUID!";
+}
+
+}  // namespace
+
+Service::Service(ServiceCollaborators collaborators)
+    : cps_(std::move(collaborators.models)),
+      settings_(std::move(collaborators.settings)),
+      instanceLock_(std::move(collaborators.instanceLock)),
+      deviceNotifier_(std::move(collaborators.deviceNotifier)) {
+    FUNCTION_TRACE();
+    ::InitializeCriticalSection(&lock_);
+    status_.dwCheckPoint = 1;
+}
+
+Service::~Service() {
+    FUNCTION_TRACE();
+    try {
+        ForgetHost();
+        InternalCleanup(true, false);
+    } catch (...) {
+        MODUL_FAIL("EXCEPTION in DTOR!");
+    }
+    ::DeleteCriticalSection(&lock_);
+}
+
+DWORD Service::init(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
+                    void* hostContext, ULONG_PTR reserved) {
+    FUNCTION_TRACE();
+    const DWORD started = CheckArguments(apiVersion, statusHandle, callback, reserved)
+                              ? Start(statusHandle, callback, hostContext)
+                              : 0;
+    if (started != 0)
+        _ModulSysLog_00(1, TESSAPLUG_EVENT_STARTED);
+    else
+        _ModulSysLog_00(3, TESSAPLUG_EVENT_START_FAILED);
+    return started;
+}
+
+bool Service::CheckArguments(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle,
+                             TESSAPLUG_STATUS_CALLBACK callback, ULONG_PTR reserved) const {
+    FUNCTION_TRACE();
+    if (callback == nullptr) {
+        TRACE_ERROR(10, "init refused: no status callback");
+        return false;
+    }
+    if (statusHandle == nullptr) {
+        TRACE_ERROR(11, "init refused: no service status handle");
+        return false;
+    }
+    if (apiVersion != settings_->ApiVersion()) {
+        TRACE_ERROR(12, "init refused: API version 0x%x, 0x%x is supported", apiVersion,
+                    settings_->ApiVersion());
+        return false;
+    }
+    if (cbf_ != nullptr) {
+        TRACE_ERROR(13, "init refused: initialised before in this process");
+        return false;
+    }
+    if (reserved != 0) {
+        TRACE_ERROR(14, "init refused: the reserved value is not zero");
+        return false;
+    }
+    return true;
+}
+
+DWORD Service::Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
+                     void* hostContext) {
+    FUNCTION_TRACE();
+    try {
+        {
+            const Guard guard(lock_);
+            statusHandle_ = statusHandle;
+            cbf_ = callback;
+            hostContext_ = hostContext;
+        }
+        if (!CheckSingleInstanceAndRegisterDeviceNotification()) return 0;
+        CreateSharedMemoryAndMutexForCpIpc();
+        StartPnpThreadPool();
+        return 1;
+    } catch (const std::exception& error) {
+        TRACE_ERROR(15, "init failed: %s", error.what());
+        RollBackInitialization();
+        return 0;
+    }
+}
+
+bool Service::CheckSingleInstanceAndRegisterDeviceNotification() {
+    FUNCTION_TRACE();
+    ReportStatus();
+    // The handle is only tested: the lock is held until the process ends, also after a clean-up.
+    if (instanceLock_->CheckSingleInstanceAndLock(settings_->GlobalInstanceLockName()) == nullptr) {
+        TRACE_ERROR(16, "Another process holds the instance lock");
+        return false;
+    }
+    ReportStatus();
+    deviceNotifier_->Initialize(statusHandle_);
+    MODUL_ASSERT_AT(517, !cps_.empty());
+    for (const ModelRecord& model : cps_) {
+        TRACE_INFO(17, "Registering %s", toolbox::GuidToString(&model->DeviceInterfaceGuid()));
+        deviceNotifier_->Register(model);
+    }
+    return true;
+}
+
+void Service::CreateSharedMemoryAndMutexForCpIpc() {
+    FUNCTION_TRACE();
+    MODUL_ASSERT_AT(584, cpEnv_ == nullptr);
+    ReportStatus();
+    cpEnv_ = std::make_unique<CpEnvironment>();
+}
+
+void Service::StartPnpThreadPool() {
+    FUNCTION_TRACE();
+    MODUL_ASSERT_AT(569, pnpExec_ == nullptr);
+    ReportStatus();
+    pnpExec_ = std::make_unique<DeviceMonitor>().release();
+}
+
+void Service::ReportStatus() {
+    FUNCTION_TRACE();
+    MODUL_ASSERT_AT(93, cbf_ != nullptr);
+    if (cbf_ == nullptr) return;
+    TESSAPLUG_STATUS_CALLBACK callback = nullptr;
+    void* hostContext = nullptr;
+    {
+        const Guard guard(lock_);
+        status_.dwCurrentState = SERVICE_START_PENDING;
+        status_.dwControlsAccepted = 0;
+        status_.dwWin32ExitCode = NO_ERROR;
+        status_.dwWaitHint = 3000;
+        ++status_.dwCheckPoint;
+        callback = cbf_;
+        hostContext = hostContext_;
+    }
+    ++chkVal;
+    MODUL_ASSERT_AT(121, chkVal > 0);
+    callback(hostContext, &status_);
+    --chkVal;
+    MODUL_ASSERT_AT(124, chkVal >= 0);
+}
+
+void Service::RollBackInitialization() {
+    FUNCTION_TRACE();
+    ReportStatus();
+    TRACE_WARNING(18, "Rolling the start back");
+    InternalCleanup(false, true);
+}
+
+void Service::cleanup() {
+    FUNCTION_TRACE();
+    TRACE_INFO(19, "Normal clean-up");
+    ForgetHost();
+    InternalCleanup(false, false);
+    TRACE_INFO(20, "Clean-up done");
+}
+
+void Service::ForgetHost() {
+    FUNCTION_TRACE();
+    // cbf_ stays set: a second init in the same process is refused.
+    const Guard guard(lock_);
+    statusHandle_ = nullptr;
+    hostContext_ = nullptr;
+}
+
+void Service::InternalCleanup(bool failSafe, bool rollBack) {
+    FUNCTION_TRACE();
+    if (failSafe && rollBack) MODUL_FAIL("Invalid state: Cannot roleback in failsafe mode!");
+    try {
+        StopPnpThreadPool(failSafe);
+        cpEnv_.reset();
+        deviceNotifier_->Cleanup();
+        CloseHandleSlot();
+    } catch (const modul_exception::CWindowsApiExcp& error) {
+        TRACE_ERROR(21, "Clean-up ends: %s", error.what());
+    } catch (const std::runtime_error& error) {
+        TRACE_ERROR(22, "Clean-up ends: %s", error.what());
+    }
+}
+
+void Service::StopPnpThreadPool(bool failSafe) {
+    FUNCTION_TRACE();
+    if (failSafe) {
+        // A thread cannot be joined while the library is being unloaded: the worker is left alone.
+        TRACE_WARNING(23, "Fail-safe clean-up: the request worker is not stopped");
+        return;
+    }
+    const std::unique_ptr<DeviceMonitor> stopped(pnpExec_.exchange(nullptr));
+}
+
+void Service::CloseHandleSlot() {
+    FUNCTION_TRACE();
+    if (handleSlot_ == nullptr) return;
+    if (!::CloseHandle(handleSlot_)) TRACE_ERROR(24, "CloseHandle() failed, LE(%u)", ::GetLastError());
+    handleSlot_ = nullptr;
+}
+
+DWORD Service::service_ctrl_handler(DWORD control, DWORD eventType, void* lpEventData, void* context) {
+    FUNCTION_TRACE();
+    TRACE_INFO(25, "Control %u, event type 0x%x, data %p, context %p", control, eventType, lpEventData,
+               context);
+    try {
+        if (control == SERVICE_CONTROL_DEVICEEVENT)
+            HandleDeviceEvent(eventType, lpEventData);
+        else if (control == SERVICE_CONTROL_POWEREVENT)
+            HandlePowerEvent(eventType, lpEventData);
+    } catch (...) {
+        MODUL_FAIL("Unexpected Exception!");
+    }
+    TRACE_INFO(26, "Control %u done", control);
+    return NO_ERROR;
+}
+
+void Service::HandleDeviceEvent(DWORD eventType, const void* lpEventData) {
+    FUNCTION_TRACE();
+    bool queued = false;
+    if (pnpExec_ != nullptr) {
+        auto request = std::make_unique<Request>();
+        request->eventType = eventType;
+        request->notifier = deviceNotifier_;
+        GetGuidFrom(lpEventData, request->interfaceClass);
+        TRACE_INFO(27, "Request %s for %s", DeviceEventName(eventType),
+                   toolbox::GuidToString(&request->interfaceClass));
+        queued = DeviceMonitor::Enqueue(std::move(request));
+    }
+    if (!queued) {
+        TRACE_WARNING(28, "Device event dropped: the request worker does not run");
+        _ModulSysLog_00(2, TESSAPLUG_EVENT_NOT_RUNNING);
+    }
+}
+
+void Service::GetGuidFrom(const void* lpEventData, GUID& guid) {
+    FUNCTION_TRACE();
+    if (lpEventData == nullptr) {
+        TRACE_WARNING(29, "Device event without data");
+        return;
+    }
+    const auto* header = static_cast<const DEV_BROADCAST_HDR*>(lpEventData);
+    TRACE_VERBOSE(30, "Event data: %u bytes, device type %u", header->dbch_size, header->dbch_devicetype);
+    if (header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE) {
+        TRACE_WARNING(31, "Device event for device type %u", header->dbch_devicetype);
+        return;
+    }
+    const auto* deviceInterface = static_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(lpEventData);
+    TRACE_INFO(32, "Device %S", deviceInterface->dbcc_name);
+    guid = deviceInterface->dbcc_classguid;
+}
+
+void Service::HandlePowerEvent(DWORD eventType, const void* lpEventData) {
+    FUNCTION_TRACE();
+    if (eventType != PBT_POWERSETTINGCHANGE) {
+        TRACE_INFO(33, "Power event %s (%u)", PowerEventName(eventType), eventType);
+        return;
+    }
+    MODUL_ASSERT_AT(657, lpEventData != nullptr);
+    if (lpEventData == nullptr) return;
+    const auto* setting = static_cast<const POWERBROADCAST_SETTING*>(lpEventData);
+    TRACE_INFO(34, "Power setting %s", PowerSettingName(setting->PowerSetting));
+}
+
+}  // namespace tessaplug

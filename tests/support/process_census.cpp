@@ -1,0 +1,81 @@
+#include "process_census.h"
+
+#include <windows.h>
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <cwctype>
+#include <memory>
+#include <winternl.h>
+
+namespace test_support {
+namespace {
+
+// Of the documented-by-use class SystemExtendedHandleInformation; GetProcessHandleCount is always 0 under
+// Wine.
+constexpr int kSystemExtendedHandleInformation = 64;
+
+struct HandleEntry {
+    void* object;
+    ULONG_PTR processId;
+    ULONG_PTR handle;
+    ULONG access;
+    USHORT creatorBackTraceIndex;
+    USHORT objectType;
+    ULONG attributes;
+    ULONG reserved;
+};
+
+struct HandleTable {
+    ULONG_PTR count;
+    ULONG_PTR reserved;
+    HandleEntry entries[1];
+};
+
+using UniqueSnapshot = std::unique_ptr<void, decltype(&::CloseHandle)>;
+
+}  // namespace
+
+std::size_t HandleCount() {
+    std::vector<ULONG_PTR> buffer(0x10000);
+    const auto informationClass = static_cast<SYSTEM_INFORMATION_CLASS>(kSystemExtendedHandleInformation);
+    ULONG needed = 0;
+    while (::NtQuerySystemInformation(informationClass, buffer.data(),
+                                      static_cast<ULONG>(buffer.size() * sizeof(ULONG_PTR)), &needed) < 0) {
+        buffer.resize(buffer.size() * 2);
+    }
+    const auto* table = reinterpret_cast<const HandleTable*>(buffer.data());
+    const DWORD self = ::GetCurrentProcessId();
+    return static_cast<std::size_t>(
+        std::count_if(table->entries, table->entries + table->count,
+                      [self](const HandleEntry& entry) { return entry.processId == self; }));
+}
+
+std::size_t ThreadCount() {
+    const UniqueSnapshot snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0), &::CloseHandle);
+    std::size_t count = 0;
+    THREADENTRY32 thread = {};
+    thread.dwSize = sizeof thread;
+    for (BOOL more = ::Thread32First(snapshot.get(), &thread); more;
+         more = ::Thread32Next(snapshot.get(), &thread)) {
+        if (thread.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
+    }
+    return count;
+}
+
+std::vector<std::wstring> LoadedModules() {
+    const UniqueSnapshot snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, 0), &::CloseHandle);
+    std::vector<std::wstring> names;
+    MODULEENTRY32W module = {};
+    module.dwSize = sizeof module;
+    for (BOOL more = ::Module32FirstW(snapshot.get(), &module); more;
+         more = ::Module32NextW(snapshot.get(), &module)) {
+        std::wstring name = module.szModule;
+        std::ranges::transform(name, name.begin(), [](wchar_t c) { return std::towlower(c); });
+        names.push_back(name);
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+}  // namespace test_support

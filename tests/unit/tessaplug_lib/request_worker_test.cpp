@@ -1,0 +1,333 @@
+#include <windows.h>
+#include <dbt.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "module_hooks.h"
+#include "tessaplug_pnp.h"
+
+using tessaplug::DeviceMonitor;
+using tessaplug::kFennlinkU3InterfaceGuid;
+using tessaplug::kNx4120InterfaceGuid;
+using tessaplug::Request;
+using tessaplug::RequestQueue;
+using test_support::ModuleHooks;
+
+namespace {
+
+constexpr auto kTimeOut = std::chrono::seconds(10);
+
+/// Records what the worker hands it; a test can make it do more.
+class RecordingNotifier : public tessaplug::DeviceNotifier {
+  public:
+    void OnDeviceArrival(const GUID& guid, DWORD eventType) override { Record("arrival", guid, eventType); }
+    void OnDeviceRemoval(const GUID& guid, DWORD eventType) override { Record("removal", guid, eventType); }
+
+    /// Called on the worker's thread after an event was recorded, with all events up to it.
+    std::function<void(const std::vector<std::string>&)> onEvent;
+
+    std::vector<std::string> WaitForEvents(std::size_t count) {
+        std::unique_lock guard(lock_);
+        changed_.wait_for(guard, kTimeOut, [&] { return events_.size() >= count; });
+        return events_;
+    }
+
+  private:
+    void Record(const std::string& name, const GUID& guid, DWORD eventType) {
+        const std::string model = IsEqualGUID(guid, kNx4120InterfaceGuid) ? "NX4120" : "other";
+        std::vector<std::string> events;
+        {
+            const std::lock_guard guard(lock_);
+            events_.push_back(name + " " + model + " " + std::to_string(eventType));
+            events = events_;
+        }
+        changed_.notify_all();
+        if (onEvent) onEvent(events);
+    }
+
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<std::string> events_;
+};
+
+const std::string kU3Arrival = "arrival other " + std::to_string(DBT_DEVICEARRIVAL);
+const std::string kU3Removal = "removal other " + std::to_string(DBT_DEVICEREMOVECOMPLETE);
+const std::string kNxArrival = "arrival NX4120 " + std::to_string(DBT_DEVICEARRIVAL);
+
+/// A gate that a thread waits at until it is opened.
+class Gate {
+  public:
+    void Open() {
+        {
+            const std::lock_guard guard(lock_);
+            open_ = true;
+        }
+        changed_.notify_all();
+    }
+    void Wait() {
+        std::unique_lock guard(lock_);
+        EXPECT_TRUE(changed_.wait_for(guard, kTimeOut, [&] { return open_; }));
+    }
+
+  private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+std::unique_ptr<Request> RequestFor(const std::shared_ptr<tessaplug::DeviceNotifier>& notifier,
+                                    const GUID& guid, DWORD eventType) {
+    return std::make_unique<Request>(Request{eventType, guid, notifier});
+}
+
+std::unique_ptr<Request> RequestOfType(DWORD eventType) {
+    return RequestFor(nullptr, kFennlinkU3InterfaceGuid, eventType);
+}
+
+/// Fails one system call on demand.
+class FailingKernel32 : public windows_api::CKernel32 {
+  public:
+    bool failCreateEvent = false;
+    bool failWait = false;
+    bool failSetEvent = false;
+    Gate* gateBeforeFirstWaitReturns = nullptr;
+    int closed = 0;
+
+    HANDLE CreateEventW(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState,
+                        const wchar_t* name) override {
+        eventName = name;
+        eventIsManualReset = manualReset != 0;
+        return failCreateEvent ? nullptr : CKernel32::CreateEventW(security, manualReset, initialState, name);
+    }
+    DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) override {
+        if (failWait) return WAIT_FAILED;
+        const DWORD result = CKernel32::WaitForSingleObject(handle, milliseconds);
+        if (Gate* gate = std::exchange(gateBeforeFirstWaitReturns, nullptr)) gate->Wait();
+        return result;
+    }
+    BOOL SetEvent(HANDLE event) override { return failSetEvent ? FALSE : CKernel32::SetEvent(event); }
+    BOOL CloseHandle(HANDLE handle) override {
+        ++closed;
+        return CKernel32::CloseHandle(handle);
+    }
+
+    std::wstring eventName;
+    bool eventIsManualReset = true;
+};
+
+}  // namespace
+
+TEST(RequestQueue, SecondRequestIsAppendedAndThirdReplacesIt) {
+    RequestQueue queue;
+
+    EXPECT_EQ(queue.Push(RequestOfType(1)), nullptr);
+    EXPECT_EQ(queue.Push(RequestOfType(2)), nullptr);
+    const auto replaced = queue.Push(RequestOfType(3));
+
+    ASSERT_NE(replaced, nullptr);
+    EXPECT_EQ(replaced->eventType, 2u);
+    EXPECT_EQ(queue.Take()->eventType, 3u);  // the first is stale
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(RequestQueue, SingleRequestIsTaken) {
+    RequestQueue queue;
+    queue.Push(RequestOfType(1));
+
+    EXPECT_EQ(queue.Take()->eventType, 1u);
+    EXPECT_EQ(queue.Take(), nullptr);
+}
+
+TEST(RequestWorker, HandlesArrivalAndRemoval) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const DeviceMonitor monitor;
+
+    EXPECT_TRUE(DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL)));
+    EXPECT_EQ(notifier->WaitForEvents(1), (std::vector<std::string>{kU3Arrival}));
+    EXPECT_TRUE(
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE)));
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kU3Arrival, kU3Removal}));
+}
+
+TEST(RequestWorker, BurstWhileHandlingCollapsesToTheNewestEvent) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    Gate queued;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1) queued.Wait();
+    };
+    {
+        const DeviceMonitor monitor;
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+        ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE));
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+        queued.Open();
+        notifier->WaitForEvents(2);
+    }
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kU3Arrival, kU3Arrival}));
+}
+
+TEST(RequestWorker, ServesBothQueuesAlternately) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    Gate bothQueued;
+    kernel32->gateBeforeFirstWaitReturns = &bothQueued;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        // One more of the same model while the first of it is handled.
+        if (events.size() == 1)
+            DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        if (events.size() == 2)
+            DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    };
+
+    const DeviceMonitor monitor(kernel32);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    bothQueued.Open();
+
+    EXPECT_EQ(notifier->WaitForEvents(4),
+              (std::vector<std::string>{kNxArrival, kU3Arrival, kNxArrival, kU3Arrival}));
+}
+
+TEST(RequestWorker, UnknownEventTypeIsDiscarded) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const DeviceMonitor monitor;
+
+    DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEQUERYREMOVE));
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+
+    EXPECT_EQ(notifier->WaitForEvents(1), (std::vector<std::string>{kU3Arrival}));
+}
+
+TEST(RequestWorker, StopWhileWaitingHandlesNothing) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    {
+        const DeviceMonitor monitor;
+    }
+    EXPECT_TRUE(notifier->WaitForEvents(0).empty());
+}
+
+TEST(RequestWorker, RequestsQueuedWhenItStopsAreFreedUnhandled) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    Gate queued;
+    notifier->onEvent = [&](const std::vector<std::string>&) { queued.Wait(); };
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    {
+        auto monitor = std::make_unique<DeviceMonitor>(kernel32);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+        notifier->WaitForEvents(1);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        std::thread stopper([&] { monitor.reset(); });
+        queued.Open();
+        stopper.join();
+    }
+    // The pass that ran was let finish; nothing is held any more, and a new worker starts empty.
+    notifier->onEvent = nullptr;
+    const std::size_t handled = notifier->WaitForEvents(1).size();
+    EXPECT_LE(handled, 2u);
+    EXPECT_EQ(notifier.use_count(), 1);
+    {
+        const DeviceMonitor next;
+    }
+    EXPECT_EQ(notifier->WaitForEvents(1).size(), handled);
+}
+
+TEST(RequestWorker, EnqueueWithoutMonitorIsRefused) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    EXPECT_FALSE(DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL)));
+    {
+        const DeviceMonitor monitor;
+    }
+    EXPECT_FALSE(DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL)));
+}
+
+TEST(RequestWorker, WakeUpEventIsNamedAndAutoReset) {
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    {
+        const DeviceMonitor monitor(kernel32);
+    }
+    EXPECT_EQ(kernel32->eventName, L"PnPEvent");
+    EXPECT_FALSE(kernel32->eventIsManualReset);
+    EXPECT_EQ(kernel32->closed, 1);
+}
+
+TEST(RequestWorker, MissingEventFailsTheConstruction) {
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    kernel32->failCreateEvent = true;
+    try {
+        const DeviceMonitor monitor(kernel32);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "CreateEvent failed!");
+    }
+    EXPECT_EQ(kernel32->closed, 0);
+}
+
+TEST(RequestWorker, FailingWaitEndsTheWorkerWithoutAssertion) {
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    kernel32->failWait = true;
+    {
+        const DeviceMonitor monitor(kernel32);
+    }
+    EXPECT_EQ(kernel32->closed, 1);
+}
+
+TEST(RequestWorker, FailingSetEventLeavesTheRequestQueued) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    const DeviceMonitor monitor(kernel32);
+    kernel32->failSetEvent = true;
+
+    EXPECT_TRUE(DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL)));
+    kernel32->failSetEvent = false;
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kNxArrival, kU3Arrival}));
+}
+
+TEST(RequestWorker, RuntimeErrorOfAHandlerEndsTheWorkerAndKeepsTheRequest) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    notifier->onEvent = [](const std::vector<std::string>&) { throw std::runtime_error("handler"); };
+    {
+        const DeviceMonitor monitor;
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        notifier->WaitForEvents(1);
+    }
+    EXPECT_EQ(notifier.use_count(), 2) << "the request that was being handled is kept for post-mortem";
+}
+
+TEST(RequestWorker, AnyOtherExceptionOfAHandlerIsAssertedAndEndsTheWorker) {
+    const ModuleHooks hooks;
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    notifier->onEvent = [](const std::vector<std::string>&) { throw 42; };
+    {
+        const DeviceMonitor monitor;
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        notifier->WaitForEvents(1);
+    }
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected Exception!\""}));
+    EXPECT_EQ(hooks.Assertions()[0].sourcePath, L"tessaplug_lib\\src\\tessaplug_pnp");
+}
+
+TEST(DeviceEventName, NamesTheStandardEvents) {
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8000), "DBT_DEVICEARRIVAL");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8001), "DBT_DEVICEQUERYREMOVE");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8002), "DBT_DEVICEQUERYREMOVEFAILED");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8003), "DBT_DEVICEREMOVEPENDING");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8004), "DBT_DEVICEREMOVECOMPLETE");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8005), "DBT_DEVICETYPESPECIFIC");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x8006), "DBT_CUSTOMEVENT");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0xFFFF), "DBT_USERDEFINED");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x0007), "DBT_DEVNODES_CHANGED");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x0017), "DBT_QUERYCHANGECONFIG");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x0018), "DBT_CONFIGCHANGED");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x0019), "DBT_CONFIGCHANGECANCELED");
+    EXPECT_STREQ(tessaplug::DeviceEventName(0x1234), "DBT_UNKNOWN");
+}
