@@ -16,6 +16,8 @@ machine_new() {
     mkdir -p "$(dirname "$machine_folder")"
     trap machine_end EXIT
     machine wineboot -i >/dev/null 2>&1 || { echo "machine: the Wine prefix cannot be made" >&2; return 1; }
+    # A machine that was just made does not start drivers: boot it once more.
+    /usr/lib/wine/wineserver -k && /usr/lib/wine/wineserver -w
     # Services end with the last ordinary program of the machine: this one stays.
     machine cmd /c "pause" </dev/zero >/dev/null 2>&1 &
     machine_keeper=$!

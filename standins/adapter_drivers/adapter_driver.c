@@ -1,0 +1,213 @@
+/*
+ * Stand-in kernel driver of one adapter model. Each of its devices is a port with an interface of the model's
+ * device interface class, which a control request activates ("plugged in") and deactivates. What follows is
+ * the operating system's own road: enumeration shows the interface, and whoever registered is notified.
+ *
+ * Built once for each model, with ADAPTER_CONTROL and ADAPTER_INTERFACE_GUID defined by the build.
+ */
+#include <ntddk.h>
+
+#include "adapter_protocol.h"
+
+static const GUID interface_class = ADAPTER_INTERFACE_GUID;
+
+/* One installed device: a port, into which an adapter can be plugged. */
+typedef struct {
+    PDEVICE_OBJECT device;         /* null while the port has no device */
+    PDEVICE_OBJECT lower;          /* next device of the stack */
+    UNICODE_STRING interface_name; /* symbolic link of the device interface */
+    BOOLEAN started;
+    BOOLEAN plugged;
+} PORT;
+
+typedef struct {
+    PORT* port; /* null for the control device */
+} DEVICE_EXTENSION;
+
+static PORT ports[ADAPTER_PORTS];
+static FAST_MUTEX lock; /* guards the ports */
+static PDEVICE_OBJECT control_device;
+static UNICODE_STRING control_name = RTL_CONSTANT_STRING(L"\\Device\\" ADAPTER_CONTROL);
+static UNICODE_STRING control_link = RTL_CONSTANT_STRING(L"\\DosDevices\\" ADAPTER_CONTROL);
+
+static NTSTATUS complete(PIRP irp, NTSTATUS status) {
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+static PORT* port_of(PDEVICE_OBJECT device) {
+    return ((DEVICE_EXTENSION*)device->DeviceExtension)->port;
+}
+
+/* The lock is held. Plugging in what is plugged in already is harmless, and must not be reported twice. */
+static NTSTATUS set_plugged(PORT* port, BOOLEAN plugged) {
+    NTSTATUS status;
+    if (!port->started) return STATUS_DEVICE_NOT_READY;
+    if (port->plugged == plugged) return STATUS_SUCCESS;
+    status = IoSetDeviceInterfaceState(&port->interface_name, plugged);
+    if (NT_SUCCESS(status)) port->plugged = plugged;
+    return status;
+}
+
+static void set_started(PORT* port, BOOLEAN started) {
+    ExAcquireFastMutex(&lock);
+    if (!started && port->started) set_plugged(port, FALSE);
+    port->started = started;
+    ExReleaseFastMutex(&lock);
+}
+
+static PORT* claim_port(PDEVICE_OBJECT device) {
+    PORT* claimed = NULL;
+    ULONG i;
+    ExAcquireFastMutex(&lock);
+    for (i = 0; i < ADAPTER_PORTS && !claimed; ++i) {
+        if (ports[i].device) continue;
+        claimed = &ports[i];
+        RtlZeroMemory(claimed, sizeof *claimed);
+        claimed->device = device;
+    }
+    ExReleaseFastMutex(&lock);
+    return claimed;
+}
+
+static void release_port(PORT* port) {
+    ExAcquireFastMutex(&lock);
+    if (port->interface_name.Buffer) RtlFreeUnicodeString(&port->interface_name);
+    RtlZeroMemory(port, sizeof *port);
+    ExReleaseFastMutex(&lock);
+}
+
+static NTSTATUS build_port(PORT* port, PDEVICE_OBJECT physical) {
+    NTSTATUS status = IoRegisterDeviceInterface(physical, &interface_class, NULL, &port->interface_name);
+    if (!NT_SUCCESS(status)) return status;
+    port->lower = IoAttachDeviceToDeviceStack(port->device, physical);
+    return port->lower ? STATUS_SUCCESS : STATUS_NO_SUCH_DEVICE;
+}
+
+static NTSTATUS NTAPI add_device(PDRIVER_OBJECT driver, PDEVICE_OBJECT physical) {
+    PDEVICE_OBJECT device = NULL;
+    PORT* port;
+    NTSTATUS status =
+        IoCreateDevice(driver, sizeof(DEVICE_EXTENSION), NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+    if (!NT_SUCCESS(status)) return status;
+    port = claim_port(device);
+    status = port ? build_port(port, physical) : STATUS_INSUFFICIENT_RESOURCES;
+    if (!NT_SUCCESS(status)) {
+        if (port) release_port(port);
+        IoDeleteDevice(device);
+        return status;
+    }
+    ((DEVICE_EXTENSION*)device->DeviceExtension)->port = port;
+    device->Flags &= ~(ULONG)DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+static NTSTATUS pass_down(PDEVICE_OBJECT lower, PIRP irp) {
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(lower, irp);
+}
+
+static NTSTATUS remove_device(PDEVICE_OBJECT device, PORT* port, PIRP irp) {
+    PDEVICE_OBJECT lower = port->lower;
+    NTSTATUS status;
+    set_started(port, FALSE);
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    status = pass_down(lower, irp);
+    IoDetachDevice(lower);
+    release_port(port);
+    IoDeleteDevice(device);
+    return status;
+}
+
+static NTSTATUS NTAPI dispatch_pnp(PDEVICE_OBJECT device, PIRP irp) {
+    PORT* port = port_of(device);
+    if (!port) return complete(irp, STATUS_NOT_SUPPORTED);
+    switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
+        case IRP_MN_START_DEVICE:
+            set_started(port, TRUE);
+            irp->IoStatus.Status = STATUS_SUCCESS;
+            break;
+        case IRP_MN_STOP_DEVICE:
+        case IRP_MN_SURPRISE_REMOVAL:
+            set_started(port, FALSE);
+            irp->IoStatus.Status = STATUS_SUCCESS;
+            break;
+        case IRP_MN_QUERY_STOP_DEVICE:
+        case IRP_MN_QUERY_REMOVE_DEVICE:
+        case IRP_MN_CANCEL_STOP_DEVICE:
+        case IRP_MN_CANCEL_REMOVE_DEVICE:
+            irp->IoStatus.Status = STATUS_SUCCESS;
+            break;
+        case IRP_MN_REMOVE_DEVICE:
+            return remove_device(device, port, irp);
+        default:
+            break;
+    }
+    return pass_down(port->lower, irp);
+}
+
+static NTSTATUS NTAPI dispatch_open_close(PDEVICE_OBJECT device, PIRP irp) {
+    UNREFERENCED_PARAMETER(device);
+    return complete(irp, STATUS_SUCCESS);
+}
+
+static NTSTATUS set_port(ULONG number, BOOLEAN plugged) {
+    NTSTATUS status;
+    if (number >= ADAPTER_PORTS) return STATUS_INVALID_PARAMETER;
+    ExAcquireFastMutex(&lock);
+    status = set_plugged(&ports[number], plugged);
+    ExReleaseFastMutex(&lock);
+    return status;
+}
+
+static NTSTATUS NTAPI dispatch_control(PDEVICE_OBJECT device, PIRP irp) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    const ULONG code = stack->Parameters.DeviceIoControl.IoControlCode;
+    if (device != control_device || (code != IOCTL_ADAPTER_PLUG && code != IOCTL_ADAPTER_UNPLUG))
+        return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    if (stack->Parameters.DeviceIoControl.InputBufferLength != sizeof(ULONG))
+        return complete(irp, STATUS_INFO_LENGTH_MISMATCH);
+    return complete(irp, set_port(*(ULONG*)irp->AssociatedIrp.SystemBuffer, code == IOCTL_ADAPTER_PLUG));
+}
+
+static NTSTATUS NTAPI dispatch_power(PDEVICE_OBJECT device, PIRP irp) {
+    PORT* port = port_of(device);
+    if (!port) return complete(irp, STATUS_SUCCESS);
+    PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return PoCallDriver(port->lower, irp);
+}
+
+static void NTAPI unload(PDRIVER_OBJECT driver) {
+    UNREFERENCED_PARAMETER(driver);
+    IoDeleteSymbolicLink(&control_link);
+    IoDeleteDevice(control_device);
+}
+
+static NTSTATUS create_control_device(PDRIVER_OBJECT driver) {
+    NTSTATUS status = IoCreateDevice(driver, sizeof(DEVICE_EXTENSION), &control_name, FILE_DEVICE_UNKNOWN, 0,
+                                     FALSE, &control_device);
+    if (!NT_SUCCESS(status)) return status;
+    status = IoCreateSymbolicLink(&control_link, &control_name);
+    if (!NT_SUCCESS(status)) {
+        IoDeleteDevice(control_device);
+        return status;
+    }
+    control_device->Flags &= ~(ULONG)DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry_path) {
+    UNREFERENCED_PARAMETER(registry_path);
+    ExInitializeFastMutex(&lock);
+    driver->DriverExtension->AddDevice = add_device;
+    driver->DriverUnload = unload;
+    driver->MajorFunction[IRP_MJ_PNP] = dispatch_pnp;
+    driver->MajorFunction[IRP_MJ_POWER] = dispatch_power;
+    driver->MajorFunction[IRP_MJ_CREATE] = dispatch_open_close;
+    driver->MajorFunction[IRP_MJ_CLOSE] = dispatch_open_close;
+    driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch_control;
+    return create_control_device(driver);
+}

@@ -1,0 +1,252 @@
+#include "logdevice_db.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "module_hooks.h"
+
+using korvane::DefaultLogDeviceDatabaseOrvix;
+using korvane::LogDeviceDatabaseOrvix;
+using korvane::LogDeviceName;
+using test_support::ModuleHooks;
+using testing::_;
+using testing::NiceMock;
+using testing::Return;
+using testing::StrEq;
+
+namespace {
+
+template <typename Exception, typename Action>
+std::string TextOf(Action action) {
+    try {
+        action();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    return "no exception";
+}
+
+class MockLibrary : public quelm::Q5orvixIf {
+  public:
+    MOCK_METHOD(void, LoadLib, (), (override));
+    MOCK_METHOD(void, UnloadLib, (), (override));
+    MOCK_METHOD(const char*, GetReturnCodeName, (DWORD), (const, override));
+    MOCK_METHOD(DWORD, LogDeviceExists, (const wchar_t*, DWORD), (override));
+    MOCK_METHOD(DWORD, LogDeviceGetValue, (const wchar_t*, const wchar_t*, wchar_t*, DWORD*), (override));
+    MOCK_METHOD(DWORD, LogDeviceSetNdiValue, (const wchar_t*, const wchar_t*, const wchar_t*), (override));
+    MOCK_METHOD(DWORD, TemplateGetEnum, (const wchar_t*, DWORD, wchar_t*, DWORD*), (override));
+};
+
+class LogDevice : public testing::Test {
+  protected:
+    /// The library answers a read with `value`.
+    void Answer(const std::wstring& value) {
+        ON_CALL(library_, LogDeviceGetValue)
+            .WillByDefault([value](const wchar_t*, const wchar_t*, wchar_t* buffer, DWORD* length) {
+                std::ranges::copy(value, buffer);
+                *length = static_cast<DWORD>(value.length());
+                return 0;
+            });
+    }
+
+    NiceMock<MockLibrary>& library_ = *new NiceMock<MockLibrary>;
+    LogDeviceDatabaseOrvix logDevice_{std::unique_ptr<quelm::Q5orvixIf>(&library_),
+                                      std::make_shared<LogDeviceName>("NX4120(XLI)")};
+};
+
+class DefaultLogDevices : public testing::Test {
+  protected:
+    void Answer(const std::vector<std::wstring>& entries, DWORD endCode = 259) {
+        ON_CALL(library_, TemplateGetEnum)
+            .WillByDefault([=](const wchar_t* type, DWORD index, wchar_t* buffer, DWORD* length) -> DWORD {
+                EXPECT_STREQ(type, L"DefaultLogDevices");
+                EXPECT_EQ(*length, 256u);
+                if (index >= entries.size()) return endCode;
+                std::ranges::copy(entries[index], buffer);
+                *length = static_cast<DWORD>(entries[index].length());
+                return 0;
+            });
+    }
+
+    NiceMock<MockLibrary>& library_ = *new NiceMock<MockLibrary>;
+    DefaultLogDeviceDatabaseOrvix logDevices_{std::unique_ptr<quelm::Q5orvixIf>(&library_)};
+};
+
+}  // namespace
+
+TEST(LogDeviceName, LengthLimits) {
+    EXPECT_EQ(TextOf<std::invalid_argument>([] { LogDeviceName(""); }), "LogDeviceName is empty!");
+    EXPECT_EQ(TextOf<std::invalid_argument>([] { LogDeviceName(std::string(128, 'a')); }),
+              "LogDeviceName is >= 128 !");
+    EXPECT_EQ(LogDeviceName(std::string(127, 'a')).GetLogNameA(), std::string(127, 'a'));
+}
+
+TEST(LogDeviceName, ClassicNameIsTrimmedAndUpperCased) {
+    const LogDeviceName name("  fennlink u3(xli)  ");
+    EXPECT_EQ(name.GetLogNameClassicA(), "FENNLINK U3(XLI)");
+    EXPECT_EQ(name.GetLogNameA(), "FENNLINK U3.XLI.1");
+    EXPECT_EQ(name.GetLogName(), L"FENNLINK U3.XLI.1");
+    EXPECT_EQ(name.GetLogNameClassic(), L"FENNLINK U3(XLI)");
+}
+
+TEST(LogDeviceName, SlashesAreCut) {
+    EXPECT_EQ(LogDeviceName("/NX4120(XLI)/").GetLogNameClassicA(), "NX4120(XLI)");
+    EXPECT_EQ(LogDeviceName("NX4120(XLI)/ABC").GetLogNameClassicA(), "NX4120(XLI)");
+}
+
+TEST(LogDeviceName, NewNameHasNoWayBack) {
+    const LogDeviceName name("NX4120.XLI.1");
+    EXPECT_EQ(name.GetLogNameA(), "NX4120.XLI.1");
+    const std::string text =
+        "LogDevice Name is neither classic format e.g. NX4120(Xli) nor temporary e.g. "
+        "LDCF_TEMP_LOG_DEVICE____!";
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { name.GetLogNameClassicA(); }), text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { name.GetLogNameClassic(); }), text);
+}
+
+TEST(LogDeviceName, UnknownFormatIsKeptAsGiven) {
+    for (const std::string given : {"NX4120.XLI.12", "NX4120.XLI", "  plain name "}) {
+        const LogDeviceName name(given);
+        EXPECT_EQ(name.GetLogNameA(), given);
+        EXPECT_EQ(name.GetLogNameClassicA(), given);
+    }
+}
+
+TEST(LogDeviceName, TemporaryNames) {
+    EXPECT_EQ(LogDeviceName("LDCF_TEMP_LOG_DEVICE____").GetLogNameA(), "LDCF_TEMP_LOG_DEVICE____");
+    EXPECT_EQ(LogDeviceName("ldcf_temp_log_device____17").GetLogNameClassicA(), "LDCF_TEMP_LOG_DEVICE____17");
+    for (const std::string given :
+         {"LDCF_TEMP_LOG_DEVICE___1", "LDCF_TEMP_LOG_DEVICE____X", "LDCF_TEMP_LOG_DEVICE_____1"}) {
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] { LogDeviceName{given}; }),
+                  "Invalid temporary LogDevName")
+            << given;
+    }
+}
+
+TEST(LogDeviceName, ClassicComesBeforeNew) {
+    EXPECT_EQ(LogDeviceName("A.B(C)").GetLogNameA(), "A.B.C.1");
+}
+
+TEST(LogDeviceName, EarlierParenthesisOverwritesWhatFollowsIt) {
+    EXPECT_EQ(LogDeviceName("A(B)C(D)").GetLogNameA(), "A.B.1(D)");
+}
+
+TEST_F(LogDevice, LoadsItsOwnLibrary) {
+    auto library = std::make_unique<MockLibrary>();
+    EXPECT_CALL(*library, LoadLib());
+    const LogDeviceDatabaseOrvix logDevice(std::move(library), std::make_shared<LogDeviceName>("A(B)"));
+}
+
+TEST_F(LogDevice, ReadsAParameterByItsNewName) {
+    EXPECT_CALL(library_, LogDeviceGetValue(StrEq(L"NX4120.XLI.1"), StrEq(L"station"), _, _))
+        .WillOnce([](const wchar_t*, const wchar_t*, wchar_t* buffer, DWORD* length) {
+            EXPECT_EQ(*length, 516u);
+            buffer[0] = L'7';
+            *length = 1;
+            return 0;
+        });
+    EXPECT_EQ(logDevice_.ReadStringParameter(L"station"), L"7");
+}
+
+TEST_F(LogDevice, EmptyParameterNameIsRefused) {
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { logDevice_.ReadStringParameter(L""); }),
+              "ParameterName is EMPTY");
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { logDevice_.EnableFlagNdi(L""); }),
+              "ParameterName is EMPTY");
+}
+
+TEST_F(LogDevice, UnknownLogDeviceCannotBeRead) {
+    ON_CALL(library_, LogDeviceExists).WillByDefault(Return(8012));
+    ON_CALL(library_, LogDeviceGetValue).WillByDefault(Return(8012));
+    EXPECT_FALSE(logDevice_.Exists());
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { logDevice_.ReadStringParameter(L"p"); }),
+              "LogDeviceGetValue() FAILED!");
+}
+
+TEST_F(LogDevice, LongestValueIsReadWhole) {
+    Answer(std::wstring(515, L'v'));
+    EXPECT_EQ(logDevice_.ReadStringParameter(L"p"), std::wstring(515, L'v'));
+}
+
+TEST_F(LogDevice, LongerValueIsAssertedAndStillReturned) {
+    const ModuleHooks hooks;
+    Answer(std::wstring(516, L'v'));
+    EXPECT_EQ(logDevice_.ReadStringParameter(L"p"), std::wstring(516, L'v'));
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"!\"LogDeviceGetValue() HEAP-Corruption!\""}));
+}
+
+TEST_F(LogDevice, OverlongReturnedLengthIsAsserted) {
+    const ModuleHooks hooks;
+    ON_CALL(library_, LogDeviceGetValue).WillByDefault([](auto, auto, wchar_t*, DWORD* length) {
+        *length = 520;
+        return 0;
+    });
+    EXPECT_EQ(logDevice_.ReadStringParameterNdi(L"p"), L"");
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"tmpBufLen < tmpBufLenOrg"}));
+}
+
+TEST_F(LogDevice, NumbersAreReadInBaseTen) {
+    Answer(L"  042x");
+    EXPECT_EQ(logDevice_.ReadParameter(L"p"), 42u);
+    Answer(L"4294967295");
+    EXPECT_EQ(logDevice_.ReadParameterNdi(L"p"), 4294967295u);
+    Answer(L"4294967296");
+    EXPECT_EQ(TextOf<std::out_of_range>([&] { logDevice_.ReadParameter(L"p"); }),
+              "stoul argument out of range");
+    Answer(L"x1");
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { logDevice_.ReadParameter(L"p"); }),
+              "invalid stoul argument");
+}
+
+TEST_F(LogDevice, FlagsAreWrittenByTheNewName) {
+    EXPECT_CALL(library_, LogDeviceSetNdiValue(StrEq(L"NX4120.XLI.1"), StrEq(L"hidden"), StrEq(L"true")));
+    logDevice_.EnableFlagNdi(L"hidden");
+    EXPECT_CALL(library_, LogDeviceSetNdiValue(StrEq(L"NX4120.XLI.1"), StrEq(L"hidden"), StrEq(L"false")));
+    logDevice_.DisableFlagNdi(L"hidden");
+}
+
+TEST_F(LogDevice, FlagNameLimits) {
+    EXPECT_CALL(library_, LogDeviceSetNdiValue).Times(1);
+    logDevice_.EnableFlagNdi(std::wstring(260, L'f'));
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { logDevice_.EnableFlagNdi(std::wstring(261, L'f')); }),
+              "ParameterName is > MAX_PATH");
+}
+
+TEST_F(LogDevice, FailedWriteIsReportedAndTheObjectStaysUsable) {
+    EXPECT_CALL(library_, LogDeviceSetNdiValue).WillOnce(Return(8508)).WillOnce(Return(0));
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { logDevice_.EnableFlagNdi(L"hidden"); }),
+              "LogDeviceSetNdiValue() FAILED!");
+    EXPECT_NO_THROW(logDevice_.EnableFlagNdi(L"hidden"));
+}
+
+TEST_F(LogDevice, ExistsOnlyForCodeZero) {
+    EXPECT_CALL(library_, LogDeviceExists(StrEq(L"NX4120.XLI.1"), 0u))
+        .WillOnce(Return(0))
+        .WillOnce(Return(8012))
+        .WillOnce(Return(8503))
+        .WillOnce(Return(5))
+        .WillOnce(Return(87));
+    EXPECT_TRUE(logDevice_.Exists());
+    for (int i = 0; i < 4; ++i)
+        EXPECT_FALSE(logDevice_.Exists());
+}
+
+TEST_F(DefaultLogDevices, AreListedInClassicSpelling) {
+    Answer({L"/0/LDT-Fennlink U3.xli", L"no such entry", L"LDT-no dot", L"LDT-a.LDT-NX4120.Profibus"});
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"Fennlink U3(XLI)", "NX4120(PROFIBUS)"}));
+}
+
+TEST_F(DefaultLogDevices, EndAtOnceYieldsAnEmptyList) {
+    Answer({});
+    EXPECT_TRUE(logDevices_.Installed().empty());
+}
+
+TEST_F(DefaultLogDevices, OverlongEntryEndsTheList) {
+    Answer({L"LDT-A.b"}, 234);
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)"}));
+}
