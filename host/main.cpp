@@ -1,0 +1,20 @@
+#include <cstdio>
+#include <exception>
+
+#include "command_line.h"
+#include "exception_history.h"
+#include "plug_in.h"
+#include "service_control.h"
+
+int wmain(int argc, wchar_t** argv) {
+    host::LimitLibrarySearch();
+    modul_exception::InitializeExceptionHistory();
+    host::ExitCode result = host::ExitCode::kFailed;
+    try {
+        host::ServiceControl handlers;
+        result = host::RunCommandLine({argv + 1, argv + argc}, handlers);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tessahost: %s\n", error.what());
+    }
+    return static_cast<int>(result);
+}

@@ -1,0 +1,210 @@
+#include "service_control.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+
+#include "service_main.h"
+#include "status_log.h"
+#include "win_convenience.h"
+
+namespace host {
+namespace {
+
+ExitCode Failed(const Options& options, const wchar_t* what, DWORD error) {
+    const wchar_t* name = options.name.c_str();
+    switch (error) {
+        case ERROR_ACCESS_DENIED:
+            std::fwprintf(stderr, L"tessahost: %ls is not allowed; run it as administrator.\n", what);
+            return ExitCode::kNoRights;
+        case ERROR_SERVICE_DOES_NOT_EXIST:
+            std::fwprintf(stderr,
+                          L"tessahost: the service \"%ls\" is not installed; see \"tessahost install\".\n",
+                          name);
+            return ExitCode::kNotInstalled;
+        case ERROR_SERVICE_EXISTS:
+        case ERROR_DUPLICATE_SERVICE_NAME:
+            std::fwprintf(stderr,
+                          L"tessahost: a service \"%ls\" is installed already; remove it first with "
+                          L"\"tessahost uninstall\".\n",
+                          name);
+            return ExitCode::kAlreadyInstalled;
+        case ERROR_SERVICE_MARKED_FOR_DELETE:
+            std::fwprintf(stderr,
+                          L"tessahost: the service \"%ls\" is being removed; close the programs that "
+                          L"show services and try again.\n",
+                          name);
+            return ExitCode::kFailed;
+        case ERROR_SERVICE_ALREADY_RUNNING:
+            std::fwprintf(stderr, L"tessahost: the service \"%ls\" is running already.\n", name);
+            return ExitCode::kAlreadyRunning;
+        case ERROR_SERVICE_NOT_ACTIVE:
+            std::fwprintf(stderr, L"tessahost: the service \"%ls\" is not running.\n", name);
+            return ExitCode::kNotRunning;
+        default:
+            std::fwprintf(stderr, L"tessahost: %ls failed with error %lu.\n", what, error);
+            return ExitCode::kFailed;
+    }
+}
+
+std::wstring FolderOfThisProgram() {
+    const std::wstring self = windows_api::GetModuleFileNameW(nullptr);
+    return self.substr(0, self.rfind(L'\\') + 1);
+}
+
+/// The plug-in's full path; a relative one is taken from the program's folder. Empty if there is no such
+/// file.
+std::wstring PlugInPath(const Options& options) {
+    std::wstring path = options.plugIn.empty() ? L"tessaplug.dll" : options.plugIn;
+    const bool isFull = path.starts_with(L"\\\\") || (path.length() > 2 && path[1] == L':');
+    if (!isFull) path = FolderOfThisProgram() + path;
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    const bool isFile = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+    if (isFile) return path;
+    std::fwprintf(stderr, L"tessahost: there is no plug-in %ls; name it with --plugin.\n", path.c_str());
+    return {};
+}
+
+/// Quoted whole, so that a path with blanks cannot run another program.
+std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn) {
+    const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
+    return quoted(windows_api::GetModuleFileNameW(nullptr)) + L" run --name " + quoted(options.name) +
+           L" --plugin " + quoted(plugIn) + L" --log " +
+           quoted(options.log.empty() ? DefaultLogPath() : options.log);
+}
+
+void PrintState(const SERVICE_STATUS_PROCESS& status) {
+    std::wprintf(L"%-13ls  check point %lu\n", StateName(status.dwCurrentState), status.dwCheckPoint);
+}
+
+}  // namespace
+
+template <typename Use>
+ExitCode ServiceControl::WithManager(DWORD access, Use use) {
+    const UniqueServiceHandle manager(advapi32_->OpenSCManagerW(nullptr, nullptr, access));
+    if (!manager) return Failed({}, L"opening the service manager", ::GetLastError());
+    return use(manager.get());
+}
+
+template <typename Use>
+ExitCode ServiceControl::WithService(const Options& options, DWORD access, Use use) {
+    return WithManager(SC_MANAGER_CONNECT, [&](SC_HANDLE manager) {
+        const UniqueServiceHandle service(advapi32_->OpenServiceW(manager, options.name.c_str(), access));
+        if (!service) return Failed(options, L"opening the service", ::GetLastError());
+        return use(service.get());
+    });
+}
+
+ExitCode ServiceControl::Install(const Options& options) {
+    const std::wstring plugIn = PlugInPath(options);
+    if (plugIn.empty()) return ExitCode::kFailed;
+    return WithManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE, [&](SC_HANDLE manager) {
+        const UniqueServiceHandle service(advapi32_->CreateServiceW_Reduced(
+            manager, options.name.c_str(), options.displayName.c_str(),
+            ServiceCommandLine(options, plugIn).c_str(),
+            options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
+        if (!service) return Failed(options, L"installing the service", ::GetLastError());
+        std::wprintf(L"Service \"%ls\" installed with %ls\n", options.name.c_str(), plugIn.c_str());
+        return ExitCode::kSuccess;
+    });
+}
+
+ExitCode ServiceControl::Uninstall(const Options& options) {
+    return WithService(options, DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS, [&](SC_HANDLE service) {
+        SERVICE_STATUS_PROCESS status = {};
+        if (Query(service, status) && status.dwCurrentState != SERVICE_STOPPED) {
+            const ExitCode stopped = StopAndWait(service, options);
+            if (stopped != ExitCode::kSuccess) return stopped;
+        }
+        if (!advapi32_->DeleteService(service))
+            return Failed(options, L"removing the service", ::GetLastError());
+        std::wprintf(L"Service \"%ls\" removed\n", options.name.c_str());
+        return ExitCode::kSuccess;
+    });
+}
+
+ExitCode ServiceControl::Start(const Options& options) {
+    return WithService(options, SERVICE_START | SERVICE_QUERY_STATUS, [&](SC_HANDLE service) {
+        if (!advapi32_->StartServiceW(service, 0, nullptr))
+            return Failed(options, L"starting the service", ::GetLastError());
+        return WaitFor(service, SERVICE_RUNNING, options);
+    });
+}
+
+ExitCode ServiceControl::Stop(const Options& options) {
+    return WithService(options, SERVICE_STOP | SERVICE_QUERY_STATUS,
+                       [&](SC_HANDLE service) { return StopAndWait(service, options); });
+}
+
+ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) {
+    SERVICE_STATUS status = {};
+    if (!advapi32_->ControlService(service, SERVICE_CONTROL_STOP, &status))
+        return Failed(options, L"stopping the service", ::GetLastError());
+    return WaitFor(service, SERVICE_STOPPED, options);
+}
+
+ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options& options) {
+    // The service manager has no event for a state; what it advises is to ask again.
+    constexpr DWORD kPollInterval = 20;
+    const auto deadline = std::chrono::steady_clock::now() + timeOut_;
+    DWORD lastState = 0;
+    DWORD lastCheckPoint = 0;
+    for (;;) {
+        SERVICE_STATUS_PROCESS status = {};
+        if (!Query(service, status))
+            return Failed(options, L"asking for the service's state", ::GetLastError());
+        if (status.dwCurrentState != lastState || status.dwCheckPoint != lastCheckPoint) PrintState(status);
+        lastState = status.dwCurrentState;
+        lastCheckPoint = status.dwCheckPoint;
+        if (lastState == wanted) return ExitCode::kSuccess;
+        if (lastState == SERVICE_STOPPED) {
+            std::fwprintf(
+                stderr,
+                L"tessahost: the service ended with error %lu (its own code: %lu); the reason is in "
+                L"its log file and in the Application log.\n",
+                status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+            return ExitCode::kFailed;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            std::fwprintf(stderr, L"tessahost: the service is still in state %ls; look into its log file.\n",
+                          StateName(lastState));
+            return ExitCode::kTimedOut;
+        }
+        ::Sleep(kPollInterval);
+    }
+}
+
+bool ServiceControl::Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status) {
+    DWORD needed = 0;
+    return advapi32_->QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                           sizeof status, &needed) != FALSE;
+}
+
+ExitCode ServiceControl::Status(const Options& options) {
+    return WithService(options, SERVICE_QUERY_STATUS, [&](SC_HANDLE service) {
+        SERVICE_STATUS_PROCESS status = {};
+        if (!Query(service, status))
+            return Failed(options, L"asking for the service's state", ::GetLastError());
+        if (options.json)
+            std::wprintf(
+                L"{\"name\":\"%ls\",\"state\":\"%ls\",\"processId\":%lu,\"exitCode\":%lu,"
+                L"\"serviceExitCode\":%lu}\n",
+                options.name.c_str(), StateName(status.dwCurrentState), status.dwProcessId,
+                status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+        else
+            std::wprintf(L"service    %ls\nstate      %ls\nprocess    %lu\nexit code  %lu (its own: %lu)\n",
+                         options.name.c_str(), StateName(status.dwCurrentState), status.dwProcessId,
+                         status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+        return ExitCode::kSuccess;
+    });
+}
+
+ExitCode ServiceControl::Run(const Options& options) {
+    Options complete = options;
+    if (complete.log.empty()) complete.log = DefaultLogPath();
+    if (complete.plugIn.empty()) complete.plugIn = FolderOfThisProgram() + L"tessaplug.dll";
+    return RunService(complete);
+}
+
+}  // namespace host

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "command_line.h"
+#include "unique_handle.h"
+#include "win_api.h"
+
+namespace host {
+
+/// The commands, done through the service manager.
+class ServiceControl : public CommandHandlersIf {
+  public:
+    explicit ServiceControl(
+        std::shared_ptr<windows_api::Advapi32> advapi32 = std::make_shared<windows_api::Advapi32>(),
+        std::chrono::milliseconds timeOut = std::chrono::seconds(30))
+        : advapi32_(std::move(advapi32)), timeOut_(timeOut) {}
+
+    ExitCode Install(const Options& options) override;
+    ExitCode Uninstall(const Options& options) override;
+    ExitCode Start(const Options& options) override;
+    ExitCode Stop(const Options& options) override;
+    ExitCode Status(const Options& options) override;
+    ExitCode Run(const Options& options) override;
+
+  private:
+    /// Calls `use` with the opened service; tells why it cannot be opened.
+    template <typename Use>
+    ExitCode WithService(const Options& options, DWORD access, Use use);
+    template <typename Use>
+    ExitCode WithManager(DWORD access, Use use);
+    bool Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
+    ExitCode StopAndWait(SC_HANDLE service, const Options& options);
+    ExitCode WaitFor(SC_HANDLE service, DWORD wanted, const Options& options);
+
+    std::shared_ptr<windows_api::Advapi32> advapi32_;
+    std::chrono::milliseconds timeOut_;
+};
+
+}  // namespace host

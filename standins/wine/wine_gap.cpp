@@ -1,0 +1,56 @@
+#include "wine_gap.h"
+
+namespace wine_gap {
+
+MachineLock::MachineLock(const wchar_t* name) {
+    SECURITY_DESCRIPTOR everyone;
+    ::InitializeSecurityDescriptor(&everyone, SECURITY_DESCRIPTOR_REVISION);
+    ::SetSecurityDescriptorDacl(&everyone, TRUE, nullptr, FALSE);
+    SECURITY_ATTRIBUTES attributes = {sizeof attributes, &everyone, FALSE};
+    mutex_ = ::CreateMutexW(&attributes, FALSE, name);
+    if (mutex_ != nullptr) ::WaitForSingleObject(mutex_, INFINITE);
+}
+
+MachineLock::~MachineLock() {
+    if (mutex_ == nullptr) return;
+    ::ReleaseMutex(mutex_);
+    ::CloseHandle(mutex_);
+}
+
+std::wstring DataFolder() {
+    wchar_t windows[MAX_PATH] = {};
+    ::GetSystemWindowsDirectoryW(windows, MAX_PATH);
+    std::wstring folder = std::wstring(windows) + L"\\winegap";
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+    return folder;
+}
+
+namespace {
+
+DWORD ReplaceAll(const std::vector<Replacement>& replacements) {
+    for (const Replacement& replacement : replacements)
+        if (const DWORD result = Replace(replacement); result != ERROR_SUCCESS) return result;
+    return ERROR_SUCCESS;
+}
+
+DWORD Start() {
+    // What was patched cannot be taken back while others hold its addresses: stay loaded.
+    HMODULE self = nullptr;
+    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                         reinterpret_cast<const wchar_t*>(&Start), &self);
+    for (const auto& replacements : {DeviceNotificationReplacements(), EventLogReplacements(),
+                                     TraceProviderReplacements(), TraceControllerReplacements()})
+        if (const DWORD result = ReplaceAll(replacements); result != ERROR_SUCCESS) return result;
+    if (const DWORD result = StartDeviceNotifications(); result != ERROR_SUCCESS) return result;
+    return StartTraceProviders();
+}
+
+}  // namespace
+}  // namespace wine_gap
+
+/// Puts everything in place; once for each process, later calls return the first one's result.
+/// @return ERROR_SUCCESS or a system error code
+extern "C" DWORD WINAPI WineGapStart() {
+    static const DWORD result = wine_gap::Start();
+    return result;
+}
