@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-    clang-19 lld-19 clang-tidy-19 clang-format-19 llvm-19
+    clang-19 lld-19 clang-tidy-19 clang-format-19
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
     ninja-build cmake googletest python3 git
     wine64

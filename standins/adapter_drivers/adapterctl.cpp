@@ -62,11 +62,14 @@ int PlugOrUnplug(bool plug, const std::wstring& name, const std::wstring& portTe
     const auto models = Selected(name);
     if (models.size() != 1 || (portText != L"0" && portText != L"1")) return Usage();
     const DWORD port = portText == L"1" ? 1 : 0;
+    SYSTEMTIME now = {};
+    ::GetLocalTime(&now);
     if (plug)
         adapter_control::Plug(*models[0], port);
     else
         adapter_control::Unplug(*models[0], port);
-    std::wprintf(L"%ls %ls port %lu\n", models[0]->displayedName, plug ? L"plugged into" : L"unplugged from",
+    std::wprintf(L"%02d:%02d:%02d.%03d  %ls %ls port %lu\n", now.wHour, now.wMinute, now.wSecond,
+                 now.wMilliseconds, models[0]->displayedName, plug ? L"plugged into" : L"unplugged from",
                  port);
     return kSuccess;
 }

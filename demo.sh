@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# Shows the plug-in at work on a fresh machine: the service starts, adapters are plugged in and out, and their
+# access points follow. Ends with an error if any of it does not happen.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+scripts/setup.sh
+. scripts/machine.sh
+
+bold=$(tput bold 2>/dev/null || true)
+plain=$(tput sgr0 2>/dev/null || true)
+heading() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
+fail() { echo "demo: $*" >&2; exit 1; }
+
+heading "Building"
+cmake --workflow --preset release >build-demo.log 2>&1 || { tail -40 build-demo.log >&2; fail "the build failed"; }
+rm build-demo.log
+ls -l build/release/bin/tessaplug.dll | awk '{printf "tessaplug.dll  %.0f KB\n", $5 / 1024}'
+
+heading "A fresh machine with the stand-ins of a station"
+machine_new "$PWD/build/machine-demo"
+mkdir -p "$WINEPREFIX/drive_c/tessaplug" "$WINEPREFIX/drive_c/korvane/bin"
+cp -r build/release/bin/{tessaplug.dll,tessahost.exe,tessactl.exe,winegap.dll,q5config.exe,adapterctl.exe,adapters.inf,fenlu3.sys,nx4120.sys,tmf} \
+    "$WINEPREFIX/drive_c/tessaplug"
+cp build/release/bin/q5orvix64x.dll "$WINEPREFIX/drive_c/korvane/bin"
+
+run() { machine "C:\\tessaplug\\$1.exe" "${@:2}" | tr -d '\r'; }
+# Waits until every access point of a model has a state; the argument is the model as the list shows it.
+wait_for() {
+    for _ in $(seq 100); do
+        local points
+        points=$(run q5config list | grep "^$1(")
+        [ "$(grep -c " $2\$" <<<"$points")" -eq 5 ] && return
+        sleep 0.05
+    done
+    run q5config list >&2
+    fail "the access points of $1 are not $2"
+}
+# Shows the access points; what changed since the last time is marked.
+show_points() {
+    run q5config list >"$WINEPREFIX/points.new"
+    diff --unchanged-line-format='    %L' --old-line-format='' --new-line-format='  > %L' \
+        "$WINEPREFIX/points" "$WINEPREFIX/points.new" || true
+    mv "$WINEPREFIX/points.new" "$WINEPREFIX/points"
+}
+# Milliseconds from plugging to the last access point's change, from the time stamps of both.
+elapsed() {
+    python3 - "$1" "$2" <<'PYTHON'
+import sys
+def ms(line):
+    h, m, s = line.split()[0].split(":")
+    return round((int(h) * 60 + int(m)) * 60000 + float(s) * 1000)
+changes = [line for line in open(sys.argv[2], errors="replace").read().splitlines() if line.strip()]
+print(f"{len(changes)} access points changed; the last {ms(changes[-1]) - ms(sys.argv[1])} ms after the request")
+PYTHON
+}
+# Plugs or unplugs a model and waits for its access points.
+plug() { # plug|unplug MODEL LISTED-NAME visible|hidden
+    run q5config watch 3 >"$WINEPREFIX/changes" &
+    local watcher=$!
+    sleep 0.5 # until the watch has begun
+    local request
+    request=$(run adapterctl "$1" "$2")
+    echo "$request"
+    wait_for "$3" "$4"
+    wait "$watcher"
+    [ -s "$WINEPREFIX/changes" ] || fail "no change was seen"
+    elapsed "$request" "$WINEPREFIX/changes"
+    show_points
+}
+
+run adapterctl install
+run q5config register 'C:\korvane'
+run q5config init
+run adapterctl status
+: >"$WINEPREFIX/points"
+show_points
+
+heading "Installing and starting the service"
+run tessahost install
+run tessahost start
+log="$WINEPREFIX/drive_c/ProgramData/Tessaplug/tessahost.log"
+echo "as the service reported it:"
+sed 's/^[^ ]* /  /' "$log" | tr -d '\r'
+grep -q 'RUNNING' "$log" || fail "the service did not report RUNNING"
+[ "$(grep -c 'START_PENDING' "$log")" -eq 5 ] || fail "the start did not report its steps"
+
+heading "Plugging in an NX4120"
+plug plug NX4120 NX4120 visible
+
+heading "Plugging in a Fennlink U3, with its trace"
+run tessactl trace start --level 4 --flags 9
+plug plug FennlinkU3 'FENNLINK U3' visible
+run tessactl trace stop
+run tessactl trace decode >"$WINEPREFIX/trace.txt"
+grep -q 'Unhide Fennlink U3(XLI)' "$WINEPREFIX/trace.txt" || fail "the trace does not show the arrival"
+echo "$(wc -l <"$WINEPREFIX/trace.txt") trace messages; the plug-in's own:"
+grep ' tessaplug_' "$WINEPREFIX/trace.txt" | cut -c1-150
+
+heading "Unplugging both"
+plug unplug NX4120 NX4120 hidden
+plug unplug FennlinkU3 'FENNLINK U3' hidden
+
+heading "Stopping the service"
+run tessahost stop
+tail -5 "$log" | sed 's/^[^ ]* /  /' | tr -d '\r'
+grep -q 'STOPPED' "$log" || fail "the service did not report STOPPED"
+
+heading "The Application log"
+run tessactl log | tee "$WINEPREFIX/log.txt"
+grep -q '0x00000100  The adapter service plug-in has started' "$WINEPREFIX/log.txt" ||
+    fail "the Application log does not tell of the start"
+
+heading "Removing it"
+run tessahost uninstall
+run adapterctl uninstall
+
+heading "Everything happened as it should."

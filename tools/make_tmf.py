@@ -1,0 +1,169 @@
+#!/usr/bin/env python3
+"""Collects the trace texts that stand beside the trace points into trace message format files.
+
+usage: make_tmf.py OUTPUT_FOLDER SOURCE...
+
+A source file that traces states its path, message GUID and channel in TRACE_SOURCE; its trace points are
+TRACE_ERROR, TRACE_WARNING, TRACE_INFO and TRACE_VERBOSE with a number and a text. One file GUID.tmf is written
+for each message GUID; files of GUIDs that no source has any more are removed. What is wrong with a source ends
+the program with a message that names file and line.
+"""
+
+import pathlib
+import re
+import sys
+
+LEVELS = {"ERROR": 2, "WARNING": 3, "INFO": 4, "VERBOSE": 5}
+FLAGS = {
+    "trace::kSharedTools": 0x1,
+    "trace::kModule": 0x1,
+    "trace::kFunctionEntryAndExit": 0x4,
+    "trace::kLogDeviceConfiguration": 0x8,
+}
+# Conversion of a trace text: item type and conversion of the format file.
+ITEMS = {
+    "d": ("ItemLong", "d"),
+    "u": ("ItemLong", "u"),
+    "x": ("ItemLong", "x"),
+    "lld": ("ItemLongLong", "I64d"),
+    "llu": ("ItemULongLong", "I64u"),
+    "llx": ("ItemULongLong", "I64x"),
+    "p": ("ItemPtr", "p"),
+    "s": ("ItemString", "s"),
+    "S": ("ItemWString", "s"),
+}
+FIRST_NUMBER = 10
+
+STRING = r'"(?:[^"\\]|\\.)*"'
+SOURCE = re.compile(rf'\bTRACE_SOURCE\(\s*({STRING})\s*,\s*({STRING})\s*,\s*([\w:]+)\s*\)')
+POINT = re.compile(r"\bTRACE_(ERROR|WARNING|INFO|VERBOSE)\(\s*")
+NUMBER_AND_TEXT = re.compile(rf"(\d+)\s*,\s*((?:{STRING}\s*)+)(?=[,)])")
+CONVERSION = re.compile(r"%(%|(?:ll)?[a-zA-Z])")
+
+
+class SourceError(Exception):
+    """A source that cannot be understood."""
+
+
+def without_comments(text):
+    """The same text with comments blanked, lines kept."""
+    pattern = re.compile(rf"{STRING}|//[^\n]*|/\*.*?\*/", re.S)
+
+    def blank(match):
+        found = match.group(0)
+        return found if found.startswith('"') else re.sub(r"[^\n]", " ", found)
+
+    return pattern.sub(blank, text)
+
+
+def literal(text):
+    """The characters of one or more adjoining string literals."""
+    return "".join(part[1:-1] for part in re.findall(STRING, text)).replace('\\"', '"').replace("\\\\", "\\")
+
+
+def format_text(text):
+    """A trace text with numbered conversions, and its items."""
+    items = []
+
+    def numbered(match):
+        conversion = match.group(1)
+        if conversion == "%":
+            return "%%"
+        if conversion not in ITEMS:
+            raise SourceError(f"unknown conversion %{conversion}")
+        item, spelled = ITEMS[conversion]
+        items.append(item)
+        return f"%{FIRST_NUMBER + len(items) - 1}!{spelled}!"
+
+    return CONVERSION.sub(numbered, text), items
+
+
+class TracedSource:
+    """What one source file says about its messages."""
+
+    def __init__(self, path):
+        self.path = path
+        self.text = without_comments(pathlib.Path(path).read_text(encoding="utf-8"))
+        self.guid = None
+        self.points = []
+        source = SOURCE.search(self.text)
+        if source:
+            self.guid = literal(source.group(2)).lower()
+            self.name = literal(source.group(1)).rsplit("\\", 1)[-1]
+            if source.group(3) not in FLAGS:
+                self.fail(source.start(), f"unknown channel {source.group(3)}")
+            self.flags = FLAGS[source.group(3)]
+        self.collect_points(source)
+
+    def fail(self, position, message):
+        line = self.text.count("\n", 0, position) + 1
+        raise SourceError(f"{self.path}:{line}: {message}")
+
+    def collect_points(self, source):
+        numbers = set()
+        for point in POINT.finditer(self.text):
+            at = point.start()
+            if not source or at < source.start():
+                self.fail(at, "a trace point needs TRACE_SOURCE above it")
+            found = NUMBER_AND_TEXT.match(self.text, point.end())
+            if not found:
+                self.fail(at, "a trace point needs a number and a string literal")
+            number = int(found.group(1))
+            if number < FIRST_NUMBER:
+                self.fail(at, f"trace point {number}: numbers begin at {FIRST_NUMBER}")
+            if number in numbers:
+                self.fail(at, f"trace point {number} stands twice in this file")
+            numbers.add(number)
+            try:
+                text, items = format_text(literal(found.group(2)))
+            except SourceError as error:
+                self.fail(at, f"trace point {number}: {error}")
+            line = self.text.count("\n", 0, at) + 1
+            self.points.append((number, line, LEVELS[point.group(1)], text, items))
+
+    def tmf(self):
+        """The text of the format file."""
+        lines = [f"{self.guid} {self.name} // SRC={self.name}.cpp MJ= MN="]
+        for number, line, level, text, items in sorted(self.points):
+            lines.append(f'#typev {self.name}_cpp{line} {number} "%0{text}" //   LEVEL={level} FLAGS=0x{self.flags:x}')
+            lines.append("{")
+            lines += [f"Arg, {item} -- {FIRST_NUMBER + i}" for i, item in enumerate(items)]
+            lines.append("}")
+        return "\n".join(lines) + "\n"
+
+
+def write_if_changed(path, text):
+    if not path.exists() or path.read_text(encoding="utf-8") != text:
+        path.write_text(text, encoding="utf-8")
+
+
+def make(folder, sources):
+    folder = pathlib.Path(folder)
+    traced = [source for source in map(TracedSource, sources) if source.guid]
+    by_guid = {}
+    for source in traced:
+        if source.guid in by_guid:
+            raise SourceError(f"{source.path}: its message GUID is that of {by_guid[source.guid].path}")
+        by_guid[source.guid] = source
+    folder.mkdir(parents=True, exist_ok=True)
+    for source in traced:
+        write_if_changed(folder / f"{source.guid}.tmf", source.tmf())
+    for old in folder.glob("*.tmf"):
+        if old.stem not in by_guid:
+            old.unlink()
+
+
+def main(arguments):
+    if len(arguments) < 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    try:
+        make(arguments[0], arguments[1:])
+    except (SourceError, OSError) as error:
+        print(f"make_tmf: {error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,71 @@
+#include <cstdio>
+#include <exception>
+
+#include "commands.h"
+#include "exception_history.h"
+#include "tmf_catalog.h"
+#include "wine_gap_loader.h"
+
+// tessactl: the operator's and engineer's tool.
+namespace tessactl {
+namespace {
+
+struct Command {
+    const wchar_t* name;
+    ExitCode (*run)(const Arguments&);
+    const wchar_t* help;
+};
+
+constexpr Command kCommands[] = {
+    {L"log", &Log,
+     L"  log [--source NAME] [--log NAME] [--json]\n"
+     L"      shows the plug-in's entries of the Application log as sentences\n"},
+    {L"trace", &Trace,
+     L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS]\n"
+     L"      starts recording the plug-in's trace; LEVEL 2 errors, 3 warnings, 4 information, 5 everything "
+     L"(the\n"
+     L"      default); FLAGS adds up 1 messages, 4 function entry and exit, 8 log-device configuration (all "
+     L"of\n"
+     L"      them unless told otherwise)\n"
+     L"  trace stop\n"
+     L"      ends the recording\n"
+     L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE]\n"
+     L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing\n"},
+};
+
+void PrintHelp() {
+    std::fputws(L"tessactl: looks after the adapter plug-in\n\n", stdout);
+    for (const Command& command : kCommands)
+        std::fputws(command.help, stdout);
+}
+
+ExitCode Run(const Arguments& arguments) {
+    if (arguments.empty()) return UsageError(L"a command is missing");
+    if (arguments[0] == L"help" || arguments[0] == L"--help") {
+        PrintHelp();
+        return ExitCode::kSuccess;
+    }
+    for (const Command& command : kCommands)
+        if (arguments[0] == command.name) return command.run({arguments.begin() + 1, arguments.end()});
+    return UsageError(L"unknown command " + arguments[0]);
+}
+
+}  // namespace
+
+ExitCode UsageError(const std::wstring& what) {
+    std::fwprintf(stderr, L"tessactl: %ls\nTry \"tessactl help\".\n", what.c_str());
+    return ExitCode::kUsage;
+}
+
+}  // namespace tessactl
+
+int wmain(int argc, wchar_t** argv) {
+    modul_exception::InitializeExceptionHistory();
+    LoadWineGap();
+    try {
+        return static_cast<int>(tessactl::Run({argv + 1, argv + argc}));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tessactl: %s\n", error.what());
+        return static_cast<int>(tessactl::ExitCode::kFailed);
+    }
+}

@@ -1,0 +1,86 @@
+#include "tmf_catalog.h"
+
+#include <windows.h>
+#include <objbase.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+GUID GuidFrom(const std::string& text, const std::string& name) {
+    GUID guid = {};
+    const std::wstring braced = L"{" + toolbox::StringToWstring(text) + L"}";
+    if (FAILED(::CLSIDFromString(braced.c_str(), &guid)))
+        throw ToolError(name + ": its first line has no message GUID");
+    return guid;
+}
+
+std::string ContentOf(const std::wstring& path) {
+    std::ifstream file(toolbox::WstringToString(path), std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    if (!file) throw ToolError(toolbox::WstringToString(path) + " cannot be read");
+    return content.str();
+}
+
+}  // namespace
+
+bool GuidLess::operator()(const GUID& a, const GUID& b) const {
+    return std::memcmp(&a, &b, sizeof a) < 0;
+}
+
+TmfCatalog TmfCatalog::FromFolder(const std::wstring& folder) {
+    TmfCatalog catalog;
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = ::FindFirstFileW((folder + L"\\*.tmf").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE)
+        throw ToolError("There are no .tmf files in " + toolbox::WstringToString(folder) +
+                        "; name the folder that came with the plug-in with --tmf.");
+    const std::unique_ptr<void, decltype(&::FindClose)> owner(search, &::FindClose);
+    do {
+        const std::wstring path = folder + L"\\" + found.cFileName;
+        catalog.Add(ContentOf(path), toolbox::WstringToString(path));
+    } while (::FindNextFileW(search, &found));
+    return catalog;
+}
+
+void TmfCatalog::Add(const std::string& text, const std::string& name) {
+    static const std::regex kHead(R"(^(\S+) (\S+) //.*)");
+    static const std::regex kMessage(R"re(^#typev \S+ (\d+) "%0(.*)" //.*LEVEL=(\d+).*)re");
+    static const std::regex kItem(R"(^\S+, (Item\w+) -- \d+\s*)");
+    std::istringstream lines(text);
+    std::string line;
+    std::smatch match;
+    if (!std::getline(lines, line) || !std::regex_match(line, match, kHead))
+        throw ToolError(name + " is no trace message format file");
+    auto& messages = messages_[GuidFrom(match[1], name)];
+    const std::string source = match[2];
+    TmfMessage* current = nullptr;
+    while (std::getline(lines, line)) {
+        if (line.ends_with('\r')) line.pop_back();
+        if (std::regex_match(line, match, kMessage)) {
+            current = &messages[static_cast<unsigned int>(std::stoul(match[1]))];
+            *current = {source, match[2], {}, static_cast<unsigned int>(std::stoul(match[3]))};
+        } else if (current != nullptr && std::regex_match(line, match, kItem)) {
+            current->items.push_back(match[1]);
+        } else if (!line.empty() && line != "{" && line != "}" && !line.starts_with("//")) {
+            throw ToolError(name + ": not understood: " + line);
+        }
+    }
+}
+
+const TmfMessage* TmfCatalog::Find(const GUID& messageGuid, unsigned int number) const {
+    const auto file = messages_.find(messageGuid);
+    if (file == messages_.end()) return nullptr;
+    const auto message = file->second.find(number);
+    return message != file->second.end() ? &message->second : nullptr;
+}
+
+}  // namespace tessactl

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tessactl {
+
+/// Something that the tool cannot work with, told in words.
+class ToolError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The description of one trace message, from a .tmf file.
+struct TmfMessage {
+    std::string source;              ///< name of the source file, e.g. "tessaplug_pnp"
+    std::string text;                ///< with conversions such as %10!u!
+    std::vector<std::string> items;  ///< "ItemLong", "ItemString"... of %10, %11...
+    unsigned int level = 0;          ///< 2 error to 5 verbose
+};
+
+struct GuidLess {
+    bool operator()(const GUID& a, const GUID& b) const;
+};
+
+/// All messages of a folder of .tmf files.
+class TmfCatalog {
+  public:
+    /// @throws ToolError if the folder has no .tmf file or one is not understood
+    static TmfCatalog FromFolder(const std::wstring& folder);
+
+    /// Adds the messages of one file.
+    /// @param name of the file, for errors
+    /// @throws ToolError if the text is not understood
+    void Add(const std::string& text, const std::string& name);
+    /// Null if the message is not known.
+    const TmfMessage* Find(const GUID& messageGuid, unsigned int number) const;
+
+  private:
+    std::map<GUID, std::map<unsigned int, TmfMessage>, GuidLess> messages_;
+};
+
+}  // namespace tessactl

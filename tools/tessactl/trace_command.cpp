@@ -1,0 +1,161 @@
+#include <windows.h>
+#include <evntrace.h>
+
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <fstream>
+#include <iostream>
+#include <map>
+
+#include "commands.h"
+#include "toolbox.h"
+#include "trace_decoder.h"
+#include "win_convenience.h"
+
+namespace tessactl {
+namespace {
+
+constexpr wchar_t kSessionName[] = L"tessaplug";
+constexpr GUID kControlGuids[] = {
+    {0xadc03568, 0x3c4e, 0x4804, {0x97, 0x10, 0x96, 0x8b, 0x39, 0x9e, 0x7f, 0x56}},
+    {0xee8c6c7c, 0x3531, 0x4072, {0xa8, 0x29, 0xd7, 0x41, 0xb5, 0x89, 0xe5, 0xa2}},
+};
+
+using Options = std::map<std::wstring, std::wstring>;
+
+/// Splits "--name value" pairs off; what is left comes back under the empty name.
+bool ParseOptions(const Arguments& arguments, const std::vector<std::wstring>& known, Options& options) {
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        if (!arguments[i].starts_with(L"--")) {
+            if (!options[L""].empty()) return UsageError(L"one file only, please"), false;
+            options[L""] = arguments[i];
+            continue;
+        }
+        bool isKnown = false;
+        for (const std::wstring& name : known)
+            isKnown |= arguments[i] == name;
+        if (!isKnown || i + 1 == arguments.size())
+            return UsageError((isKnown ? L"a value is missing behind " : L"unknown option ") + arguments[i]),
+                   false;
+        options[arguments[i]] = arguments[i + 1];
+        ++i;
+    }
+    return true;
+}
+
+std::wstring DefaultFile() {
+    wchar_t folder[MAX_PATH] = {};
+    ::GetEnvironmentVariableW(L"ProgramData", folder, MAX_PATH);
+    const std::wstring own = std::wstring(folder) + L"\\Tessaplug";
+    ::CreateDirectoryW(own.c_str(), nullptr);
+    return own + L"\\tessaplug.etl";
+}
+
+/// The session's properties with room for its names behind them.
+struct SessionProperties {
+    EVENT_TRACE_PROPERTIES head = {};
+    wchar_t logFile[1024] = {};
+    wchar_t name[256] = {};
+
+    explicit SessionProperties(const std::wstring& file) {
+        head.Wnode.BufferSize = sizeof *this;
+        head.Wnode.Flags = WNODE_FLAG_TRACED_GUID;
+        head.Wnode.ClientContext = 1;  // query performance counter
+        head.LogFileMode = EVENT_TRACE_FILE_MODE_SEQUENTIAL;
+        head.LogFileNameOffset = offsetof(SessionProperties, logFile);
+        head.LoggerNameOffset = offsetof(SessionProperties, name);
+        file.copy(logFile, ARRAYSIZE(logFile) - 1);
+    }
+};
+
+ExitCode Failed(const wchar_t* what, ULONG error) {
+    switch (error) {
+        case ERROR_ACCESS_DENIED:
+            std::fwprintf(stderr, L"tessactl: %ls is not allowed; run it as administrator.\n", what);
+            return ExitCode::kNoRights;
+        case ERROR_ALREADY_EXISTS:
+            std::fputws(L"tessactl: a recording is running already; end it with \"tessactl trace stop\".\n",
+                        stderr);
+            return ExitCode::kFailed;
+        case ERROR_WMI_INSTANCE_NOT_FOUND:
+            std::fputws(L"tessactl: no recording is running.\n", stderr);
+            return ExitCode::kFailed;
+        default:
+            std::fwprintf(stderr, L"tessactl: %ls failed with error %lu.\n", what, error);
+            return ExitCode::kFailed;
+    }
+}
+
+ExitCode Stop() {
+    SessionProperties properties(L"");
+    const ULONG result = ::ControlTraceW(0, kSessionName, &properties.head, EVENT_TRACE_CONTROL_STOP);
+    return result == ERROR_SUCCESS ? ExitCode::kSuccess : Failed(L"ending the recording", result);
+}
+
+ExitCode Start(const Arguments& arguments) {
+    Options options;
+    if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags"}, options)) return ExitCode::kUsage;
+    const std::wstring file = options.contains(L"--file") ? options[L"--file"] : DefaultFile();
+    const ULONG level =
+        options.contains(L"--level") ? std::wcstoul(options[L"--level"].c_str(), nullptr, 0) : 5;
+    const ULONG flags =
+        options.contains(L"--flags") ? std::wcstoul(options[L"--flags"].c_str(), nullptr, 0) : 0xFFFFFFFF;
+    if (level < 1 || level > 5) return UsageError(L"the level is 2, 3, 4 or 5");
+    SessionProperties properties(file);
+    TRACEHANDLE session = 0;
+    if (const ULONG result = ::StartTraceW(&session, kSessionName, &properties.head); result != ERROR_SUCCESS)
+        return Failed(L"starting the recording", result);
+    for (const GUID& guid : kControlGuids) {
+        const ULONG result = ::EnableTrace(TRUE, flags, level, &guid, session);
+        if (result == ERROR_SUCCESS) continue;
+        Stop();
+        return Failed(L"enabling the plug-in's trace", result);
+    }
+    std::wprintf(L"Recording into %ls\n", file.c_str());
+    return ExitCode::kSuccess;
+}
+
+std::wstring DefaultTmfFolder() {
+    const std::wstring self = windows_api::GetModuleFileNameW(nullptr);
+    return self.substr(0, self.rfind(L'\\')) + L"\\tmf";
+}
+
+ExitCode DecodeRecording(const Arguments& arguments) {
+    Options options;
+    if (!ParseOptions(arguments, {L"--tmf", L"--format", L"--output"}, options)) return ExitCode::kUsage;
+    const std::wstring format = options.contains(L"--format") ? options[L"--format"] : L"text";
+    if (format != L"text" && format != L"chrome") return UsageError(L"the format is text or chrome");
+    const std::wstring file = options[L""].empty() ? DefaultFile() : options[L""];
+    const auto catalog =
+        TmfCatalog::FromFolder(options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder());
+    std::ofstream outputFile;
+    if (options.contains(L"--output")) {
+        outputFile.open(toolbox::WstringToString(options[L"--output"]), std::ios::binary);
+        if (!outputFile)
+            throw ToolError(toolbox::WstringToString(options[L"--output"]) + " cannot be written");
+    }
+    std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
+    ChromeTraceWriter chrome;
+    ReadRecording(file, [&](const RecordedMessage& message) {
+        const DecodedMessage decoded = Decode(catalog, message);
+        if (format == L"chrome")
+            chrome.Add(message, decoded);
+        else
+            output << TextLine(message, decoded) << "\n";
+    });
+    if (format == L"chrome") output << chrome.Finish();
+    return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+ExitCode Trace(const Arguments& arguments) {
+    const std::wstring what = arguments.empty() ? L"" : arguments[0];
+    if (what == L"start") return Start(arguments);
+    if (what == L"stop") return Stop();
+    if (what == L"decode") return DecodeRecording(arguments);
+    return UsageError(L"trace start, trace stop or trace decode?");
+}
+
+}  // namespace tessactl

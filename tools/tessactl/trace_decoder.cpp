@@ -1,0 +1,201 @@
+#include "trace_decoder.h"
+
+#include <windows.h>
+#include <evntcons.h>
+#include <evntrace.h>
+
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <regex>
+
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+constexpr char kFunctionTraceSource[] = "function_trace";
+constexpr unsigned int kFunctionEntry = 10;
+constexpr unsigned int kFunctionExit = 11;
+
+/// Takes typed arguments off the bytes of a message, never beyond their end.
+class ArgumentReader {
+  public:
+    explicit ArgumentReader(const std::vector<BYTE>& bytes) : bytes_(bytes) {}
+
+    template <typename T>
+    std::optional<T> Number() {
+        if (bytes_.size() - at_ < sizeof(T)) return std::nullopt;
+        T value;
+        std::memcpy(&value, bytes_.data() + at_, sizeof value);
+        at_ += sizeof value;
+        return value;
+    }
+
+    template <typename Char>
+    std::optional<std::basic_string<Char>> Text() {
+        std::basic_string<Char> text;
+        while (const auto c = Number<Char>()) {
+            if (*c == 0) return text;
+            text += *c;
+        }
+        return std::nullopt;
+    }
+
+  private:
+    const std::vector<BYTE>& bytes_;
+    std::size_t at_ = 0;
+};
+
+template <typename... Args>
+std::string Printed(const char* format, Args... args) {
+    char text[64] = {};
+    std::snprintf(text, sizeof text, format, args...);
+    return text;
+}
+
+std::string NumberText(unsigned long long value, const std::string& conversion, bool is64Bit) {
+    if (conversion.ends_with('x')) return Printed("%llx", value);
+    if (conversion.ends_with('d'))
+        return std::to_string(is64Bit ? static_cast<long long>(value) : static_cast<int>(value));
+    return std::to_string(value);
+}
+
+std::string ArgumentText(ArgumentReader& reader, const std::string& item, const std::string& conversion) {
+    std::optional<std::string> text;
+    if (item == "ItemLong") {
+        if (const auto value = reader.Number<unsigned int>()) text = NumberText(*value, conversion, false);
+    } else if (item == "ItemLongLong" || item == "ItemULongLong") {
+        if (const auto value = reader.Number<unsigned long long>())
+            text = NumberText(*value, conversion, true);
+    } else if (item == "ItemPtr") {
+        if (const auto value = reader.Number<unsigned long long>()) text = Printed("0x%016llx", *value);
+    } else if (item == "ItemString") {
+        text = reader.Text<char>();
+    } else if (item == "ItemWString") {
+        if (const auto wide = reader.Text<wchar_t>()) text = toolbox::WstringToString(*wide, CP_UTF8);
+    }
+    return text.value_or("<missing>");
+}
+
+std::string HexOf(const std::vector<BYTE>& bytes) {
+    std::string hex;
+    for (const BYTE byte : bytes)
+        hex += Printed(" %02x", byte);
+    return hex;
+}
+
+const char* LevelName(unsigned int level) {
+    static constexpr const char* kNames[] = {"?", "?", "error", "warning", "info", "verbose"};
+    return level < std::size(kNames) ? kNames[level] : "?";
+}
+
+std::string JsonText(const std::string& text) {
+    std::string json = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\')
+            json += std::string("\\") + c;
+        else if (static_cast<unsigned char>(c) < 0x20)
+            json += Printed("\\u%04x", static_cast<unsigned int>(c));
+        else
+            json += c;
+    }
+    return json + "\"";
+}
+
+void WINAPI OnEvent(EVENT_RECORD* event) {
+    const auto& use = *static_cast<const std::function<void(const RecordedMessage&)>*>(event->UserContext);
+    // The head of a recording, and whatever else is not a trace message.
+    if ((event->EventHeader.Flags & EVENT_HEADER_FLAG_TRACE_MESSAGE) == 0) return;
+    const auto* data = static_cast<const BYTE*>(event->UserData);
+    use({static_cast<ULONG64>(event->EventHeader.TimeStamp.QuadPart), event->EventHeader.ProcessId,
+         event->EventHeader.ThreadId, event->EventHeader.ProviderId, event->EventHeader.EventDescriptor.Id,
+         std::vector<BYTE>(data, data + event->UserDataLength)});
+}
+
+}  // namespace
+
+void ReadRecording(const std::wstring& file, const std::function<void(const RecordedMessage&)>& use) {
+    std::wstring name = file;
+    EVENT_TRACE_LOGFILEW logFile = {};
+    logFile.LogFileName = name.data();
+    logFile.ProcessTraceMode = PROCESS_TRACE_MODE_EVENT_RECORD;
+    logFile.EventRecordCallback = &OnEvent;
+    logFile.Context = const_cast<std::function<void(const RecordedMessage&)>*>(&use);
+    TRACEHANDLE handle = ::OpenTraceW(&logFile);
+    if (handle == INVALID_PROCESSTRACE_HANDLE) {
+        const DWORD error = ::GetLastError();
+        throw ToolError(toolbox::WstringToString(file) +
+                        (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND
+                             ? " does not exist; record it with \"tessactl trace start\"."
+                             : " is no trace recording, error " + std::to_string(error) + "."));
+    }
+    const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
+    ::CloseTrace(handle);
+    if (result != ERROR_SUCCESS)
+        throw ToolError("Reading " + toolbox::WstringToString(file) + " failed with error " +
+                        std::to_string(result));
+}
+
+DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message) {
+    const TmfMessage* known = catalog.Find(message.messageGuid, message.number);
+    if (known == nullptr)
+        return {"",
+                0,
+                "unknown message " + std::to_string(message.number) + " of " +
+                    toolbox::GuidToString(&message.messageGuid) + ", bytes:" + HexOf(message.arguments),
+                {}};
+    static const std::regex kConversion(R"(%%|%(\d+)!(\w+)!)");
+    DecodedMessage decoded{known->source, known->level, "", {}};
+    ArgumentReader reader(message.arguments);
+    std::size_t at = 0;
+    for (std::sregex_iterator match(known->text.begin(), known->text.end(), kConversion), end; match != end;
+         ++match) {
+        decoded.text += known->text.substr(at, static_cast<std::size_t>(match->position()) - at);
+        at = static_cast<std::size_t>(match->position() + match->length());
+        const std::size_t index = decoded.arguments.size();
+        if (match->str() == "%%") {
+            decoded.text += '%';
+        } else if (index < known->items.size()) {
+            decoded.arguments.push_back(ArgumentText(reader, known->items[index], (*match)[2]));
+            decoded.text += decoded.arguments.back();
+        }
+    }
+    decoded.text += known->text.substr(at);
+    return decoded;
+}
+
+std::string TimeText(ULONG64 timeStamp) {
+    FILETIME utc = {static_cast<DWORD>(timeStamp), static_cast<DWORD>(timeStamp >> 32)};
+    FILETIME local = {};
+    SYSTEMTIME time = {};
+    ::FileTimeToLocalFileTime(&utc, &local);
+    ::FileTimeToSystemTime(&local, &time);
+    return Printed("%02d:%02d:%02d.%06u", time.wHour, time.wMinute, time.wSecond,
+                   static_cast<unsigned int>(timeStamp / 10 % 1000000));
+}
+
+std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded) {
+    return TimeText(message.timeStamp) + Printed("  %5lu.%-5lu", message.processId, message.threadId) +
+           Printed("  %-7s", LevelName(decoded.level)) + Printed("  %-20.40s  ", decoded.source.c_str()) +
+           decoded.text;
+}
+
+void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage& decoded) {
+    if (events_.empty()) firstTimeStamp_ = message.timeStamp;
+    const bool isFunction = decoded.source == kFunctionTraceSource && decoded.arguments.size() == 2 &&
+                            (message.number == kFunctionEntry || message.number == kFunctionExit);
+    const char* phase = !isFunction ? "i" : message.number == kFunctionEntry ? "B" : "E";
+    events_ += events_.empty() ? "\n" : ",\n";
+    events_ += "{\"name\":" + JsonText(isFunction ? decoded.arguments[1] : decoded.text) +
+               ",\"cat\":" + JsonText(isFunction ? decoded.arguments[0] : decoded.source) + ",\"ph\":\"" +
+               phase + "\"" + (isFunction ? "" : ",\"s\":\"t\"") +
+               Printed(",\"ts\":%.1f", static_cast<double>(message.timeStamp - firstTimeStamp_) / 10) +
+               Printed(",\"pid\":%lu,\"tid\":%lu}", message.processId, message.threadId);
+}
+
+std::string ChromeTraceWriter::Finish() const {
+    return "{\"traceEvents\":[" + events_ + "\n]}\n";
+}
+
+}  // namespace tessactl
