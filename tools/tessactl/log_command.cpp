@@ -87,8 +87,8 @@ std::wstring MessageFileOf(const std::wstring& logName, const std::wstring& sour
     DWORD size = sizeof file - sizeof(wchar_t);
     const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\" + logName + L"\\" + source;
     // Asked for as text, a value with variables comes back with them filled in.
-    const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile",
-                                          RRF_RT_REG_SZ, nullptr, file, &size);
+    const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", RRF_RT_REG_SZ,
+                                          nullptr, file, &size);
     return result == ERROR_SUCCESS ? file : L"";
 }
 

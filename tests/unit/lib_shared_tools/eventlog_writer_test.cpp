@@ -1,0 +1,207 @@
+#include "eventlog_writer.h"
+
+#include <cstring>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+
+#include "module_hooks.h"
+
+using logger::EventLogProvider;
+using logger::EventLogWriter;
+using testing::_;
+using testing::DoAll;
+using testing::InSequence;
+using testing::NiceMock;
+using testing::Return;
+using testing::SetArgPointee;
+using testing::StrEq;
+
+namespace {
+
+class MockAdvapi32 : public windows_api::Advapi32 {
+  public:
+    MOCK_METHOD(LSTATUS, RegCreateKeyExW,
+                (HKEY, const wchar_t*, DWORD, wchar_t*, DWORD, REGSAM, SECURITY_ATTRIBUTES*, HKEY*, DWORD*),
+                (override));
+    MOCK_METHOD(LSTATUS, RegSetValueExW, (HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWORD),
+                (override));
+    MOCK_METHOD(LSTATUS, RegCloseKey, (HKEY), (override));
+    MOCK_METHOD(HANDLE, RegisterEventSourceW, (const wchar_t*, const wchar_t*), (override));
+    MOCK_METHOD(BOOL, DeregisterEventSource, (HANDLE), (override));
+    MOCK_METHOD(BOOL, ReportEventW, (HANDLE, WORD, WORD, DWORD, void*, WORD, DWORD, const wchar_t**, void*),
+                (override));
+};
+
+const auto kKey = reinterpret_cast<HKEY>(0x11);
+const auto kSource = reinterpret_cast<HANDLE>(0x22);
+
+class Provider : public testing::Test {
+  protected:
+    Provider() {
+        ON_CALL(advapi32_, RegCreateKeyExW)
+            .WillByDefault(DoAll(SetArgPointee<7>(kKey), Return(ERROR_SUCCESS)));
+        ON_CALL(advapi32_, RegisterEventSourceW).WillByDefault(Return(kSource));
+        ON_CALL(advapi32_, DeregisterEventSource).WillByDefault(Return(TRUE));
+    }
+    NiceMock<MockAdvapi32>& advapi32_ = *new NiceMock<MockAdvapi32>;
+    EventLogProvider provider_{L"Source", L"C:\\file.dll",
+                               std::unique_ptr<windows_api::Advapi32>(&advapi32_)};
+};
+
+std::string TextOf(const std::wstring& name, const std::wstring& file) {
+    try {
+        const EventLogProvider provider(name, file);
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+/// Records what is reported.
+class FakeProvider : public EventLogProvider {
+  public:
+    FakeProvider() : EventLogProvider(L"Source", L"file") {}
+    void Report(WORD type, WORD category, DWORD eventId, WORD numberOfStrings, const wchar_t** strings,
+                DWORD dataSize, void* data) override {
+        reportedType = type;
+        reportedId = eventId;
+        EXPECT_EQ(category, 0);
+        EXPECT_EQ(numberOfStrings, 0);
+        EXPECT_EQ(strings, nullptr);
+        EXPECT_EQ(dataSize, 0u);
+        EXPECT_EQ(data, nullptr);
+    }
+    int reportedType = -1;
+    DWORD reportedId = 0;
+};
+
+}  // namespace
+
+TEST(EventLogProvider, ParameterLimits) {
+    EXPECT_EQ(TextOf(L"", L""), "ProviderName is empty.");
+    EXPECT_EQ(TextOf(std::wstring(260, L'n'), L""), "ProviderName is >= MAX_PATH.");
+    EXPECT_EQ(TextOf(std::wstring(259, L'n'), L""), "EventMessageFile is empty.");
+    EXPECT_EQ(TextOf(L"n", std::wstring(520, L'f')), "EventMessageFile is >= (2*MAX_PATH).");
+    EXPECT_EQ(TextOf(std::wstring(259, L'n'), std::wstring(519, L'f')), "accepted");
+}
+
+TEST_F(Provider, RegistersItselfThenOpensTheSource) {
+    const InSequence inSequence;
+    EXPECT_CALL(advapi32_,
+                RegCreateKeyExW(HKEY_LOCAL_MACHINE,
+                                StrEq(L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\Application\\Source"),
+                                0u, nullptr, 0u, 0xF003Fu, nullptr, _, _));
+    EXPECT_CALL(advapi32_, RegSetValueExW(kKey, StrEq(L"EventMessageFile"), 0u,
+                                          static_cast<DWORD>(REG_EXPAND_SZ), _, 22u))
+        .WillOnce([](HKEY, const wchar_t*, DWORD, DWORD, const BYTE* data, DWORD size) -> LSTATUS {
+            EXPECT_EQ(std::memcmp(data, L"C:\\file.dll", size), 0) << "without the terminating zero";
+            return ERROR_SUCCESS;
+        });
+    EXPECT_CALL(advapi32_,
+                RegSetValueExW(kKey, StrEq(L"TypesSupported"), 0u, static_cast<DWORD>(REG_DWORD), _, 4u))
+        .WillOnce([](HKEY, const wchar_t*, DWORD, DWORD, const BYTE* data, DWORD) -> LSTATUS {
+            DWORD types = 0;
+            std::memcpy(&types, data, sizeof types);
+            EXPECT_EQ(types, 7u);
+            return ERROR_SUCCESS;
+        });
+    EXPECT_CALL(advapi32_, RegCloseKey(kKey));
+    EXPECT_CALL(advapi32_, RegisterEventSourceW(nullptr, StrEq(L"Source"))).WillOnce(Return(kSource));
+
+    provider_.Register();
+    provider_.Register();  // does nothing more
+}
+
+TEST_F(Provider, GoesOnWithoutItsKey) {
+    EXPECT_CALL(advapi32_, RegCreateKeyExW).WillOnce(Return(ERROR_ACCESS_DENIED));
+    EXPECT_CALL(advapi32_, RegSetValueExW).Times(0);
+    EXPECT_CALL(advapi32_, RegisterEventSourceW).WillOnce(Return(kSource));
+    EXPECT_NO_THROW(provider_.Register());
+}
+
+TEST_F(Provider, WritesTheSecondValueWhenTheFirstFails) {
+    EXPECT_CALL(advapi32_, RegSetValueExW).Times(2).WillRepeatedly(Return(ERROR_ACCESS_DENIED));
+    EXPECT_CALL(advapi32_, RegCloseKey(kKey)).WillOnce(Return(ERROR_INVALID_HANDLE));
+    EXPECT_NO_THROW(provider_.Register());
+}
+
+TEST_F(Provider, WithoutSourceNothingIsReported) {
+    EXPECT_CALL(advapi32_, ReportEventW).Times(0);
+    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1);  // before Register
+    ON_CALL(advapi32_, RegisterEventSourceW).WillByDefault(Return(nullptr));
+    provider_.Register();
+    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1);
+}
+
+TEST_F(Provider, ReportsTheThreeTypesOnly) {
+    provider_.Register();
+    for (const WORD type : std::initializer_list<WORD>{1, 2, 4})
+        EXPECT_CALL(advapi32_, ReportEventW(kSource, type, 3, 77u, nullptr, 0, 0u, nullptr, nullptr));
+    for (const WORD type : std::initializer_list<WORD>{0, 1, 2, 3, 4, 8, 16})
+        provider_.Report(type, 3, 77);
+}
+
+TEST_F(Provider, ReportAfterUnregisterReturnsQuietly) {
+    provider_.Register();
+    EXPECT_CALL(advapi32_, DeregisterEventSource(kSource)).Times(1);
+    EXPECT_CALL(advapi32_, ReportEventW).Times(0);
+    provider_.Unregister();
+    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1);
+    provider_.Unregister();
+}
+
+TEST_F(Provider, FailuresToReportAndToCloseAreIgnored) {
+    ON_CALL(advapi32_, ReportEventW).WillByDefault(Return(FALSE));
+    ON_CALL(advapi32_, DeregisterEventSource).WillByDefault(Return(FALSE));
+    provider_.Register();
+    EXPECT_NO_THROW(provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1));
+    EXPECT_NO_THROW(provider_.Unregister());
+}
+
+TEST(EventLogProvider, SecondRegistrationOverwritesTheValuesOfTheFirst) {
+    const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\Application\\tessaplug_test";
+    {
+        EventLogProvider(L"tessaplug_test", L"C:\\a longer first file.dll").Register();
+    }
+    {
+        EventLogProvider(L"tessaplug_test", L"C:\\second.dll").Register();
+    }
+    wchar_t file[MAX_PATH] = {};
+    DWORD size = sizeof file;
+    DWORD types = 0;
+    DWORD typesSize = sizeof types;
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr,
+                             file, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"TypesSupported", RRF_RT_REG_DWORD, nullptr,
+                             &types, &typesSize),
+              ERROR_SUCCESS);
+    EXPECT_STREQ(file, L"C:\\second.dll");
+    EXPECT_EQ(types, 7u);
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, key.c_str());
+}
+
+TEST(EventLogWriter, MapsLevelsToTypes) {
+    const auto provider = std::make_shared<FakeProvider>();
+    EventLogWriter writer(provider);
+    writer.Log(1, 0x100);
+    EXPECT_EQ(provider->reportedType, EVENTLOG_INFORMATION_TYPE);
+    EXPECT_EQ(provider->reportedId, 0x100u);
+    writer.Log(2, 0x80000104);
+    EXPECT_EQ(provider->reportedType, EVENTLOG_WARNING_TYPE);
+    writer.Log(3, 0xC0000101);
+    EXPECT_EQ(provider->reportedType, EVENTLOG_ERROR_TYPE);
+}
+
+TEST(EventLogWriter, UnknownLevelIsAssertedAndReportedAsTypeZero) {
+    const test_support::ModuleHooks hooks;
+    const auto provider = std::make_shared<FakeProvider>();
+    EventLogWriter(provider).Log(7, 0x100);
+    ASSERT_EQ(hooks.Assertions().size(), 1u);
+    EXPECT_EQ(hooks.Assertions()[0].expression, L"!\"Invalid EventType!\"");
+    EXPECT_EQ(hooks.Assertions()[0].sourcePath, L"lib_shared_tools\\src\\eventlog_writer");
+    EXPECT_EQ(hooks.Assertions()[0].line, 401u);
+    EXPECT_EQ(provider->reportedType, 0);
+}

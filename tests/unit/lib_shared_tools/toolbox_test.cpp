@@ -1,0 +1,68 @@
+#include "toolbox.h"
+
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+
+#include "module_hooks.h"
+
+using toolbox::GuidToString;
+using toolbox::StringToWstring;
+using toolbox::WstringToString;
+
+namespace {
+
+constexpr UINT kNoSuchCodePage = 54321;
+
+std::string TextOf(auto action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "no exception";
+}
+
+}  // namespace
+
+TEST(WstringToString, NarrowsByCodePage) {
+    EXPECT_EQ(WstringToString(L"Fennlink U3(XLI)"), "Fennlink U3(XLI)");
+    EXPECT_EQ(WstringToString(L"\u00e4\u20ac", 1252), "\xe4\x80");
+    EXPECT_EQ(WstringToString(L"\u00e4", CP_UTF8), "\xc3\xa4");
+    EXPECT_EQ(WstringToString(std::wstring(L"a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(WstringToString, OfEmptyTextCallsNothing) {
+    // With a code page that fails every conversion.
+    EXPECT_EQ(WstringToString(L"", kNoSuchCodePage), "");
+}
+
+TEST(WstringToString, FailureNamesTheCallAndTheLastError) {
+    EXPECT_EQ(TextOf([] { WstringToString(L"text", kNoSuchCodePage); }),
+              "FAILED: WideCharToMultiByte() len calculation! LE(87)!");
+}
+
+TEST(WstringToString, LeavesTheLastErrorAlone) {
+    ::SetLastError(ERROR_FILE_NOT_FOUND);
+    WstringToString(L"text");
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST(StringToWstring, WidensByCodePage) {
+    EXPECT_EQ(StringToWstring("NX4120"), L"NX4120");
+    EXPECT_EQ(StringToWstring("\xe4\x80", 1252), L"\u00e4\u20ac");
+    EXPECT_EQ(StringToWstring(""), L"");
+}
+
+TEST(StringToWstring, FailureShowsTheInput) {
+    EXPECT_EQ(TextOf([] { StringToWstring("bad \xff", CP_UTF8); }), "Invalid ANSI-String: bad \xff");
+}
+
+TEST(GuidToString, WritesRegistryForm) {
+    constexpr GUID guid = {0x042C8EDC, 0xC410, 0x4FDB, {0xA9, 0x06, 0xD3, 0xBD, 0xBD, 0x84, 0xFD, 0xF4}};
+    EXPECT_EQ(GuidToString(&guid), "{042C8EDC-C410-4FDB-A906-D3BDBD84FDF4}");
+}
+
+TEST(GuidToString, OfNullSaysSo) {
+    EXPECT_EQ(GuidToString(nullptr), "<NULL>");
+}

@@ -1,0 +1,168 @@
+#include "win_api.h"
+
+#include <aclapi.h>
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+#include "module_hooks.h"
+#include "win_convenience.h"
+#include "windows_api_excp.h"
+
+using modul_exception::CWindowsApiExcp;
+using windows_api::CDbgHlp;
+using windows_api::CWtsapi32;
+
+namespace {
+
+/// Fails to load a library or to find a function; counts what is loaded.
+class FakeLoader : public windows_api::CKernel32 {
+  public:
+    bool libraryIsMissing = false;
+    std::string missingFunction;
+    bool freeFails = false;
+    int loaded = 0;
+
+    HMODULE LoadLibraryW(const wchar_t* fileName) override {
+        if (libraryIsMissing) {
+            ::SetLastError(ERROR_MOD_NOT_FOUND);
+            return nullptr;
+        }
+        ++loaded;
+        return CKernel32::LoadLibraryW(fileName);
+    }
+    FARPROC GetProcAddress(HMODULE module, const char* name) override {
+        if (missingFunction != name) return CKernel32::GetProcAddress(module, name);
+        ::SetLastError(ERROR_PROC_NOT_FOUND);
+        return nullptr;
+    }
+    BOOL FreeLibrary(HMODULE module) override {
+        --loaded;
+        CKernel32::FreeLibrary(module);
+        return freeFails ? FALSE : TRUE;
+    }
+};
+
+template <typename Action>
+std::string TextOf(Action action) {
+    try {
+        action();
+    } catch (const CWindowsApiExcp& error) {
+        return error.what();
+    }
+    return "no exception";
+}
+
+class RunTimeLibraries : public testing::Test {
+  protected:
+    std::shared_ptr<FakeLoader> loader_ = std::make_shared<FakeLoader>();
+};
+
+}  // namespace
+
+TEST_F(RunTimeLibraries, MissingLibraryIsNamedInTheHint) {
+    loader_->libraryIsMissing = true;
+    const std::string dbgHlp = TextOf([&] { CDbgHlp{loader_}; });
+    EXPECT_TRUE(dbgHlp.starts_with("FAILED! LoadLibraryW! LE(126): ")) << dbgHlp;
+    EXPECT_TRUE(dbgHlp.ends_with(" Hint: Loading dbghelp.dll\n")) << dbgHlp;
+    const std::string wtsapi = TextOf([&] { CWtsapi32{loader_}; });
+    EXPECT_TRUE(wtsapi.ends_with(" Hint: Loading Wtsapi32.dll\n")) << wtsapi;
+}
+
+TEST_F(RunTimeLibraries, MissingFunctionIsNamedAndTheLibraryFreed) {
+    for (const char* name : {"WTSSendMessageW", "WTSEnumerateSessionsW", "WTSFreeMemory"}) {
+        loader_->missingFunction = name;
+        const std::string text = TextOf([&] { CWtsapi32{loader_}; });
+        EXPECT_TRUE(text.starts_with("FAILED! GetProcAddress! LE(127): ")) << text;
+        EXPECT_TRUE(text.ends_with(std::string(" Hint: ") + name + "\n")) << text;
+        EXPECT_EQ(loader_->loaded, 0);
+    }
+    loader_->missingFunction = "MiniDumpWriteDump";
+    EXPECT_TRUE(TextOf([&] { CDbgHlp{loader_}; }).ends_with(" Hint: MiniDumpWriteDump\n"));
+    EXPECT_EQ(loader_->loaded, 0);
+}
+
+TEST_F(RunTimeLibraries, UnloadTwiceIsHarmless) {
+    CDbgHlp dbgHlp(loader_);
+    dbgHlp.UnloadLib();
+    dbgHlp.UnloadLib();
+    EXPECT_EQ(loader_->loaded, 0);
+    CWtsapi32 wtsapi(loader_);
+    wtsapi.UnloadLib();
+    wtsapi.UnloadLib();
+    EXPECT_EQ(loader_->loaded, 0);
+}
+
+TEST_F(RunTimeLibraries, DestructionFreesTheLibraryAndIgnoresAFailure) {
+    loader_->freeFails = true;
+    {
+        const CDbgHlp dbgHlp(loader_);
+    }
+    EXPECT_EQ(loader_->loaded, 0);
+}
+
+TEST_F(RunTimeLibraries, CallAfterUnloadIsAssertedAndFails) {
+    const test_support::ModuleHooks hooks;
+    CDbgHlp dbgHlp(loader_);
+    dbgHlp.UnloadLib();
+    EXPECT_FALSE(dbgHlp.MiniDumpWriteDump(nullptr, 0, nullptr, MiniDumpNormal, nullptr, nullptr, nullptr));
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"hInst_ != NULL", L"MiniDumpWriteDump_ != NULL"}));
+}
+
+TEST(Wrappers, ReturnTheSystemsResultAndLeaveItsLastError) {
+    windows_api::CKernel32 kernel32;
+    EXPECT_FALSE(kernel32.CloseHandle(nullptr));
+    EXPECT_EQ(kernel32.GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(kernel32.CreateFileW(L"C:\\no such folder\\file", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0,
+                                   nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+    windows_api::Advapi32 advapi32;
+    HKEY key = nullptr;
+    EXPECT_EQ(advapi32.RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"no such key", 0, KEY_READ, &key),
+              ERROR_FILE_NOT_FOUND);
+}
+
+TEST(DefaultSecurity, OpensAnObjectToEveryUser) {
+    SECURITY_ATTRIBUTES attributes;
+    SECURITY_DESCRIPTOR descriptor;
+    windows_api::GetDefaultSecurity(attributes, descriptor);
+
+    EXPECT_EQ(attributes.nLength, 24u);
+    EXPECT_EQ(attributes.lpSecurityDescriptor, &descriptor);
+    EXPECT_FALSE(attributes.bInheritHandle);
+    BOOL present = FALSE;
+    BOOL defaulted = TRUE;
+    ACL* list = reinterpret_cast<ACL*>(1);
+    ASSERT_TRUE(::GetSecurityDescriptorDacl(&descriptor, &present, &list, &defaulted));
+    EXPECT_TRUE(present);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_FALSE(defaulted);
+}
+
+TEST(SystemFolders, AreTheSystemsOwn) {
+    wchar_t folder[MAX_PATH] = {};
+    ::GetSystemDirectoryW(folder, MAX_PATH);
+    EXPECT_EQ(::_wcsicmp(windows_api::GetSystem32Directory().c_str(), folder), 0);
+    ::GetSystemWow64DirectoryW(folder, MAX_PATH);
+    EXPECT_EQ(::_wcsicmp(windows_api::GetSysWoW64Directory().c_str(), folder), 0);
+}
+
+TEST(SystemFolders, UnknownFolderIsAFailedCall) {
+    const std::string text = TextOf([] { windows_api::GetSysDirInternal({}); });
+    EXPECT_TRUE(text.starts_with("FAILED! SHGetKnownFolderPath()! ReturnValue(")) << text;
+}
+
+TEST(ModuleFileName, IsTheFullPath) {
+    const std::wstring path = windows_api::GetModuleFileNameW(nullptr);
+    EXPECT_TRUE(path.ends_with(L"win_api_tests.exe"));
+    EXPECT_EQ(path[1], L':');
+}
+
+TEST(ModuleFileName, OfNoModuleIsAFailedCall) {
+    EXPECT_TRUE(TextOf([] {
+                    windows_api::GetModuleFileNameW(reinterpret_cast<HMODULE>(0x10));
+                }).starts_with("FAILED! GetModuleFileNameW()! LE("));
+}
