@@ -123,7 +123,7 @@ class DefaultLogDeviceDatabaseOrvix : public DefaultLogDeviceDatabaseIf {
     std::vector<std::string> Installed() override;
 
   private:
-    static bool PostProcess(std::wstring entry, std::string& name);
+    static bool PostProcess(const std::wstring& entry, std::string& name);
 
     std::unique_ptr<quelm::Q5orvixIf> library_;
 };

@@ -53,7 +53,7 @@ void EventLogProvider::CheckParameters(const std::wstring& ProviderName,
     if (ProviderName.empty()) MODUL_THROW(std::invalid_argument("ProviderName is empty."));
     if (ProviderName.length() >= MAX_PATH) MODUL_THROW(std::invalid_argument("ProviderName is >= MAX_PATH."));
     if (EventMessageFile.empty()) MODUL_THROW(std::invalid_argument("EventMessageFile is empty."));
-    if (EventMessageFile.length() >= 2 * MAX_PATH)
+    if (EventMessageFile.length() >= std::size_t{2} * MAX_PATH)
         MODUL_THROW(std::invalid_argument("EventMessageFile is >= (2*MAX_PATH)."));
 }
 

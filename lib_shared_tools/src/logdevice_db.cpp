@@ -271,14 +271,14 @@ std::vector<std::string> DefaultLogDeviceDatabaseOrvix::Installed() {
         }
         buffer.resize(length);
         std::string name;
-        if (PostProcess(std::move(buffer), name)) names.push_back(std::move(name));
+        if (PostProcess(buffer, name)) names.push_back(std::move(name));
     }
 }
 
-bool DefaultLogDeviceDatabaseOrvix::PostProcess(std::wstring entry, std::string& name) {
+bool DefaultLogDeviceDatabaseOrvix::PostProcess(const std::wstring& entry, std::string& name) {
     FUNCTION_TRACE();
     static const std::wregex kTemplateEntry(LR"(^.*LDT-(.*)\.(.*)$)");
-    const std::wstring text = entry.c_str();  // up to its terminating zero
+    const std::wstring text = entry.substr(0, entry.find(L'\0'));
     std::wsmatch match;
     if (!std::regex_match(text, match, kTemplateEntry)) return false;
     std::wstring kind = match[2];

@@ -81,7 +81,9 @@ TEST(CpInterprocessDatabase, KnowsThreeModels) {
 }
 
 TEST(CpEnvironment, CreatesThreeMutexesAndMappingsAndReleasesThem) {
-    { const CpEnvironment warmUp; }  // what the system opens once for the process stays out of the comparison
+    {
+        const CpEnvironment warmUp;
+    }  // what the system opens once for the process stays out of the comparison
     const std::size_t handles = test_support::HandleCount();
     {
         const CpEnvironment environment;

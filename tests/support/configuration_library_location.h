@@ -1,0 +1,54 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace test_support {
+
+/// Points the machine's configuration library at a base folder for as long as it lives, and puts back what
+/// was registered before.
+class ConfigurationLibraryLocation {
+  public:
+    explicit ConfigurationLibraryLocation(const std::wstring& baseFolder) {
+        DWORD size = sizeof before_;
+        existed_ = ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_SZ, nullptr, before_, &size) ==
+                   ERROR_SUCCESS;
+        Set(baseFolder);
+    }
+    ~ConfigurationLibraryLocation() {
+        if (existed_)
+            Set(before_);
+        else
+            Remove();
+    }
+    ConfigurationLibraryLocation(const ConfigurationLibraryLocation&) = delete;
+    ConfigurationLibraryLocation& operator=(const ConfigurationLibraryLocation&) = delete;
+
+    static void Set(const std::wstring& baseFolder) {
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue, REG_SZ, baseFolder.c_str(),
+                          static_cast<DWORD>((baseFolder.length() + 1) * sizeof(wchar_t)));
+    }
+    static void Remove() { ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue); }
+
+    /// The folder of this test program, without a backslash at its end.
+    static std::wstring ProgramFolder() {
+        wchar_t path[MAX_PATH] = {};
+        ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+        const std::wstring program = path;
+        return program.substr(0, program.rfind(L'\\'));
+    }
+
+  private:
+    static constexpr wchar_t kKey[] = L"SOFTWARE\\Valdorn\\Shared Tools\\QUELM64";
+    static constexpr wchar_t kValue[] = L"Korvane_Oam";
+    bool existed_ = false;
+    wchar_t before_[MAX_PATH] = {};
+};
+
+/// The base folder of a configuration library that misbehaves, of tests/support/faulty_configuration_library.
+inline std::wstring FaultyLibrary(const std::wstring& variant) {
+    return ConfigurationLibraryLocation::ProgramFolder() + L"\\faulty\\" + variant;
+}
+
+}  // namespace test_support
