@@ -20,12 +20,12 @@ enum class ExitCode {
 
 /// What the command line says beyond the command. Empty means: the default.
 struct Options {
-    std::wstring name = L"tessahost";              ///< service name
-    std::wstring displayName = L"Tessaplug host";  ///< shown in the service manager's list
-    std::wstring plugIn;                           ///< plug-in library
-    std::wstring log;                              ///< log file
-    bool automaticStart = false;                   ///< start with the machine
-    bool json = false;                             ///< status as JSON
+    std::wstring name = L"tessahost";  ///< service name
+    std::wstring displayName;          ///< shown in the service manager's list
+    std::wstring plugIn;               ///< plug-in library
+    std::wstring log;                  ///< log file
+    bool automaticStart = false;       ///< start with the machine
+    bool json = false;                 ///< status as JSON
 };
 
 /// What the commands do; the command line only chooses.

@@ -12,6 +12,24 @@
 namespace host {
 namespace {
 
+/// Owns one handle of the service manager.
+class ServiceHandle {
+  public:
+    ServiceHandle(windows_api::Advapi32& advapi32, SC_HANDLE handle) : advapi32_(advapi32), handle_(handle) {}
+    ~ServiceHandle() {
+        if (handle_ != nullptr) advapi32_.CloseServiceHandle(handle_);
+    }
+    ServiceHandle(const ServiceHandle&) = delete;
+    ServiceHandle& operator=(const ServiceHandle&) = delete;
+
+    SC_HANDLE get() const { return handle_; }
+    explicit operator bool() const { return handle_ != nullptr; }
+
+  private:
+    windows_api::Advapi32& advapi32_;
+    SC_HANDLE handle_;
+};
+
 ExitCode Failed(const Options& options, const wchar_t* what, DWORD error) {
     const wchar_t* name = options.name.c_str();
     switch (error) {
@@ -66,6 +84,12 @@ std::wstring PlugInPath(const Options& options) {
     return {};
 }
 
+/// Display names are unique on a machine as well.
+std::wstring DisplayName(const Options& options) {
+    if (!options.displayName.empty()) return options.displayName;
+    return options.name == Options().name ? L"Tessaplug host" : L"Tessaplug host (" + options.name + L")";
+}
+
 /// Quoted whole, so that a path with blanks cannot run another program.
 std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn) {
     const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
@@ -82,7 +106,7 @@ void PrintState(const SERVICE_STATUS_PROCESS& status) {
 
 template <typename Use>
 ExitCode ServiceControl::WithManager(DWORD access, Use use) {
-    const UniqueServiceHandle manager(advapi32_->OpenSCManagerW(nullptr, nullptr, access));
+    const ServiceHandle manager(*advapi32_, advapi32_->OpenSCManagerW(nullptr, nullptr, access));
     if (!manager) return Failed({}, L"opening the service manager", ::GetLastError());
     return use(manager.get());
 }
@@ -90,7 +114,8 @@ ExitCode ServiceControl::WithManager(DWORD access, Use use) {
 template <typename Use>
 ExitCode ServiceControl::WithService(const Options& options, DWORD access, Use use) {
     return WithManager(SC_MANAGER_CONNECT, [&](SC_HANDLE manager) {
-        const UniqueServiceHandle service(advapi32_->OpenServiceW(manager, options.name.c_str(), access));
+        const ServiceHandle service(*advapi32_,
+                                    advapi32_->OpenServiceW(manager, options.name.c_str(), access));
         if (!service) return Failed(options, L"opening the service", ::GetLastError());
         return use(service.get());
     });
@@ -100,10 +125,11 @@ ExitCode ServiceControl::Install(const Options& options) {
     const std::wstring plugIn = PlugInPath(options);
     if (plugIn.empty()) return ExitCode::kFailed;
     return WithManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE, [&](SC_HANDLE manager) {
-        const UniqueServiceHandle service(advapi32_->CreateServiceW_Reduced(
-            manager, options.name.c_str(), options.displayName.c_str(),
-            ServiceCommandLine(options, plugIn).c_str(),
-            options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
+        const ServiceHandle service(*advapi32_,
+                                    advapi32_->CreateServiceW_Reduced(
+                                        manager, options.name.c_str(), DisplayName(options).c_str(),
+                                        ServiceCommandLine(options, plugIn).c_str(),
+                                        options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
         if (!service) return Failed(options, L"installing the service", ::GetLastError());
         std::wprintf(L"Service \"%ls\" installed with %ls\n", options.name.c_str(), plugIn.c_str());
         return ExitCode::kSuccess;

@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "command_line.h"
-#include "unique_handle.h"
 #include "win_api.h"
 
 namespace host {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <windows.h>
-#include <winsvc.h>
 
 #include <utility>
 
@@ -35,6 +34,5 @@ class UniqueHandle {
 };
 
 using UniqueKernelHandle = UniqueHandle<HANDLE, [](HANDLE handle) { ::CloseHandle(handle); }>;
-using UniqueServiceHandle = UniqueHandle<SC_HANDLE, [](SC_HANDLE handle) { ::CloseServiceHandle(handle); }>;
 using UniqueModule = UniqueHandle<HMODULE, [](HMODULE module) { ::FreeLibrary(module); }>;
 using UniqueRegistryKey = UniqueHandle<HKEY, [](HKEY key) { ::RegCloseKey(key); }>;

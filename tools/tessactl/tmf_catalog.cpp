@@ -71,7 +71,7 @@ void TmfCatalog::Add(const std::string& text, const std::string& name) {
         } else if (current != nullptr && std::regex_match(line, match, kItem)) {
             current->items.push_back(match[1]);
         } else if (!line.empty() && line != "{" && line != "}" && !line.starts_with("//")) {
-            throw ToolError(name + ": not understood: " + line);
+            throw ToolError(name + " is not understood from \"" + line + "\"");
         }
     }
 }

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace test_support {
+
+struct CommandResult {
+    DWORD exitCode = 0xFFFFFFFF;
+    std::string output;  ///< standard output and error, without carriage returns
+};
+
+/// Runs a program of the test program's folder and waits for it.
+/// @param commandLine e.g. L"tessahost.exe status"
+inline CommandResult RunCommand(const std::wstring& commandLine) {
+    SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
+    HANDLE read = nullptr;
+    HANDLE write = nullptr;
+    ::CreatePipe(&read, &write, &inheritable, 0);
+    ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
+    wchar_t self[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring line(self);
+    line = line.substr(0, line.rfind(L'\\') + 1) + commandLine;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = write;
+    PROCESS_INFORMATION process = {};
+    CommandResult result;
+    const BOOL created = ::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                          &startup, &process);
+    ::CloseHandle(write);
+    if (created) {
+        char buffer[4096];
+        DWORD size = 0;
+        while (::ReadFile(read, buffer, sizeof buffer, &size, nullptr) && size > 0)
+            result.output.append(buffer, size);
+        std::erase(result.output, '\r');
+        ::WaitForSingleObject(process.hProcess, INFINITE);
+        ::GetExitCodeProcess(process.hProcess, &result.exitCode);
+        ::CloseHandle(process.hThread);
+        ::CloseHandle(process.hProcess);
+    }
+    ::CloseHandle(read);
+    return result;
+}
+
+/// Waits until a condition holds, at most ten seconds.
+template <typename Condition>
+bool Eventually(Condition condition) {
+    const ULONGLONG deadline = ::GetTickCount64() + 10000;
+    while (!condition()) {
+        if (::GetTickCount64() > deadline) return false;
+        ::Sleep(10);
+    }
+    return true;
+}
+
+}  // namespace test_support

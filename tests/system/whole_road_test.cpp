@@ -1,0 +1,268 @@
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "adapter_control.h"
+#include "command.h"
+#include "configuration_library_location.h"
+#include "log_device_store.h"
+#include "wine_gap_loader.h"
+
+// From the adapter's socket to the access point: the drivers, the operating system's notification, the
+// service host, the plug-in and the configuration library, all real.
+namespace {
+
+using adapter_control::FindModel;
+using adapter_control::Plug;
+using adapter_control::Unplug;
+using configuration_library::LogDeviceStore;
+using test_support::CommandResult;
+using test_support::ConfigurationLibraryLocation;
+using test_support::Eventually;
+using test_support::RunCommand;
+
+const std::vector<std::wstring> kKinds = {L"auto", L"xli", L"profibus", L"fwl", L"fwl_fast_load"};
+
+/// A station: adapters installed and unplugged, a fresh store with all log devices hidden, the service
+/// installed.
+class Station : public testing::Test {
+  protected:
+    Station() {
+        const std::wstring inf = ConfigurationLibraryLocation::ProgramFolder() + L"\\adapters.inf";
+        for (const auto& model : adapter_control::Models())
+            adapter_control::Install(model, inf);
+        UnplugAll();
+        store_.Wipe();
+        store_.Initialise();
+        for (const auto* model : {L"NX4120", L"Fennlink U3"})
+            for (const auto& kind : kKinds) {
+                entries_.push_back(std::wstring(L"LDT-") + model + L"." + kind);
+                store_.Create(std::wstring(model) + L"." + kind + L".1", {{L"hidden", L"true"}});
+            }
+        store_.SetTemplateEntries(entries_);
+        RunCommand(L"tessahost.exe uninstall");  // what an aborted test may have left
+        ::DeleteFileW(log_.c_str());
+        EXPECT_EQ(RunCommand(L"tessahost.exe install --log \"" + log_ + L"\"").exitCode, 0u);
+    }
+    ~Station() override {
+        RunCommand(L"tessahost.exe uninstall");
+        UnplugAll();
+        store_.Wipe();
+    }
+
+    static void UnplugAll() {
+        for (const auto& model : adapter_control::Models())
+            for (const DWORD port : {0u, 1u})
+                Unplug(model, port);
+    }
+
+    void StartService() {
+        const CommandResult started = RunCommand(L"tessahost.exe start");
+        ASSERT_EQ(started.exitCode, 0u) << started.output << HostLog();
+    }
+
+    std::wstring State(const std::wstring& logDevice) const {
+        std::wstring hidden;
+        if (store_.GetValue(logDevice, L"hidden", hidden) != 0) return L"missing";
+        return hidden == L"true" ? L"hidden" : L"visible";
+    }
+    bool AllAre(const std::wstring& model, const std::wstring& state) const {
+        for (const auto& kind : kKinds)
+            if (State(model + L"." + kind + L".1") != state) return false;
+        return true;
+    }
+    bool AllBecome(const std::wstring& model, const std::wstring& state) const {
+        return Eventually([&] { return AllAre(model, state); });
+    }
+
+    std::string HostLog() const {
+        std::ifstream file(std::string(log_.begin(), log_.end()), std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    std::size_t Count(const std::string& pattern) const {
+        const std::string log = HostLog();
+        const std::regex expression(pattern);
+        return static_cast<std::size_t>(
+            std::distance(std::sregex_iterator(log.begin(), log.end(), expression), std::sregex_iterator()));
+    }
+
+    ConfigurationLibraryLocation location_{ConfigurationLibraryLocation::ProgramFolder() + L"\\station"};
+    LogDeviceStore store_;
+    std::vector<std::wstring> entries_;
+    std::wstring log_ = L"C:\\windows\\temp\\tessahost_test.log";
+    const adapter_control::Model& nx4120_ = *FindModel(L"NX4120");
+    const adapter_control::Model& fennlinkU3_ = *FindModel(L"FennlinkU3");
+};
+
+}  // namespace
+
+TEST_F(Station, PluggingShowsAndUnpluggingHides) {
+    StartService();
+    EXPECT_TRUE(AllAre(L"NX4120", L"hidden"));
+
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    EXPECT_TRUE(AllAre(L"Fennlink U3", L"hidden"));
+    Plug(fennlinkU3_);
+    EXPECT_TRUE(AllBecome(L"Fennlink U3", L"visible"));
+    Unplug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+    EXPECT_TRUE(AllAre(L"Fennlink U3", L"visible"));
+    Unplug(fennlinkU3_);
+    EXPECT_TRUE(AllBecome(L"Fennlink U3", L"hidden"));
+}
+
+TEST_F(Station, StartShowsWhatIsPluggedInAndHidesWhatIsNot) {
+    for (const auto& kind : kKinds)
+        store_.SetValue(L"Fennlink U3." + kind + L".1", L"hidden", L"false");
+    Plug(nx4120_);
+
+    StartService();
+
+    EXPECT_TRUE(AllAre(L"NX4120", L"visible"));
+    EXPECT_TRUE(AllAre(L"Fennlink U3", L"hidden"));
+}
+
+TEST_F(Station, MissingAndNotInstalledLogDevicesAreLeftAlone) {
+    store_.Delete(L"NX4120.XLI.1");
+    std::erase(entries_, L"LDT-NX4120.fwl");
+    store_.SetTemplateEntries(entries_);
+    StartService();
+
+    Plug(nx4120_);
+
+    EXPECT_TRUE(Eventually([&] { return State(L"NX4120.FWL_FAST_LOAD.1") == L"visible"; }));
+    EXPECT_EQ(State(L"NX4120.PROFIBUS.1"), L"visible");
+    EXPECT_EQ(State(L"NX4120.XLI.1"), L"missing");
+    EXPECT_EQ(State(L"NX4120.FWL.1"), L"hidden") << "not installed";
+}
+
+TEST_F(Station, StateIsRightAfterABurst) {
+    StartService();
+    for (int i = 0; i < 20; ++i) {
+        Plug(nx4120_);
+        Plug(fennlinkU3_);
+        Unplug(nx4120_);
+        Unplug(fennlinkU3_);
+    }
+    Plug(fennlinkU3_);
+    EXPECT_TRUE(AllBecome(L"Fennlink U3", L"visible"));
+    EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+}
+
+TEST_F(Station, ServiceReportsItsStatesInOrder) {
+    StartService();
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+
+    EXPECT_TRUE(std::regex_search(
+        HostLog(),
+        std::regex("START_PENDING  check point 1,[^]*START_PENDING  check point 2, wait hint 3000 ms[^]*"
+                   "START_PENDING  check point 3,[^]*START_PENDING  check point 4,[^]*"
+                   "START_PENDING  check point 5,[^]*RUNNING  [^]*STOP_PENDING [^]*"
+                   "plug-in is unloaded[^]*STOPPED  ")))
+        << HostLog();
+}
+
+TEST_F(Station, CanBeStoppedAndStartedAgain) {
+    for (int i = 0; i < 2; ++i) {
+        StartService();
+        Plug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+        Unplug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+        EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    }
+    Plug(nx4120_);
+    EXPECT_EQ(Count("Device event 0x8000"), 2u) << "a stopped service hears nothing";
+}
+
+TEST_F(Station, SecondInstanceIsRefusedAndTheFirstGoesOn) {
+    StartService();
+    EXPECT_EQ(RunCommand(L"tessahost.exe install --name tessahost2").exitCode, 0u);
+
+    const CommandResult second = RunCommand(L"tessahost.exe start --name tessahost2");
+
+    EXPECT_EQ(second.exitCode, 1u);
+    EXPECT_NE(second.output.find("the service ended with error 1066 (its own code: 1)"), std::string::npos)
+        << second.output;
+    EXPECT_EQ(RunCommand(L"tessahost.exe uninstall --name tessahost2").exitCode, 0u);
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+}
+
+TEST_F(Station, EveryAnswerToAMissingLibraryIsToGoOn) {
+    ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+    StartService();
+    Plug(nx4120_);
+    EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8000") == 1; }));
+    Unplug(nx4120_);
+    EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8004") == 1; }));
+    ConfigurationLibraryLocation::Set(ConfigurationLibraryLocation::ProgramFolder() + L"\\station");
+
+    Plug(nx4120_);
+
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible")) << "the worker survived";
+}
+
+TEST_F(Station, FaultInsideTheLibraryEndsOneEventOnly) {
+    for (const auto* variant : {L"faults", L"missing_export"}) {
+        ConfigurationLibraryLocation::Set(test_support::FaultyLibrary(variant));
+        StartService();
+        Plug(nx4120_);
+        EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8000") >= 1; }));
+        Unplug(nx4120_);
+        ConfigurationLibraryLocation::Set(ConfigurationLibraryLocation::ProgramFolder() + L"\\station");
+        Plug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+        EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+        for (const auto& kind : kKinds)
+            store_.SetValue(L"NX4120." + kind + L".1", L"hidden", L"true");
+        Unplug(nx4120_);
+    }
+}
+
+TEST_F(Station, TwoAdaptersOfOneModelAreOneState) {
+    StartService();
+    Plug(nx4120_, 0);
+    Plug(nx4120_, 1);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    EXPECT_EQ(adapter_control::DevicePaths(nx4120_).size(), 2u);
+    EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8000") == 2; }));
+}
+
+TEST_F(Station, StartIsInTheApplicationLogAsASentence) {
+    StartService();
+    const CommandResult log = RunCommand(L"tessactl.exe log");
+    EXPECT_EQ(log.exitCode, 0u);
+    EXPECT_NE(log.output.find("information  0x00000100  The adapter service plug-in has started."),
+              std::string::npos)
+        << log.output;
+}
+
+TEST_F(Station, ArrivalCanBeTraced) {
+    StartService();
+    const std::wstring file = L"C:\\windows\\temp\\arrival.etl";
+    EXPECT_EQ(RunCommand(L"tessactl.exe trace start --file " + file).exitCode, 0u);
+    EXPECT_EQ(RunCommand(L"tessactl.exe trace start").exitCode, 1u) << "one recording at a time";
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    EXPECT_EQ(RunCommand(L"tessactl.exe trace stop").exitCode, 0u);
+    EXPECT_EQ(RunCommand(L"tessactl.exe trace stop").exitCode, 1u) << "no recording runs";
+
+    const std::string text = RunCommand(L"tessactl.exe trace decode " + file).output;
+    EXPECT_NE(text.find("Unhide NX4120(XLI)"), std::string::npos);
+    EXPECT_NE(text.find("Entry tessaplug::DeviceNotifier::OnDeviceArrival"), std::string::npos);
+    EXPECT_NE(text.find("Exit tessaplug::DeviceNotifier::OnDeviceArrival"), std::string::npos);
+    EXPECT_EQ(text.find("unknown message"), std::string::npos);
+    EXPECT_EQ(text.find("<missing>"), std::string::npos);
+    const std::string chrome = RunCommand(L"tessactl.exe trace decode --format chrome " + file).output;
+    EXPECT_TRUE(chrome.starts_with("{\"traceEvents\":["));
+    EXPECT_NE(
+        chrome.find("{\"name\":\"tessaplug::DeviceNotifier::OnDeviceArrival\",\"cat\":\"tessaplug_pnp\","
+                    "\"ph\":\"B\""),
+        std::string::npos);
+}

@@ -1,0 +1,158 @@
+#include "service_control.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "module_hooks.h"
+
+using host::ExitCode;
+using host::Options;
+using testing::_;
+using testing::NiceMock;
+using testing::Return;
+
+namespace {
+
+class MockAdvapi32 : public windows_api::Advapi32 {
+  public:
+    MOCK_METHOD(SC_HANDLE, OpenSCManagerW, (const wchar_t*, const wchar_t*, DWORD), (override));
+    MOCK_METHOD(BOOL, CloseServiceHandle, (SC_HANDLE), (override));
+    MOCK_METHOD(SC_HANDLE, OpenServiceW, (SC_HANDLE, const wchar_t*, DWORD), (override));
+    MOCK_METHOD(SC_HANDLE, CreateServiceW_Reduced,
+                (SC_HANDLE, const wchar_t*, const wchar_t*, const wchar_t*, DWORD), (override));
+    MOCK_METHOD(BOOL, StartServiceW, (SC_HANDLE, DWORD, const wchar_t**), (override));
+    MOCK_METHOD(BOOL, ControlService, (SC_HANDLE, DWORD, SERVICE_STATUS*), (override));
+    MOCK_METHOD(BOOL, DeleteService, (SC_HANDLE), (override));
+    MOCK_METHOD(BOOL, QueryServiceStatusEx, (SC_HANDLE, SC_STATUS_TYPE, BYTE*, DWORD, DWORD*), (override));
+};
+
+/// An action that fails with a system error.
+template <typename Result>
+auto FailWith(DWORD error, Result result) {
+    return [error, result](auto&&...) {
+        ::SetLastError(error);
+        return result;
+    };
+}
+
+/// Answers a query with a state.
+auto AnswerState(DWORD state, DWORD exitCode = 0) {
+    return [=](SC_HANDLE, SC_STATUS_TYPE, BYTE* buffer, DWORD, DWORD*) {
+        auto* status = reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
+        status->dwCurrentState = state;
+        status->dwWin32ExitCode = exitCode;
+        return TRUE;
+    };
+}
+
+class Control : public testing::Test {
+  protected:
+    Control() {
+        ON_CALL(*advapi32_, OpenSCManagerW).WillByDefault(Return(reinterpret_cast<SC_HANDLE>(0x10)));
+        ON_CALL(*advapi32_, OpenServiceW).WillByDefault(Return(reinterpret_cast<SC_HANDLE>(0x20)));
+        ON_CALL(*advapi32_, StartServiceW).WillByDefault(Return(TRUE));
+        ON_CALL(*advapi32_, ControlService).WillByDefault(Return(TRUE));
+        ON_CALL(*advapi32_, DeleteService).WillByDefault(Return(TRUE));
+        ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_STOPPED));
+    }
+    /// This program's own file stands for the plug-in: it is there.
+    static Options WithPlugIn() {
+        wchar_t self[MAX_PATH] = {};
+        ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+        Options options;
+        options.plugIn = self;
+        return options;
+    }
+
+    std::shared_ptr<NiceMock<MockAdvapi32>> advapi32_ = std::make_shared<NiceMock<MockAdvapi32>>();
+    host::ServiceControl control_{advapi32_, std::chrono::milliseconds(50)};
+};
+
+constexpr SC_HANDLE kNone = nullptr;
+
+}  // namespace
+
+TEST_F(Control, MissingRightsAreTold) {
+    ON_CALL(*advapi32_, OpenSCManagerW).WillByDefault(FailWith(ERROR_ACCESS_DENIED, kNone));
+    EXPECT_EQ(control_.Install(WithPlugIn()), ExitCode::kNoRights);
+    EXPECT_EQ(control_.Start({}), ExitCode::kNoRights);
+    EXPECT_EQ(control_.Status({}), ExitCode::kNoRights);
+}
+
+TEST_F(Control, MissingServiceIsTold) {
+    ON_CALL(*advapi32_, OpenServiceW).WillByDefault(FailWith(ERROR_SERVICE_DOES_NOT_EXIST, kNone));
+    EXPECT_EQ(control_.Start({}), ExitCode::kNotInstalled);
+    EXPECT_EQ(control_.Stop({}), ExitCode::kNotInstalled);
+    EXPECT_EQ(control_.Status({}), ExitCode::kNotInstalled);
+    EXPECT_EQ(control_.Uninstall({}), ExitCode::kNotInstalled);
+}
+
+TEST_F(Control, InstallRefusesAMissingPlugIn) {
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced).Times(0);
+    Options options;
+    options.plugIn = L"no such file.dll";
+    EXPECT_EQ(control_.Install(options), ExitCode::kFailed);
+}
+
+TEST_F(Control, InstallTellsOfAnInstalledService) {
+    ON_CALL(*advapi32_, CreateServiceW_Reduced).WillByDefault(FailWith(ERROR_SERVICE_EXISTS, kNone));
+    EXPECT_EQ(control_.Install(WithPlugIn()), ExitCode::kAlreadyInstalled);
+    ON_CALL(*advapi32_, CreateServiceW_Reduced)
+        .WillByDefault(FailWith(ERROR_SERVICE_MARKED_FOR_DELETE, kNone));
+    EXPECT_EQ(control_.Install(WithPlugIn()), ExitCode::kFailed);
+}
+
+TEST_F(Control, InstalledCommandLineIsQuotedAndComplete) {
+    std::wstring commandLine;
+    DWORD startType = 0;
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced)
+        .WillOnce([&](SC_HANDLE, const wchar_t*, const wchar_t*, const wchar_t* path, DWORD type) {
+            commandLine = path;
+            startType = type;
+            return reinterpret_cast<SC_HANDLE>(0x20);
+        });
+    Options options = WithPlugIn();
+    options.log = L"C:\\log file";
+    options.automaticStart = true;
+
+    EXPECT_EQ(control_.Install(options), ExitCode::kSuccess);
+
+    EXPECT_TRUE(commandLine.starts_with(L"\"" + options.plugIn + L"\" run --name \"tessahost\" --plugin \""));
+    EXPECT_TRUE(commandLine.ends_with(L"--log \"C:\\log file\""));
+    EXPECT_EQ(startType, static_cast<DWORD>(SERVICE_AUTO_START));
+}
+
+TEST_F(Control, StartAndStopTellOfTheStateTheyFind) {
+    ON_CALL(*advapi32_, StartServiceW).WillByDefault(FailWith(ERROR_SERVICE_ALREADY_RUNNING, FALSE));
+    EXPECT_EQ(control_.Start({}), ExitCode::kAlreadyRunning);
+    ON_CALL(*advapi32_, ControlService).WillByDefault(FailWith(ERROR_SERVICE_NOT_ACTIVE, FALSE));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kNotRunning);
+}
+
+TEST_F(Control, StartWaitsForRunning) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_START_PENDING))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    EXPECT_EQ(control_.Start({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, StartTellsOfAServiceThatEnds) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_STOPPED, 1066));
+    EXPECT_EQ(control_.Start({}), ExitCode::kFailed);
+}
+
+TEST_F(Control, StartGivesUpInTheEnd) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_START_PENDING));
+    EXPECT_EQ(control_.Start({}), ExitCode::kTimedOut);
+}
+
+TEST_F(Control, UninstallStopsARunningServiceFirst) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_STOPPED));
+    const testing::InSequence inSequence;
+    EXPECT_CALL(*advapi32_, ControlService(_, SERVICE_CONTROL_STOP, _)).WillOnce(Return(TRUE));
+    EXPECT_CALL(*advapi32_, DeleteService).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Uninstall({}), ExitCode::kSuccess);
+}
