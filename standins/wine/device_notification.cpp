@@ -3,6 +3,7 @@
 #include <winsvc.h>
 
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "wine_gap.h"
@@ -43,8 +44,10 @@ decltype(&::RegisterServiceCtrlHandlerExW) originalRegisterHandler = nullptr;
 HWND MakeWindow(ServiceHandler* handler) {
     const HWND window =
         ::CreateWindowExW(0, kWindowClass, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-    if (window != nullptr && handler != nullptr)
-        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(new ServiceHandler(*handler)));
+    if (window != nullptr && handler != nullptr) {
+        auto owned = std::make_unique<ServiceHandler>(*handler);
+        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(owned.release()));
+    }
     return window;
 }
 

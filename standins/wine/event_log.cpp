@@ -13,7 +13,7 @@ namespace wine_gap {
 namespace {
 
 constexpr DWORD kSignature = 0x654c664c;  // "LfLe", as in every EVENTLOGRECORD
-constexpr std::size_t kMaxLogSize = 1024 * 1024;
+constexpr std::size_t kMaxLogSize = std::size_t{1024} * 1024;
 constexpr wchar_t kLogsKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog";
 constexpr wchar_t kLockName[] = L"Global\\WINEGAP_EVENT_LOG";
 

@@ -61,7 +61,7 @@ std::shared_ptr<RegisteredDevice> DeviceContainer::pop(const GUID& guid) {
     const auto found =
         std::ranges::find_if(devices_, [&guid](const auto& device) { return device->Has(guid); });
     if (found == devices_.end()) MODUL_THROW(std::runtime_error("Device not in container!"));
-    const std::shared_ptr<RegisteredDevice> device = *found;
+    std::shared_ptr<RegisteredDevice> device = std::move(*found);
     devices_.erase(found);
     return device;
 }
@@ -69,7 +69,7 @@ std::shared_ptr<RegisteredDevice> DeviceContainer::pop(const GUID& guid) {
 std::shared_ptr<RegisteredDevice> DeviceContainer::pop() {
     FUNCTION_TRACE();
     if (devices_.empty()) MODUL_THROW(std::runtime_error("Container is empty!"));
-    const std::shared_ptr<RegisteredDevice> device = devices_.back();
+    std::shared_ptr<RegisteredDevice> device = std::move(devices_.back());
     devices_.pop_back();
     return device;
 }

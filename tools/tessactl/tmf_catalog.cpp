@@ -58,13 +58,17 @@ void TmfCatalog::Add(const std::string& text, const std::string& name) {
     std::istringstream lines(text);
     std::string line;
     std::smatch match;
-    if (!std::getline(lines, line) || !std::regex_match(line, match, kHead))
+    const auto nextLine = [&] {
+        const bool isLine = !std::getline(lines, line).fail();
+        if (line.ends_with('\r')) line.pop_back();
+        return isLine;
+    };
+    if (!nextLine() || !std::regex_match(line, match, kHead))
         throw ToolError(name + " is no trace message format file");
     auto& messages = messages_[GuidFrom(match[1], name)];
     const std::string source = match[2];
     TmfMessage* current = nullptr;
-    while (std::getline(lines, line)) {
-        if (line.ends_with('\r')) line.pop_back();
+    while (nextLine()) {
         if (std::regex_match(line, match, kMessage)) {
             current = &messages[static_cast<unsigned int>(std::stoul(match[1]))];
             *current = {source, match[2], {}, static_cast<unsigned int>(std::stoul(match[3]))};

@@ -27,7 +27,8 @@ constexpr GUID kGuidA = {0xA0000000, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
 constexpr GUID kGuidB = {0xB0000000, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
 constexpr GUID kGuidC = {0xC0000000, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
 
-ModelRecord Model(const GUID& guid, const std::wstring& name, std::vector<std::wstring> logDevices = {}) {
+ModelRecord Model(const GUID& guid, const std::wstring& name,
+                  const std::vector<std::wstring>& logDevices = {}) {
     return std::make_shared<CommunicationProcessorDb>(logDevices, guid, name);
 }
 

@@ -1,0 +1,120 @@
+#include "trace_decoder.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "module_hooks.h"
+
+using tessactl::ChromeTraceWriter;
+using tessactl::Decode;
+using tessactl::RecordedMessage;
+using tessactl::TmfCatalog;
+using tessactl::ToolError;
+
+namespace {
+
+constexpr GUID kGuid = {0x0f2b5f1e, 0x9c4d, 0x4f5a, {0x8a, 0x57, 0x6f, 0x1f, 0x0c, 0x9d, 0x1e, 0x01}};
+constexpr GUID kFunctionGuid = {0x6c1f2f5e, 0x0b0f, 0x4f6e, {0x9f, 0x0c, 0x3a, 0x52, 0xd4, 0xe1, 0xb7, 0x01}};
+
+constexpr char kTmf[] =
+    "0f2b5f1e-9c4d-4f5a-8a57-6f1f0c9d1e01 name // SRC=name.cpp MJ= MN=\n"
+    "#typev name_cpp3 10 \"%0%10!s! is %11!d!%% of %12!I64x!, %13!p! %14!s! %15!u! %16!x!\" //   LEVEL=2 "
+    "FLAGS=0x1\n"
+    "{\nArg, ItemWString -- 10\nArg, ItemLong -- 11\nArg, ItemULongLong -- 12\nArg, ItemPtr -- 13\n"
+    "Arg, ItemString -- 14\nArg, ItemLong -- 15\nArg, ItemLong -- 16\n}\n"
+    "#typev name_cpp9 11 \"%0no arguments\" //   LEVEL=5 FLAGS=0x1\n{\n}\n";
+constexpr char kFunctionTmf[] =
+    "6c1f2f5e-0b0f-4f6e-9f0c-3a52d4e1b701 function_trace // SRC=function_trace.cpp MJ= MN=\r\n"
+    "#typev function_trace_cpp1 10 \"%0%10!s!: Entry %11!s!\" //   LEVEL=5 FLAGS=0x4\r\n"
+    "{\r\nArg, ItemString -- 10\r\nArg, ItemString -- 11\r\n}\r\n"
+    "#typev function_trace_cpp2 11 \"%0%10!s!: Exit %11!s!\" //   LEVEL=5 FLAGS=0x4\r\n"
+    "{\r\nArg, ItemString -- 10\r\nArg, ItemString -- 11\r\n}\r\n";
+
+template <typename T>
+void Append(std::vector<BYTE>& bytes, const T& value) {
+    const auto* from = reinterpret_cast<const BYTE*>(&value);
+    bytes.insert(bytes.end(), from, from + sizeof value);
+}
+
+class Decoder : public testing::Test {
+  protected:
+    Decoder() {
+        catalog_.Add(kTmf, "name.tmf");
+        catalog_.Add(kFunctionTmf, "function.tmf");
+    }
+    TmfCatalog catalog_;
+};
+
+RecordedMessage Function(unsigned int number, ULONG64 time) {
+    RecordedMessage message{time, 4, 5, kFunctionGuid, number, {}};
+    Append(message.arguments, "file");
+    Append(message.arguments, "space::Function");
+    return message;
+}
+
+}  // namespace
+
+TEST_F(Decoder, PrintsEveryKindOfArgument) {
+    RecordedMessage message{0, 1, 2, kGuid, 10, {}};
+    Append(message.arguments, L"wide");
+    Append(message.arguments, -7);
+    Append(message.arguments, 0x1234567890ULL);
+    Append(message.arguments, reinterpret_cast<void*>(0xABC));
+    Append(message.arguments, "narrow");
+    Append(message.arguments, 4000000000U);
+    Append(message.arguments, 255);
+
+    const auto decoded = Decode(catalog_, message);
+
+    EXPECT_EQ(decoded.text, "wide is -7% of 1234567890, 0x0000000000000abc narrow 4000000000 ff");
+    EXPECT_EQ(decoded.source, "name");
+    EXPECT_EQ(decoded.level, 2u);
+}
+
+TEST_F(Decoder, MissingArgumentsAreShownAsSuch) {
+    RecordedMessage message{0, 1, 2, kGuid, 10, {}};
+    Append(message.arguments, L"wide");
+    message.arguments.push_back(1);  // not a whole number
+    EXPECT_TRUE(Decode(catalog_, message).text.starts_with("wide is <missing>% of <missing>"));
+    message.arguments = {'w', 0, 'i'};  // a text without its end
+    EXPECT_TRUE(Decode(catalog_, message).text.starts_with("<missing> is <missing>"));
+}
+
+TEST_F(Decoder, UnknownMessagesAreShownWithTheirBytes) {
+    const RecordedMessage unknownNumber{0, 1, 2, kGuid, 99, {0xAB, 0x01}};
+    EXPECT_EQ(Decode(catalog_, unknownNumber).text,
+              "unknown message 99 of {0F2B5F1E-9C4D-4F5A-8A57-6F1F0C9D1E01}, bytes: ab 01");
+    const RecordedMessage unknownGuid{0, 1, 2, {}, 10, {}};
+    EXPECT_EQ(Decode(catalog_, unknownGuid).text,
+              "unknown message 10 of {00000000-0000-0000-0000-000000000000}, bytes:");
+}
+
+TEST_F(Decoder, ChromeTraceHasSlicesAndInstants) {
+    ChromeTraceWriter writer;
+    const RecordedMessage entry = Function(10, 1000);
+    const RecordedMessage instant{1500, 4, 5, kGuid, 11, {}};
+    const RecordedMessage exit = Function(11, 2000);
+    for (const auto& message : {entry, instant, exit})
+        writer.Add(message, Decode(catalog_, message));
+
+    EXPECT_EQ(writer.Finish(),
+              "{\"traceEvents\":[\n"
+              "{\"name\":\"space::Function\",\"cat\":\"file\",\"ph\":\"B\",\"ts\":0.0,\"pid\":4,\"tid\":5},\n"
+              "{\"name\":\"no "
+              "arguments\",\"cat\":\"name\",\"ph\":\"i\",\"s\":\"t\",\"ts\":50.0,\"pid\":4,\"tid\":5},\n"
+              "{\"name\":\"space::Function\",\"cat\":\"file\",\"ph\":\"E\",\"ts\":100.0,\"pid\":4,\"tid\":5}"
+              "\n]}\n");
+}
+
+TEST(TmfCatalog, RefusesWhatItDoesNotUnderstand) {
+    TmfCatalog catalog;
+    EXPECT_THROW(catalog.Add("", "empty.tmf"), ToolError);
+    EXPECT_THROW(catalog.Add("no guid // SRC=\n", "bad.tmf"), ToolError);
+    EXPECT_THROW(catalog.Add(std::string(kTmf) + "garbage\n", "bad.tmf"), ToolError);
+    EXPECT_THROW(TmfCatalog::FromFolder(L"C:\\no such folder"), ToolError);
+}
+
+TEST(Recording, FileThatIsMissingIsRefused) {
+    EXPECT_THROW(tessactl::ReadRecording(L"C:\\no such file.etl", [](const RecordedMessage&) {}), ToolError);
+}
