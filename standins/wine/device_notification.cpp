@@ -3,7 +3,6 @@
 #include <winsvc.h>
 
 #include <map>
-#include <memory>
 #include <mutex>
 
 #include "wine_gap.h"
@@ -41,33 +40,32 @@ decltype(&::RegisterDeviceNotificationW) originalRegister = nullptr;
 decltype(&::UnregisterDeviceNotification) originalUnregister = nullptr;
 decltype(&::RegisterServiceCtrlHandlerExW) originalRegisterHandler = nullptr;
 
-HWND MakeWindow(ServiceHandler* handler) {
+/// Whom each window delivers to; touched on the window thread only.
+std::map<HWND, ServiceHandler> recipients;
+
+HWND MakeWindow(const ServiceHandler* handler) {
     const HWND window =
         ::CreateWindowExW(0, kWindowClass, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-    if (window != nullptr && handler != nullptr) {
-        auto owned = std::make_unique<ServiceHandler>(*handler);
-        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(owned.release()));
-    }
+    if (window != nullptr && handler != nullptr) recipients[window] = *handler;
     return window;
 }
 
-void DestroyWindowAndHandler(HWND window) {
-    delete reinterpret_cast<ServiceHandler*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
+void ForgetWindow(HWND window) {
+    recipients.erase(window);
     ::DestroyWindow(window);
 }
 
 LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
     switch (message) {
         case kMakeWindow:
-            return reinterpret_cast<LRESULT>(MakeWindow(reinterpret_cast<ServiceHandler*>(lParam)));
+            return reinterpret_cast<LRESULT>(MakeWindow(reinterpret_cast<const ServiceHandler*>(lParam)));
         case kDestroyWindow:
-            DestroyWindowAndHandler(reinterpret_cast<HWND>(lParam));
+            ForgetWindow(reinterpret_cast<HWND>(lParam));
             return 0;
         case WM_DEVICECHANGE: {
-            const auto* owned =
-                reinterpret_cast<const ServiceHandler*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
-            if (owned == nullptr || lParam == 0) return TRUE;
-            const ServiceHandler handler = *owned;  // the handler may unregister itself
+            const auto recipient = recipients.find(window);
+            if (recipient == recipients.end() || lParam == 0) return TRUE;
+            const ServiceHandler handler = recipient->second;  // the handler may unregister itself
             handler.function(SERVICE_CONTROL_DEVICEEVENT, static_cast<DWORD>(wParam),
                              reinterpret_cast<void*>(lParam), handler.context);
             return TRUE;

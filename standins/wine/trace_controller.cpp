@@ -26,9 +26,11 @@ LSTATUS SetNumber(const wchar_t* name, ULONG64 number) {
     return ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kTraceSessionKey, name, REG_QWORD, &number, sizeof number);
 }
 
+/// Shared with everybody: a process that recorded into a former session of the file may still hold it open.
 ULONG CreateTraceFile(const std::wstring& path) {
-    const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE file =
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return ::GetLastError();
     TraceFileHeader header = {};
     std::memcpy(header.magic, TraceFileHeader::kMagic, sizeof header.magic);
