@@ -18,21 +18,24 @@ namespace {
 class Adapters : public testing::Test {
   protected:
     Adapters() {
+        for (const Model& model : adapter_control::Models())
+            adapter_control::Install(model, InfPath());
+        UnplugAll();
+    }
+    ~Adapters() override { UnplugAll(); }
+
+    static std::wstring InfPath() {
         wchar_t path[MAX_PATH] = {};
         ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-        std::wstring inf(path);
-        inf.replace(inf.rfind(L'\\') + 1, std::wstring::npos, L"adapters.inf");
-        for (const Model& model : adapter_control::Models()) {
-            adapter_control::Install(model, inf);
-            for (const DWORD port : {0u, 1u})
-                Unplug(model, port);
-        }
+        const std::wstring self(path);
+        return self.substr(0, self.rfind(L'\\')) + L"\\adapters.inf";
     }
-    ~Adapters() override {
+    static void UnplugAll() {
         for (const Model& model : adapter_control::Models())
             for (const DWORD port : {0u, 1u})
                 Unplug(model, port);
     }
+
     const Model& nx4120_ = *adapter_control::FindModel(L"nx4120");
     const Model& fennlinkU3_ = *adapter_control::FindModel(L"Fennlink U3");
 };
