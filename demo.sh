@@ -6,6 +6,7 @@ cd "$(dirname "$0")"
 
 scripts/setup.sh
 . scripts/machine.sh
+. scripts/station.sh
 
 bold=$(tput bold 2>/dev/null || true)
 plain=$(tput sgr0 2>/dev/null || true)
@@ -19,12 +20,6 @@ ls -l build/release/bin/tessaplug.dll | awk '{printf "tessaplug.dll  %.0f KB\n",
 
 heading "A fresh machine with the stand-ins of a station"
 machine_new "$PWD/build/machine-demo"
-mkdir -p "$WINEPREFIX/drive_c/tessaplug" "$WINEPREFIX/drive_c/korvane/bin"
-cp -r build/release/bin/{tessaplug.dll,tessahost.exe,tessactl.exe,winegap.dll,q5config.exe,adapterctl.exe,adapters.inf,fenlu3.sys,nx4120.sys,tmf} \
-    "$WINEPREFIX/drive_c/tessaplug"
-cp build/release/bin/q5orvix64x.dll "$WINEPREFIX/drive_c/korvane/bin"
-
-run() { machine "C:\\tessaplug\\$1.exe" "${@:2}" | tr -d '\r'; }
 # Waits until every access point of a model has a state; the argument is the model as the list shows it.
 wait_for() {
     for _ in $(seq 100); do
@@ -69,9 +64,7 @@ plug() { # plug|unplug MODEL LISTED-NAME visible|hidden
     show_points
 }
 
-run adapterctl install
-run q5config register 'C:\korvane'
-run q5config init
+station_new build/release
 run adapterctl status
 : >"$WINEPREFIX/points"
 show_points

@@ -1,0 +1,323 @@
+#include <windows.h>
+#include <dbt.h>
+#include <psapi.h>
+#include <setupapi.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cwchar>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "adapter_control.h"
+#include "exception_history.h"
+#include "function_trace.h"
+#include "log_device_store.h"
+#include "tessaplug_intern.h"
+#include "trace_point.h"
+
+TRACE_SOURCE("bench\\tessabench", "3d9e6c18-52b7-4a0f-8c61-b7f4e29d0a51", trace::kModule);
+
+// Each measure of the plug-in stands beside its bare counterpart, made in the same run; the ratio is what
+// counts. Times are medians of several rounds.
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using tessaplug::Service;
+
+double Median(std::vector<double> values) {
+    std::ranges::sort(values);
+    return values[values.size() / 2];
+}
+
+/// Nanoseconds of one call, the median of eleven rounds.
+double NanosecondsOf(int calls, const std::function<void()>& call) {
+    std::vector<double> rounds;
+    for (int round = 0; round < 11; ++round) {
+        const auto start = Clock::now();
+        for (int i = 0; i < calls; ++i)
+            call();
+        rounds.push_back(std::chrono::duration<double, std::nano>(Clock::now() - start).count() / calls);
+    }
+    return Median(rounds);
+}
+
+double MillisecondsOf(const std::function<void()>& call) {
+    const auto start = Clock::now();
+    call();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+void Print(const char* what, double value, const char* unit) {
+    std::printf("%-52s %10.2f %s\n", what, value, unit);
+}
+
+void PrintRatio(double measured, double bare) {
+    std::printf("%-52s %10.2f\n\n", "  ratio", measured / bare);
+}
+
+[[gnu::noinline]] void Empty(int value) {
+    asm volatile("" : : "r"(value));
+}
+[[gnu::noinline]] void WithTracePoint(int value) {
+    TRACE_INFO(10, "value %d", value);
+    asm volatile("" : : "r"(value));
+}
+[[gnu::noinline]] void WithFunctionTrace(int value) {
+    FUNCTION_TRACE();
+    asm volatile("" : : "r"(value));
+}
+
+void MeasureTracing() {
+    constexpr int kCalls = 5'000'000;
+    const auto timed = [](void (*function)(int)) {
+        std::vector<double> rounds;
+        for (int round = 0; round < 11; ++round) {
+            const auto start = Clock::now();
+            for (int i = 0; i < kCalls; ++i)
+                function(i);
+            rounds.push_back(std::chrono::duration<double, std::nano>(Clock::now() - start).count() / kCalls);
+        }
+        return Median(rounds);
+    };
+    const double bare = timed(&Empty);
+    const double point = timed(&WithTracePoint);
+    const double function = timed(&WithFunctionTrace);
+    Print("an empty function", bare, "ns");
+    Print("with a disabled trace point", point, "ns");
+    PrintRatio(point, bare);
+    Print("with a disabled FunctionTrace", function, "ns");
+    PrintRatio(function, bare);
+}
+
+class IdleNotifier : public tessaplug::DeviceNotifier {
+  public:
+    void Initialize(SERVICE_STATUS_HANDLE) override {}
+    void Register(const tessaplug::ModelRecord&) override {}
+    void OnDeviceArrival(const GUID&, DWORD) override {
+        if (busy) ::WaitForSingleObject(busy, INFINITE);
+    }
+    HANDLE busy = nullptr;
+};
+
+void WINAPI IgnoreStatus(void*, SERVICE_STATUS*) {}
+
+void MeasureControlHandler() {
+    constexpr int kCalls = 20'000;
+    const auto notifier = std::make_shared<IdleNotifier>();
+    tessaplug::ServiceCollaborators collaborators;
+    collaborators.deviceNotifier = notifier;
+    Service service(std::move(collaborators));
+    if (service.init(TESSAPLUG_API_VERSION, reinterpret_cast<SERVICE_STATUS_HANDLE>(1), &IgnoreStatus,
+                     nullptr, 0) != 1)
+        return;
+    DEV_BROADCAST_DEVICEINTERFACE_W data = {};
+    data.dbcc_size = sizeof data;
+    data.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    data.dbcc_classguid = tessaplug::kNx4120InterfaceGuid;
+    const auto event = [&] {
+        service.service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr);
+    };
+    const double idle = NanosecondsOf(kCalls, event);
+    const HANDLE release = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    notifier->busy = release;
+    event();
+    const double busy = NanosecondsOf(kCalls, event);
+    ::SetEvent(release);
+    service.cleanup();
+
+    std::mutex lock;
+    const HANDLE wake = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    const double bare = NanosecondsOf(kCalls, [&] {
+        const auto allocation = std::make_unique<tessaplug::Request>();
+        const std::lock_guard guard(lock);
+        asm volatile("" : : "r"(allocation.get()));
+        ::SetEvent(wake);
+    });
+    Print("one lock, one allocation, one SetEvent", bare, "ns");
+    Print("control handler, worker idle", idle, "ns");
+    PrintRatio(idle, bare);
+    Print("control handler, worker busy", busy, "ns");
+    PrintRatio(busy, bare);
+}
+
+/// The configuration library's own calls, without the plug-in.
+class BareLibrary {
+  public:
+    BareLibrary() : module_(::LoadLibraryW(quelm::ConfigurationLibraryPath().c_str())) {
+        Resolve(exists_, "LogDeviceExists");
+        Resolve(setNdiValue_, "LogDeviceSetNdiValue");
+        Resolve(templateGetEnum_, "TemplateGetEnum");
+    }
+    ~BareLibrary() { ::FreeLibrary(module_); }
+    BareLibrary(const BareLibrary&) = delete;
+    BareLibrary& operator=(const BareLibrary&) = delete;
+
+    void ListTemplate() const {
+        wchar_t name[256];
+        DWORD length = 256;
+        for (DWORD i = 0; templateGetEnum_(L"DefaultLogDevices", i, name, &length) == 0; ++i)
+            length = 256;
+    }
+    void Show(const std::wstring& logDevice, const wchar_t* hidden) const {
+        if (exists_(logDevice.c_str(), 0) == 0) setNdiValue_(logDevice.c_str(), L"hidden", hidden);
+    }
+
+  private:
+    template <typename Function>
+    void Resolve(Function*& pointer, const char* name) {
+        pointer = reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(module_, name)));
+    }
+    HMODULE module_;
+    DWORD(WINAPI* exists_)(const wchar_t*, DWORD) = nullptr;
+    DWORD(WINAPI* setNdiValue_)(const wchar_t*, const wchar_t*, const wchar_t*) = nullptr;
+    DWORD(WINAPI* templateGetEnum_)(const wchar_t*, DWORD, wchar_t*, DWORD*) = nullptr;
+};
+
+const std::vector<std::wstring> kKinds = {L"AUTO", L"XLI", L"PROFIBUS", L"FWL", L"FWL_FAST_LOAD"};
+
+/// What the plug-in asks of the library to show or hide one model, a library for each database as it does.
+void ShowBare(const wchar_t* model, const wchar_t* hidden) {
+    BareLibrary().ListTemplate();
+    for (const auto& kind : kKinds)
+        BareLibrary().Show(std::wstring(model) + L"." + kind + L".1", hidden);
+}
+
+bool AllAre(const wchar_t* hidden) {
+    const configuration_library::LogDeviceStore store;
+    return std::ranges::all_of(kKinds, [&](const std::wstring& kind) {
+        std::wstring value;
+        store.GetValue(L"NX4120." + kind + L".1", L"hidden", value);
+        return value == hidden;
+    });
+}
+
+/// Needs the service to run.
+void MeasurePlugToVisible() {
+    const auto* nx4120 = adapter_control::FindModel(L"NX4120");
+    std::vector<double> plugged;
+    std::vector<double> bare;
+    for (int i = 0; i < 11; ++i) {
+        adapter_control::Unplug(*nx4120);
+        while (!AllAre(L"true"))
+            ::Sleep(1);
+        plugged.push_back(MillisecondsOf([&] {
+            adapter_control::Plug(*nx4120);
+            while (!AllAre(L"false"))
+                ::Sleep(0);
+        }));
+        bare.push_back(MillisecondsOf([] { ShowBare(L"NX4120", L"false"); }));
+    }
+    adapter_control::Unplug(*nx4120);
+    Print("the configuration library's calls made bare", Median(bare), "ms");
+    Print("plug to visible", Median(plugged), "ms");
+    PrintRatio(Median(plugged), Median(bare));
+}
+
+void EnumerateBare(const GUID& guid) {
+    const HMODULE setupapi = ::LoadLibraryW(L"setupapi.dll");
+    const HDEVINFO set =
+        ::SetupDiGetClassDevsW(&guid, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    SP_DEVICE_INTERFACE_DATA data = {};
+    data.cbSize = sizeof data;
+    for (DWORD i = 0; ::SetupDiEnumDeviceInterfaces(set, nullptr, &guid, i, &data); ++i)
+        continue;
+    ::SetupDiDestroyDeviceInfoList(set);
+    ::FreeLibrary(setupapi);
+}
+
+/// What init asks of the system, without the plug-in.
+void InitBare(HANDLE recipient) {
+    const HANDLE lock = ::CreateMutexW(nullptr, TRUE, L"Global\\tessabench_lock");
+    HDEVNOTIFY notifications[2] = {};
+    int i = 0;
+    for (const GUID& guid : {tessaplug::kFennlinkU3InterfaceGuid, tessaplug::kNx4120InterfaceGuid}) {
+        DEV_BROADCAST_DEVICEINTERFACE_W filter = {};
+        filter.dbcc_size = sizeof filter;
+        filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+        filter.dbcc_classguid = guid;
+        notifications[i++] = ::RegisterDeviceNotificationW(recipient, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
+        EnumerateBare(guid);
+        ShowBare(i == 1 ? L"FENNLINK U3" : L"NX4120", L"true");
+    }
+    HANDLE objects[6] = {};
+    for (int model = 0; model < 3; ++model) {
+        objects[2 * model] =
+            ::CreateMutexW(nullptr, FALSE, (L"Global\\tessabench_mtx" + std::to_wstring(model)).c_str());
+        objects[2 * model + 1] =
+            ::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 24,
+                                 (L"Global\\tessabench_shm" + std::to_wstring(model)).c_str());
+        ::UnmapViewOfFile(::MapViewOfFile(objects[2 * model + 1], FILE_MAP_ALL_ACCESS, 0, 0, 24));
+    }
+    const HANDLE wake = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    const HANDLE thread = ::CreateThread(
+        nullptr, 0, [](void* event) -> DWORD { return ::WaitForSingleObject(event, INFINITE); }, wake, 0,
+        nullptr);
+    ::SetEvent(wake);
+    ::WaitForSingleObject(thread, INFINITE);
+    for (const HANDLE handle : {thread, wake, lock})
+        ::CloseHandle(handle);
+    for (const HANDLE handle : objects)
+        ::CloseHandle(handle);
+    for (const HDEVNOTIFY notification : notifications)
+        ::UnregisterDeviceNotification(notification);
+}
+
+SIZE_T PrivateBytes() {
+    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    ::K32GetProcessMemoryInfo(::GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                              sizeof counters);
+    return counters.PrivateUsage;
+}
+
+/// One process, one init: prints "bare init kilobytes" for the script to take the median of.
+void MeasureInitOnce() {
+    wchar_t path[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring library(path);
+    library.replace(library.rfind(L'\\') + 1, std::wstring::npos, L"tessaplug.dll");
+    const auto recipient = reinterpret_cast<SERVICE_STATUS_HANDLE>(1);
+    InitBare(recipient);  // warm
+    const double bare = MillisecondsOf([&] { InitBare(recipient); });
+    const SIZE_T before = PrivateBytes();
+    const HMODULE module = ::LoadLibraryW(library.c_str());
+    const auto init = reinterpret_cast<decltype(&::tessaplug_init)>(
+        reinterpret_cast<void*>(::GetProcAddress(module, "tessaplug_init")));
+    const auto cleanup = reinterpret_cast<decltype(&::tessaplug_cleanup)>(
+        reinterpret_cast<void*>(::GetProcAddress(module, "tessaplug_cleanup")));
+    DWORD started = 0;
+    const double real =
+        MillisecondsOf([&] { started = init(TESSAPLUG_API_VERSION, recipient, &IgnoreStatus, nullptr, 0); });
+    const SIZE_T after = PrivateBytes();
+    cleanup();
+    ::FreeLibrary(module);
+    if (started == 1) std::printf("%.3f %.3f %llu\n", bare, real, (after - before) / 1024);
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    modul_exception::InitializeExceptionHistory();
+    const std::wstring what = argc == 2 ? argv[1] : L"";
+    try {
+        if (what == L"trace")
+            MeasureTracing();
+        else if (what == L"handler")
+            MeasureControlHandler();
+        else if (what == L"visible")
+            MeasurePlugToVisible();
+        else if (what == L"init")
+            MeasureInitOnce();
+        else
+            return std::fputs("usage: tessabench trace|handler|visible|init; see scripts/bench.sh\n", stderr),
+                   2;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tessabench: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

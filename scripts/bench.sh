@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Measures the plug-in beside its bare counterparts on a fresh machine. Not a test: the numbers are the machine's.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh
+. scripts/machine.sh
+. scripts/station.sh
+cmake --workflow --preset release >/dev/null
+machine_new "$PWD/build/machine-bench"
+station_new build/release >/dev/null
+
+echo "Tracing that is off"
+run tessabench trace
+echo "One device event in the control handler"
+run tessabench handler
+echo "tessaplug_init and the same system calls made bare (11 processes)"
+for _ in $(seq 11); do run tessabench init; done | sort -n | awk '
+    { bare[NR] = $1; init[NR] = $2; kb[NR] = $3 }
+    END { m = int(NR / 2) + 1; printf "%-52s %10.2f ms\n%-52s %10.2f ms\n%-52s %10.2f\n%-52s %10d KB\n",
+          "the same system calls made bare", bare[m], "tessaplug_init", init[m], "  ratio", init[m] / bare[m],
+          "private memory that loading and init add", kb[m] }'
+ls -l build/release/bin/tessaplug.dll | awk '{ printf "%-52s %10d KB\n\n", "tessaplug.dll", $5 / 1024 }'
+echo "An adapter of the running service"
+run tessahost install >/dev/null
+run tessahost start >/dev/null
+run tessabench visible
+run tessahost uninstall >/dev/null
