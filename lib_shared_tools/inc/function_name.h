@@ -37,6 +37,14 @@ struct FunctionName {
     }
 };
 
+/// The part of a built-in source path behind its last backslash; the whole path if it has none.
+constexpr const char* BaseName(const char* sourcePath) {
+    const char* base = sourcePath;
+    for (const char* c = sourcePath; *c != '\0'; ++c)
+        if (*c == '\\') base = c + 1;
+    return base;
+}
+
 }  // namespace trace
 
 /// Declares `variable` with the full name of the function it stands in.

@@ -16,10 +16,16 @@ class FunctionTrace {
   public:
     /// @param functionName full name, e.g. "operating_system::EventLog::Open"
     /// @param sourcePath built-in source path; only the part behind its last backslash is kept
-    FunctionTrace(const char* functionName, const char* sourcePath) noexcept {
+    FunctionTrace(const char* functionName, const char* sourcePath) noexcept
+        : FunctionTrace(functionName, SourceFile{BaseName(sourcePath)}) {}
+
+    /// A source path's base name, found when the file was compiled.
+    struct SourceFile {
+        const char* baseName;
+    };
+    FunctionTrace(const char* functionName, SourceFile file) noexcept {
         Copy(functionName_, functionName);
-        const char* behindFolder = std::strrchr(sourcePath, '\\');
-        Copy(fileName_, behindFolder != nullptr ? behindFolder + 1 : sourcePath);
+        Copy(fileName_, file.baseName);
         if (IsEnabled(kFunctionEntryAndExit, kVerbose)) TraceEntry();
     }
     ~FunctionTrace() {
@@ -45,6 +51,7 @@ class FunctionTrace {
 }  // namespace trace
 
 /// Opens the function trace of the function it stands in.
-#define FUNCTION_TRACE()                   \
-    DECLARE_FUNCTION_NAME(tracedFunction); \
-    const trace::FunctionTrace functionTrace(tracedFunction.text, kSourcePath)
+#define FUNCTION_TRACE()                                                                        \
+    DECLARE_FUNCTION_NAME(tracedFunction);                                                      \
+    static constexpr trace::FunctionTrace::SourceFile tracedFile{trace::BaseName(kSourcePath)}; \
+    const trace::FunctionTrace functionTrace(tracedFunction.text, tracedFile)

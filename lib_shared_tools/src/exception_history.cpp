@@ -33,12 +33,6 @@ void CutTo(char (&field)[N], const char* text) {
     field[length] = '\0';
 }
 
-const char* BaseName(const char* sourcePath) {
-    if (sourcePath == nullptr) return nullptr;
-    const char* behindFolder = std::strrchr(sourcePath, '\\');
-    return behindFolder != nullptr ? behindFolder + 1 : sourcePath;
-}
-
 void WriteTimeStamp(char (&field)[24]) {
     SYSTEMTIME now = {};
     ::GetSystemTime(&now);
@@ -59,7 +53,7 @@ void CleanupExceptionHistory() {
 
 void RecordException(const std::exception& exception, const char* expressionText, const char* sourcePath,
                      const char* functionName, unsigned int line) noexcept {
-    const char* file = BaseName(sourcePath);
+    const char* file = sourcePath != nullptr ? trace::BaseName(sourcePath) : nullptr;
     TRACE_VERBOSE(10, "throw %s in %s(%u) %s", expressionText, file, line, functionName);
     const HistoryLock lock;
     ExceptionRecord& record = exceptionHistory.records[exceptionHistory.writeIndex];
