@@ -244,7 +244,7 @@ void InitBare(HANDLE recipient) {
         ShowBare(i == 1 ? L"FENNLINK U3" : L"NX4120", L"true");
     }
     HANDLE objects[6] = {};
-    for (int model = 0; model < 3; ++model) {
+    for (std::size_t model = 0; model < 3; ++model) {
         objects[2 * model] =
             ::CreateMutexW(nullptr, FALSE, (L"Global\\tessabench_mtx" + std::to_wstring(model)).c_str());
         objects[2 * model + 1] =

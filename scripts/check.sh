@@ -10,6 +10,6 @@ echo "check: ${#formatted[@]} files formatted"
 
 # The drivers' kernel headers are not made for the analyser.
 mapfile -t analysed < <(git ls-files '*.cpp')
-printf '%s\n' "${analysed[@]}" | xargs -P "$(nproc)" -n 4 clang-tidy-19 --quiet -p "$build" 2>/dev/null ||
+printf '%s\n' "${analysed[@]}" | xargs -P "$(nproc)" -n 1 clang-tidy-19 --quiet -p "$build" 2>/dev/null ||
     { echo "check: clang-tidy has findings" >&2; exit 1; }
 echo "check: ${#analysed[@]} files analysed"

@@ -52,6 +52,7 @@ void ModuleHooks::Add(Assertion assertion) {
 }
 
 void ModuleHooks::Add(SysLogEntry entry) {
+    if (throwFromSysLog) throw 42;
     const std::lock_guard guard(lock_);
     sysLogEntries_.push_back(entry);
 }

@@ -34,7 +34,10 @@ class ModuleHooks {
     std::vector<SysLogEntry> SysLogEntries() const;
 
     void Add(Assertion assertion);
+    /// Throws if a test asked for it.
     void Add(SysLogEntry entry);
+
+    bool throwFromSysLog = false;
 
   private:
     mutable std::mutex lock_;

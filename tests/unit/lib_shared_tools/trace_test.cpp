@@ -1,4 +1,7 @@
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <new>
+#include <string>
 
 #include "function_trace.h"
 #include "trace_point.h"
@@ -35,12 +38,27 @@ struct Machine {
 };
 }  // namespace worker
 
+int allocations = 0;
+
 int evaluations = 0;
 int Evaluated() {
     return ++evaluations;
 }
 
 }  // namespace
+
+// Counts this program's allocations.
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 TEST(TraceProvider, RegistersBothControlGuidsInOrderAndUnregistersThem) {
     trace::RegisterProvider();
@@ -206,6 +224,13 @@ TEST_F(Trace, FunctionEntryNeedsLevelVerbose) {
     test_support::EnableTracing(kModuleGuid, trace::kInformation, trace::kFunction, kLogger);
     worker::Machine::Start();
     EXPECT_TRUE(TakeTraceRecords().empty());
+}
+
+TEST_F(Trace, FunctionTraceThatIsOffAllocatesNothing) {
+    const int before = allocations;
+    for (int i = 0; i < 10; ++i)
+        worker::Machine::Start();
+    EXPECT_EQ(allocations, before);
 }
 
 TEST_F(Trace, SourcePathWithoutFolderIsKeptWhole) {

@@ -196,6 +196,22 @@ TEST(RequestWorker, ServesBothQueuesAlternately) {
               (std::vector<std::string>{kNxArrival, kU3Arrival, kNxArrival, kU3Arrival}));
 }
 
+TEST(RequestWorker, ModelsNeverDisplaceEachOther) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    Gate queued;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1) queued.Wait();
+    };
+    const DeviceMonitor monitor;
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE));
+    ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    for (int i = 0; i < 5; ++i)
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    queued.Open();
+    EXPECT_EQ(notifier->WaitForEvents(3), (std::vector<std::string>{kU3Removal, kU3Arrival, kNxArrival}));
+}
+
 TEST(RequestWorker, UnknownEventTypeIsDiscarded) {
     const auto notifier = std::make_shared<RecordingNotifier>();
     const DeviceMonitor monitor;

@@ -2,6 +2,7 @@
 #include <dbt.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -73,6 +74,23 @@ std::vector<std::string> ExportedNames(HMODULE module) {
 
 }  // namespace
 
+// In a process of its own, as the worker is left running in the unloaded library. The first test: later ones
+// take the instance lock, which stays with this process.
+TEST(PlugInExports, UnloadWithoutCleanupNeverWaitsForTheWorker) {
+    const auto unload = [] {
+        DWORD started = 0;
+        {
+            const PlugIn plugIn;
+            started = plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, &CountReports, nullptr, 0);
+        }
+        const bool closed =
+            ::OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\NX4120_MTX__{16FBF2EA-4B2A-4A48-98A0-0E4C66BD1459}") ==
+            nullptr;
+        std::_Exit(started == 1 && closed && ::GetModuleHandleW(L"tessaplug.dll") == nullptr ? 0 : 1);
+    };
+    EXPECT_EXIT(unload(), testing::ExitedWithCode(0), "");
+}
+
 TEST(PlugInExports, AreExactlyThree) {
     const PlugIn plugIn;
     EXPECT_EQ(ExportedNames(plugIn.module()), (std::vector<std::string>{"tessaplug_cleanup", "tessaplug_init",
@@ -125,6 +143,23 @@ TEST(PlugInExports, LeaveNoHandleThreadOrModuleBehind) {
     EXPECT_EQ(ThreadCount(), threads);
     // The first cycle took the instance lock, which stays with the process; the others are refused by it.
     EXPECT_EQ(HandleCount(), handles);
+}
+
+TEST(PlugInImports, AreWindowsOwnLibrariesOnly) {
+    const PlugIn plugIn;
+    const auto* base = reinterpret_cast<const BYTE*>(plugIn.module());
+    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+    const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+    const auto* import = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(
+        base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+    const std::vector<std::string> windowsOwn = {"ADVAPI32.dll", "KERNEL32.dll", "msvcrt.dll",
+                                                 "ole32.dll",    "SHELL32.dll",  "USER32.dll"};
+    int count = 0;
+    for (; import->Name != 0; ++import, ++count) {
+        const std::string name = reinterpret_cast<const char*>(base + import->Name);
+        EXPECT_NE(std::ranges::find(windowsOwn, name), windowsOwn.end()) << name;
+    }
+    EXPECT_GT(count, 0);
 }
 
 TEST(PlugInMessageTable, HasASentenceForEveryEvent) {

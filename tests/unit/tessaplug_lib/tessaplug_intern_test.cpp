@@ -280,6 +280,15 @@ TEST_F(ServiceTest, DeviceEventBeforeInitAndAfterCleanupIsDroppedAndLogged) {
     EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kNotRunning, kStarted, kNotRunning}));
 }
 
+TEST_F(ServiceTest, ExceptionInsideTheHandlerIsAssertedAndStaysInside) {
+    hooks_.throwFromSysLog = true;
+    EXPECT_EQ(
+        service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, nullptr, nullptr), 0u);
+    ASSERT_EQ(hooks_.Assertions().size(), 1u);
+    EXPECT_EQ(hooks_.Assertions()[0].expression, L"!\"Unexpected Exception!\"");
+    EXPECT_EQ(hooks_.Assertions()[0].sourcePath, L"tessaplug_lib\\src\\tessaplug_intern");
+}
+
 TEST_F(ServiceTest, OtherControlsAreIgnored) {
     for (const DWORD control :
          std::initializer_list<DWORD>{SERVICE_CONTROL_STOP, SERVICE_CONTROL_SHUTDOWN,
