@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "program_folder.h"
+
 namespace test_support {
 
 struct CommandResult {
@@ -19,10 +21,7 @@ inline CommandResult RunCommand(const std::wstring& commandLine) {
     HANDLE write = nullptr;
     ::CreatePipe(&read, &write, &inheritable, 0);
     ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
-    wchar_t self[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring line(self);
-    line = line.substr(0, line.rfind(L'\\') + 1) + commandLine;
+    std::wstring line = ProgramFolder() + commandLine;
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;

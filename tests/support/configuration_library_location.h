@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "program_folder.h"
+
 namespace test_support {
 
 /// Points the machine's configuration library at a base folder for as long as it lives, and puts back what
@@ -31,14 +33,6 @@ class ConfigurationLibraryLocation {
     }
     static void Remove() { ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue); }
 
-    /// The folder of this test program, without a backslash at its end.
-    static std::wstring ProgramFolder() {
-        wchar_t path[MAX_PATH] = {};
-        ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-        const std::wstring program = path;
-        return program.substr(0, program.rfind(L'\\'));
-    }
-
   private:
     static constexpr wchar_t kKey[] = L"SOFTWARE\\Valdorn\\Shared Tools\\QUELM64";
     static constexpr wchar_t kValue[] = L"Korvane_Oam";
@@ -48,7 +42,7 @@ class ConfigurationLibraryLocation {
 
 /// The base folder of a configuration library that misbehaves, of tests/support/faulty_configuration_library.
 inline std::wstring FaultyLibrary(const std::wstring& variant) {
-    return ConfigurationLibraryLocation::ProgramFolder() + L"\\faulty\\" + variant;
+    return ProgramFolder() + L"faulty\\" + variant;
 }
 
 }  // namespace test_support

@@ -22,6 +22,7 @@ using configuration_library::LogDeviceStore;
 using test_support::CommandResult;
 using test_support::ConfigurationLibraryLocation;
 using test_support::Eventually;
+using test_support::ProgramFolder;
 using test_support::RunCommand;
 
 const std::vector<std::wstring> kKinds = {L"auto", L"xli", L"profibus", L"fwl", L"fwl_fast_load"};
@@ -31,7 +32,7 @@ const std::vector<std::wstring> kKinds = {L"auto", L"xli", L"profibus", L"fwl", 
 class Station : public testing::Test {
   protected:
     Station() {
-        const std::wstring inf = ConfigurationLibraryLocation::ProgramFolder() + L"\\adapters.inf";
+        const std::wstring inf = ProgramFolder() + L"adapters.inf";
         for (const auto& model : adapter_control::Models())
             adapter_control::Install(model, inf);
         UnplugAll();
@@ -89,7 +90,7 @@ class Station : public testing::Test {
             std::distance(std::sregex_iterator(log.begin(), log.end(), expression), std::sregex_iterator()));
     }
 
-    ConfigurationLibraryLocation location_{ConfigurationLibraryLocation::ProgramFolder() + L"\\station"};
+    ConfigurationLibraryLocation location_{ProgramFolder() + L"station"};
     LogDeviceStore store_;
     std::vector<std::wstring> entries_;
     std::wstring log_ = L"C:\\windows\\temp\\tessahost_test.log";
@@ -200,7 +201,7 @@ TEST_F(Station, EveryAnswerToAMissingLibraryIsToGoOn) {
     EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8000") == 1; }));
     Unplug(nx4120_);
     EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8004") == 1; }));
-    ConfigurationLibraryLocation::Set(ConfigurationLibraryLocation::ProgramFolder() + L"\\station");
+    ConfigurationLibraryLocation::Set(ProgramFolder() + L"station");
 
     Plug(nx4120_);
 
@@ -214,7 +215,7 @@ TEST_F(Station, FaultInsideTheLibraryEndsOneEventOnly) {
         Plug(nx4120_);
         EXPECT_TRUE(Eventually([&] { return Count("Device event 0x8000") >= 1; }));
         Unplug(nx4120_);
-        ConfigurationLibraryLocation::Set(ConfigurationLibraryLocation::ProgramFolder() + L"\\station");
+        ConfigurationLibraryLocation::Set(ProgramFolder() + L"station");
         Plug(nx4120_);
         EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
         EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);

@@ -5,19 +5,14 @@
 
 #include "command.h"
 #include "plug_in.h"
+#include "program_folder.h"
 
 // tessahost.exe through the real service manager, with small plug-ins.
 namespace {
 
 using test_support::CommandResult;
+using test_support::ProgramFolder;
 using test_support::RunCommand;
-
-std::wstring ProgramFolder() {
-    wchar_t path[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    const std::wstring program = path;
-    return program.substr(0, program.rfind(L'\\') + 1);
-}
 
 class HostService : public testing::Test {
   protected:

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "module_hooks.h"
+#include "text_of.h"
 
 using korvane::DefaultLogDeviceDatabaseOrvix;
 using korvane::LogDeviceDatabaseOrvix;
@@ -18,17 +19,9 @@ using testing::NiceMock;
 using testing::Return;
 using testing::StrEq;
 
-namespace {
+using test_support::TextOf;
 
-template <typename Exception, typename Action>
-std::string TextOf(Action action) {
-    try {
-        action();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "no exception";
-}
+namespace {
 
 class MockLibrary : public quelm::Q5orvixIf {
   public:

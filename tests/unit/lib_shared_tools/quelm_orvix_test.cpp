@@ -11,6 +11,7 @@
 
 #include "configuration_library_location.h"
 #include "module_hooks.h"
+#include "text_of.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
@@ -18,17 +19,9 @@ using quelm::Q5orvix;
 using test_support::ConfigurationLibraryLocation;
 using test_support::FaultyLibrary;
 
-namespace {
+using test_support::TextOf;
 
-template <typename Exception, typename Action>
-std::string TextOf(Action action) {
-    try {
-        action();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "no exception";
-}
+namespace {
 
 bool LibraryIsLoaded() {
     return ::GetModuleHandleW(L"q5orvix64x.dll") != nullptr;

@@ -5,7 +5,9 @@
 #include <string>
 
 #include "module_hooks.h"
+#include "text_of.h"
 
+using test_support::TextOf;
 using toolbox::GuidToString;
 using toolbox::StringToWstring;
 using toolbox::WstringToString;
@@ -13,15 +15,6 @@ using toolbox::WstringToString;
 namespace {
 
 constexpr UINT kNoSuchCodePage = 54321;
-
-std::string TextOf(auto action) {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no exception";
-}
 
 }  // namespace
 
@@ -38,7 +31,7 @@ TEST(WstringToString, OfEmptyTextCallsNothing) {
 }
 
 TEST(WstringToString, FailureNamesTheCallAndTheLastError) {
-    EXPECT_EQ(TextOf([] { WstringToString(L"text", kNoSuchCodePage); }),
+    EXPECT_EQ(TextOf<std::runtime_error>([] { WstringToString(L"text", kNoSuchCodePage); }),
               "FAILED: WideCharToMultiByte() len calculation! LE(87)!");
 }
 
@@ -55,7 +48,8 @@ TEST(StringToWstring, WidensByCodePage) {
 }
 
 TEST(StringToWstring, FailureShowsTheInput) {
-    EXPECT_EQ(TextOf([] { StringToWstring("bad \xff", CP_UTF8); }), "Invalid ANSI-String: bad \xff");
+    EXPECT_EQ(TextOf<std::runtime_error>([] { StringToWstring("bad \xff", CP_UTF8); }),
+              "Invalid ANSI-String: bad \xff");
 }
 
 TEST(GuidToString, WritesRegistryForm) {

@@ -7,10 +7,12 @@
 #include <string>
 
 #include "module_hooks.h"
+#include "text_of.h"
 #include "win_convenience.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
+using test_support::TextOf;
 using windows_api::CDbgHlp;
 using windows_api::CWtsapi32;
 
@@ -44,16 +46,6 @@ class FakeLoader : public windows_api::CKernel32 {
     }
 };
 
-template <typename Action>
-std::string TextOf(Action action) {
-    try {
-        action();
-    } catch (const CWindowsApiExcp& error) {
-        return error.what();
-    }
-    return "no exception";
-}
-
 class RunTimeLibraries : public testing::Test {
   protected:
     std::shared_ptr<FakeLoader> loader_ = std::make_shared<FakeLoader>();
@@ -63,23 +55,23 @@ class RunTimeLibraries : public testing::Test {
 
 TEST_F(RunTimeLibraries, MissingLibraryIsNamedInTheHint) {
     loader_->libraryIsMissing = true;
-    const std::string dbgHlp = TextOf([&] { CDbgHlp{loader_}; });
+    const std::string dbgHlp = TextOf<CWindowsApiExcp>([&] { CDbgHlp{loader_}; });
     EXPECT_TRUE(dbgHlp.starts_with("FAILED! LoadLibraryW! LE(126): ")) << dbgHlp;
     EXPECT_TRUE(dbgHlp.ends_with(" Hint: Loading dbghelp.dll\n")) << dbgHlp;
-    const std::string wtsapi = TextOf([&] { CWtsapi32{loader_}; });
+    const std::string wtsapi = TextOf<CWindowsApiExcp>([&] { CWtsapi32{loader_}; });
     EXPECT_TRUE(wtsapi.ends_with(" Hint: Loading Wtsapi32.dll\n")) << wtsapi;
 }
 
 TEST_F(RunTimeLibraries, MissingFunctionIsNamedAndTheLibraryFreed) {
     for (const char* name : {"WTSSendMessageW", "WTSEnumerateSessionsW", "WTSFreeMemory"}) {
         loader_->missingFunction = name;
-        const std::string text = TextOf([&] { CWtsapi32{loader_}; });
+        const std::string text = TextOf<CWindowsApiExcp>([&] { CWtsapi32{loader_}; });
         EXPECT_TRUE(text.starts_with("FAILED! GetProcAddress! LE(127): ")) << text;
         EXPECT_TRUE(text.ends_with(std::string(" Hint: ") + name + "\n")) << text;
         EXPECT_EQ(loader_->loaded, 0);
     }
     loader_->missingFunction = "MiniDumpWriteDump";
-    EXPECT_TRUE(TextOf([&] { CDbgHlp{loader_}; }).ends_with(" Hint: MiniDumpWriteDump\n"));
+    EXPECT_TRUE(TextOf<CWindowsApiExcp>([&] { CDbgHlp{loader_}; }).ends_with(" Hint: MiniDumpWriteDump\n"));
     EXPECT_EQ(loader_->loaded, 0);
 }
 
@@ -151,7 +143,7 @@ TEST(SystemFolders, AreTheSystemsOwn) {
 }
 
 TEST(SystemFolders, UnknownFolderIsAFailedCall) {
-    const std::string text = TextOf([] { windows_api::GetSysDirInternal({}); });
+    const std::string text = TextOf<CWindowsApiExcp>([] { windows_api::GetSysDirInternal({}); });
     EXPECT_TRUE(text.starts_with("FAILED! SHGetKnownFolderPath()! ReturnValue(")) << text;
 }
 
@@ -162,7 +154,7 @@ TEST(ModuleFileName, IsTheFullPath) {
 }
 
 TEST(ModuleFileName, OfNoModuleIsAFailedCall) {
-    EXPECT_TRUE(TextOf([] {
+    EXPECT_TRUE(TextOf<CWindowsApiExcp>([] {
                     windows_api::GetModuleFileNameW(reinterpret_cast<HMODULE>(0x10));
                 }).starts_with("FAILED! GetModuleFileNameW()! LE("));
 }

@@ -6,11 +6,14 @@
 #include <string>
 
 #include "process_census.h"
+#include "text_of.h"
 #include "unique_handle.h"
 #include "windows_api_excp.h"
 
 using interprocess::CSharedMemory;
 using interprocess::CSystemMutex;
+
+using test_support::TextOf;
 
 namespace {
 
@@ -21,16 +24,6 @@ std::wstring UniqueName(std::size_t length = 0) {
         L"tessaplug_test_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count);
     if (length > name.length()) name.append(length - name.length(), L'x');
     return name;
-}
-
-template <typename Exception, typename Action>
-std::string TextOf(Action action) {
-    try {
-        action();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "no exception";
 }
 
 std::string Narrow(const std::wstring& name) {

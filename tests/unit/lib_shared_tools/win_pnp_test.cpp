@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "text_of.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
@@ -15,20 +16,12 @@ using operating_system::plug_and_play::DeviceInfoHandle;
 using operating_system::plug_and_play::DeviceInterface;
 using operating_system::plug_and_play::DeviceInterfaceFactory;
 
+using test_support::TextOf;
+
 namespace {
 
 constexpr GUID kClass = {0x11112222, 0x3333, 0x4444, {5, 5, 6, 6, 7, 7, 8, 8}};
 constexpr char kClassText[] = "{11112222-3333-4444-0505-060607070808}";
-
-template <typename Exception, typename Action>
-std::string TextOf(Action action) {
-    try {
-        action();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "no exception";
-}
 
 struct FakeInterface {
     bool active = true;

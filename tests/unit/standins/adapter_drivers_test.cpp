@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "adapter_control.h"
+#include "program_folder.h"
 
 using adapter_control::DevicePaths;
 using adapter_control::Model;
@@ -24,12 +25,7 @@ class Adapters : public testing::Test {
     }
     ~Adapters() override { UnplugAll(); }
 
-    static std::wstring InfPath() {
-        wchar_t path[MAX_PATH] = {};
-        ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-        const std::wstring self(path);
-        return self.substr(0, self.rfind(L'\\')) + L"\\adapters.inf";
-    }
+    static std::wstring InfPath() { return test_support::ProgramFolder() + L"adapters.inf"; }
     static void UnplugAll() {
         for (const Model& model : adapter_control::Models())
             for (const DWORD port : {0u, 1u})

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "log_device_store.h"
+#include "program_folder.h"
 
 using configuration_library::LogDeviceStore;
 
@@ -20,11 +21,7 @@ class ConfigurationLibrary : public testing::Test {
         ::SetEnvironmentVariableW(L"Q5ORVIX_ROOT", kRoot);
         store_.Wipe();
         store_.Initialise();
-        wchar_t path[MAX_PATH] = {};
-        ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-        std::wstring library(path);
-        library.replace(library.rfind(L'\\') + 1, std::wstring::npos, L"q5orvix64x.dll");
-        module_ = ::LoadLibraryW(library.c_str());
+        module_ = ::LoadLibraryW((test_support::ProgramFolder() + L"q5orvix64x.dll").c_str());
         Resolve(exists_, "LogDeviceExists");
         Resolve(getValue_, "LogDeviceGetValue");
         Resolve(setNdiValue_, "LogDeviceSetNdiValue");

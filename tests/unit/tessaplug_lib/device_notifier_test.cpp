@@ -10,6 +10,7 @@
 
 #include "module_hooks.h"
 #include "tessaplug_pnp.h"
+#include "text_of.h"
 #include "windows_api_excp.h"
 
 using operating_system::plug_and_play::DeviceInterface;
@@ -18,6 +19,7 @@ using tessaplug::DeviceContainer;
 using tessaplug::DeviceNotifier;
 using tessaplug::ModelRecord;
 using test_support::ModuleHooks;
+using test_support::TextOf;
 
 namespace {
 
@@ -177,16 +179,6 @@ class Notifier : public testing::Test {
         journal_.clear();
     }
 
-    template <typename Exception, typename Action>
-    static std::string TextOf(Action action) {
-        try {
-            action();
-        } catch (const Exception& error) {
-            return error.what();
-        }
-        return "no exception";
-    }
-
     Journal journal_;
     Configuration configuration_;
     std::shared_ptr<FakeUser32> user32_ = std::make_shared<FakeUser32>(journal_);
@@ -223,20 +215,13 @@ TEST(DeviceContainer, RefusesWhatItCannotDo) {
     DeviceContainer container;
     EXPECT_THROW(container.pop(), std::runtime_error);
     container.push(Model(kGuidA, L"A"), NotificationOf(1));
-    const auto textOf = [](auto action) -> std::string {
-        try {
-            action();
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no exception";
-    };
-    EXPECT_EQ(textOf([&] { container.push(Model(kGuidA, L"Again"), NotificationOf(2)); }),
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { container.push(Model(kGuidA, L"Again"), NotificationOf(2)); }),
               "Device already in container!");
-    EXPECT_EQ(textOf([&] { container.get_device_from(kGuidB); }), "Device not in container!");
-    EXPECT_EQ(textOf([&] { container.pop(kGuidB); }), "Device not in container!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { container.get_device_from(kGuidB); }),
+              "Device not in container!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { container.pop(kGuidB); }), "Device not in container!");
     container.pop();
-    EXPECT_EQ(textOf([&] { container.pop(); }), "Container is empty!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { container.pop(); }), "Container is empty!");
 }
 
 TEST(DeviceContainer, PrintsItsEntries) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "process_census.h"
+#include "program_folder.h"
 #include "tessaplug.h"
 #include "unique_handle.h"
 
@@ -21,10 +22,7 @@ using test_support::LoadedModules;
 using test_support::ThreadCount;
 
 std::wstring PlugInPath() {
-    wchar_t path[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder = path;
-    return folder.substr(0, folder.rfind(L'\\')) + L"\\tessaplug.dll";
+    return test_support::ProgramFolder() + L"tessaplug.dll";
 }
 
 class PlugIn {
