@@ -18,9 +18,13 @@ machine_new() {
     machine wineboot -i >/dev/null 2>&1 || { echo "machine: the Wine prefix cannot be made" >&2; return 1; }
     # A machine that was just made does not start drivers: boot it once more.
     /usr/lib/wine/wineserver -k && /usr/lib/wine/wineserver -w
-    # Services end with the last ordinary program of the machine: this one stays.
-    machine cmd /c "pause" </dev/zero >/dev/null 2>&1 &
+    # Services end with the last ordinary program of the machine: this one waits for a key that never comes.
+    local input
+    mkfifo "$machine_folder/keeper"
+    exec {input}<>"$machine_folder/keeper"
+    machine cmd /c pause <&"$input" >/dev/null 2>&1 &
     machine_keeper=$!
+    exec {input}>&-
 }
 
 machine_end() {
