@@ -14,8 +14,8 @@ heading() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 fail() { echo "demo: $*" >&2; exit 1; }
 
 heading "Building"
-cmake --workflow --preset release >build-demo.log 2>&1 || { tail -40 build-demo.log >&2; fail "the build failed"; }
-rm build-demo.log
+mkdir -p build
+cmake --workflow --preset release >build/demo-build.log 2>&1 || { tail -40 build/demo-build.log >&2; fail "the build failed"; }
 ls -l build/release/bin/tessaplug.dll | awk '{printf "tessaplug.dll  %.0f KB\n", $5 / 1024}'
 
 heading "A fresh machine with the stand-ins of a station"

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 
 #include "plug_in.h"
 #include "status_log.h"
@@ -68,7 +67,6 @@ class HostService {
         }
         plugIn->cleanup();
         SetPlugIn(nullptr);
-        Report(started ? SERVICE_STOP_PENDING : SERVICE_START_PENDING, 100, 3000);
         plugIn.reset();
         Log().Write(L"The plug-in is unloaded");
         // Last of all: the service manager may end the process from here on.
