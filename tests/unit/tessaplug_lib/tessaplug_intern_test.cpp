@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "module_hooks.h"
+#include "process_census.h"
 #include "unique_handle.h"
 
 using tessaplug::kFennlinkU3InterfaceGuid;
@@ -237,6 +238,31 @@ TEST_F(ServiceTest, ExceptionInTheFailSafeCleanupIsAsserted) {
     notifier_->throwInCleanup = true;
     service_.reset();
     EXPECT_EQ(hooks_.AssertedExpressions(), (std::vector<std::wstring>{L"!\"EXCEPTION in DTOR!\""}));
+}
+
+TEST_F(ServiceTest, WholeCyclesLeaveNothingButTheirInstanceLocks) {
+    const auto cycle = [this] {
+        tessaplug::ServiceCollaborators collaborators;  // all real
+        collaborators.settings = std::make_shared<TestSettings>();
+        Service service(std::move(collaborators));
+        ASSERT_EQ(service.init(0x00010001, kStatusHandle, &Host::Callback, &host_, 0), 1u);
+        auto data = EventDataOf(kNx4120InterfaceGuid);
+        service.service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr);
+        service.cleanup();
+    };
+    for (int i = 0; i < 3; ++i)
+        cycle();  // what the system opens once for the process
+    const std::size_t handles = test_support::HandleCount();
+    const std::size_t threads = test_support::ThreadCount();
+    const auto modules = test_support::LoadedModules();
+
+    for (int i = 0; i < 10; ++i)
+        cycle();
+
+    EXPECT_EQ(test_support::HandleCount(), handles + 10)
+        << "one instance lock each, held until the process ends";
+    EXPECT_EQ(test_support::ThreadCount(), threads);
+    EXPECT_EQ(test_support::LoadedModules(), modules);
 }
 
 TEST_F(ServiceTest, DeviceEventReachesTheNotifier) {
