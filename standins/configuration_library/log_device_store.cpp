@@ -69,6 +69,7 @@ Code CodeOf(LSTATUS result, Code notFound) {
             return kOk;
         case ERROR_FILE_NOT_FOUND:
         case ERROR_PATH_NOT_FOUND:
+        case ERROR_KEY_DELETED:  // by another process, meanwhile
             return notFound;
         default:
             return kAccessDenied;
@@ -118,6 +119,10 @@ bool IsValidName(const std::wstring& name, std::size_t maxLength) {
     return !name.empty() && name.length() <= maxLength && name.find(L'\\') == std::wstring::npos;
 }
 
+bool IsValidParameter(const std::wstring& name) {
+    return IsValidName(name, kMaxParameterName) && ::_wcsicmp(name.c_str(), kComplete) != 0;
+}
+
 }  // namespace
 
 LogDeviceStore::LogDeviceStore(std::wstring root) : root_(std::move(root)) {}
@@ -142,9 +147,11 @@ Code LogDeviceStore::Initialise() const {
 
 Code LogDeviceStore::Wipe() const {
     const WriterLock lock;
-    const LSTATUS result = ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, root_.c_str());
-    if (result == ERROR_SUCCESS) ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, root_.c_str());
-    return CodeOf(result, kOk);
+    for (const std::wstring& path : {LogDevicesKey(), DefinitionKey()}) {
+        const Code code = CodeOf(::RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str()), kOk);
+        if (code != kOk) return code;
+    }
+    return kOk;
 }
 
 Code LogDeviceStore::Check(const std::wstring& logDevice) const {
@@ -163,6 +170,8 @@ Code LogDeviceStore::Exists(const std::wstring& logDevice) const {
 }
 
 Code LogDeviceStore::Create(const std::wstring& logDevice, const Parameters& parameters) const {
+    for (const auto& parameter : parameters)
+        if (!IsValidParameter(parameter.first)) return kInvalidParameters;
     const WriterLock lock;
     const Code exists = Exists(logDevice);
     if (exists == kOk) return kInvalidParameters;
@@ -208,7 +217,7 @@ std::vector<std::wstring> LogDeviceStore::LogDevices() const {
 
 Code LogDeviceStore::GetValue(const std::wstring& logDevice, const std::wstring& parameter,
                               std::wstring& value) const {
-    if (!IsValidName(parameter, kMaxParameterName) || parameter == kComplete) return kInvalidParameters;
+    if (!IsValidParameter(parameter)) return kInvalidParameters;
     if (const Code code = Exists(logDevice); code != kOk) return code;
     LSTATUS result = ERROR_SUCCESS;
     const Key key = Open(LogDevicesKey() + L"\\" + Upper(logDevice), KEY_READ, result);
@@ -230,7 +239,7 @@ Code LogDeviceStore::GetValue(const std::wstring& logDevice, const std::wstring&
 
 Code LogDeviceStore::SetValue(const std::wstring& logDevice, const std::wstring& parameter,
                               const std::wstring& value) const {
-    if (!IsValidName(parameter, kMaxParameterName) || parameter == kComplete) return kInvalidParameters;
+    if (!IsValidParameter(parameter)) return kInvalidParameters;
     const WriterLock lock;
     if (const Code code = Exists(logDevice); code != kOk) return code;
     LSTATUS result = ERROR_SUCCESS;

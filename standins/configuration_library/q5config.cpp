@@ -72,6 +72,11 @@ int Report(Code code, const std::wstring& what) {
         case configuration_library::kDefinitionNotExists:
             std::fwprintf(stderr, L"q5config: there is no store; make it with q5config init\n");
             return kFailed;
+        case configuration_library::kInvalidParameters:
+            std::fwprintf(stderr,
+                          L"q5config: %ls: refused; it exists already, or the name or value cannot be\n",
+                          what.c_str());
+            return kFailed;
         default:
             std::fwprintf(stderr, L"q5config: %ls: refused with code %lu\n", what.c_str(),
                           static_cast<unsigned long>(code));
@@ -95,7 +100,8 @@ int Init(bool empty) {
                 return Report(code, name);
         }
     }
-    return Report(store.SetTemplateEntries(entries), L"init");
+    // A template that somebody edited stays.
+    return store.TemplateEntries().empty() ? Report(store.SetTemplateEntries(entries), L"init") : kSuccess;
 }
 
 std::wstring State(const LogDeviceStore& store, const std::wstring& name) {
@@ -158,8 +164,9 @@ int Watch(DWORD seconds) {
     const ULONGLONG end = ::GetTickCount64() + 1000ULL * seconds;
     States before = AllStates(store);
     for (;;) {
-        ::RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
-                                  TRUE);
+        if (::RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
+                                      TRUE) != ERROR_SUCCESS)
+            break;                        // the store was wiped
         States after = AllStates(store);  // after the registration, so that no change falls between
         PrintChanges(before, after);
         before = std::move(after);

@@ -174,6 +174,7 @@ TEST(SharedMemory, CreateRefusesAnExistingMapping) {
     const std::wstring name = UniqueName();
     CSharedMemory first;
     first.Create(name, 24);
+    EXPECT_THROW(CSharedMemory().Create(name, 24), std::runtime_error);  // and what the system opens once
     const std::size_t handles = test_support::HandleCount();
     {
         CSharedMemory second;

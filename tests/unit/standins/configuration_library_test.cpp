@@ -120,6 +120,13 @@ TEST_F(ConfigurationLibrary, HalfWrittenLogDeviceIsNone) {
     EXPECT_EQ(Get(L"HALF", L"stale"), 8040u) << "nothing of it is left";
 }
 
+TEST_F(ConfigurationLibrary, MarkOfCompletenessIsNoParameter) {
+    EXPECT_EQ(store_.Create(L"D", {{L"(Complete)", L"1"}}), configuration_library::kInvalidParameters);
+    EXPECT_EQ(exists_(L"D", 0), 8012u);
+    store_.Create(L"D", {});
+    EXPECT_EQ(Get(L"D", L"(complete)"), 87u);
+}
+
 TEST_F(ConfigurationLibrary, WritersAtOnceLeaveWholeLogDevices) {
     const auto work = [] {
         const LogDeviceStore store(kRoot);
