@@ -60,12 +60,16 @@ std::vector<Entry> ReadEntries(const std::wstring& logName, const std::wstring& 
                         std::to_string(::GetLastError()));
     std::vector<Entry> entries;
     std::vector<BYTE> buffer(0x10000);
-    DWORD read = 0;
-    DWORD needed = 0;
-    while (advapi32.ReadEventLogW(log.get(), EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ, 0,
-                                  buffer.data(), static_cast<DWORD>(buffer.size()), &read, &needed) ||
-           ::GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
-        if (needed > buffer.size()) {
+    for (;;) {
+        DWORD read = 0;
+        DWORD needed = 0;
+        if (!advapi32.ReadEventLogW(log.get(), EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ, 0,
+                                    buffer.data(), static_cast<DWORD>(buffer.size()), &read, &needed)) {
+            const DWORD error = ::GetLastError();
+            if (error == ERROR_HANDLE_EOF) return entries;
+            if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size())
+                throw ToolError("The log " + toolbox::WstringToString(logName) + " cannot be read, error " +
+                                std::to_string(error));
             buffer.resize(needed);
             continue;
         }
@@ -78,7 +82,6 @@ std::vector<Entry> ReadEntries(const std::wstring& logName, const std::wstring& 
             at += head.Length;
         }
     }
-    return entries;
 }
 
 /// The file that holds the source's sentences, as it is registered; empty if it is not.
