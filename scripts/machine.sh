@@ -22,14 +22,18 @@ machine_new() {
     local input
     mkfifo "$machine_folder/keeper"
     exec {input}<>"$machine_folder/keeper"
-    machine cmd /c pause <&"$input" >/dev/null 2>&1 &
+    /usr/lib/wine/wine64 cmd /c pause <&"$input" >/dev/null 2>&1 &
     machine_keeper=$!
+    disown "$machine_keeper"
     exec {input}>&-
 }
 
 machine_end() {
-    [ -n "$machine_keeper" ] && kill "$machine_keeper" 2>/dev/null && wait "$machine_keeper" 2>/dev/null
+    # Nothing here may fail: under set -e the script's own result would be lost.
+    [ -z "$machine_keeper" ] || kill "$machine_keeper" 2>/dev/null || true
     machine_keeper=
-    [ -d "$machine_folder" ] && /usr/lib/wine/wineserver -k 2>/dev/null && /usr/lib/wine/wineserver -w
-    return 0
+    if [ -d "$machine_folder" ]; then
+        /usr/lib/wine/wineserver -k 2>/dev/null || true
+        /usr/lib/wine/wineserver -w || true
+    fi
 }
