@@ -66,6 +66,8 @@ plug() { # plug|unplug MODEL LISTED-NAME visible|hidden
 
 station_new build/release
 run adapterctl status
+echo "the station manager's components:"
+run stationmgr list
 : >"$WINEPREFIX/points"
 show_points
 
@@ -89,6 +91,25 @@ run tessactl trace decode >"$WINEPREFIX/trace.txt"
 grep -q 'Unhide Fennlink U3(XLI)' "$WINEPREFIX/trace.txt" || fail "the trace does not show the arrival"
 echo "$(wc -l <"$WINEPREFIX/trace.txt") trace messages; the plug-in's own:"
 grep ' tessaplug_' "$WINEPREFIX/trace.txt" | cut -c1-150
+
+heading "Unplugging the NX4120: the station manager lets go of it first"
+run stationmgr list
+plug unplug NX4120 NX4120 hidden
+run stationmgr list
+echo "its diagnostic entries, the virtual device in the top byte:"
+run stationmgr diagnostics | tee "$WINEPREFIX/diagnostics"
+[ "$(run stationmgr list | grep -c 'NX4120 .* stopped$')" -eq 2 ] || fail "the components were not stopped"
+[ "$(wc -l <"$WINEPREFIX/diagnostics")" -eq 2 ] || fail "the diagnostic entries were not written"
+echo "and the first access point was hidden:"
+head -1 "$WINEPREFIX/changes"
+[[ "$(tail -1 "$WINEPREFIX/diagnostics" | cut -c1-12)" > "$(head -1 "$WINEPREFIX/changes" | cut -c1-12)" ]] &&
+    fail "an access point was hidden before the components were stopped"
+
+heading "Plugging it in again with one access point deleted: the panel makes it"
+run q5config delete 'NX4120(XLI)'
+echo "deleted: NX4120(XLI)"
+show_points
+plug plug NX4120 NX4120 visible
 
 heading "Unplugging both"
 plug unplug NX4120 NX4120 hidden

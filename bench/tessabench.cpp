@@ -7,15 +7,19 @@
 #include <cstdio>
 #include <cwchar>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "adapter_control.h"
+#include "component_store.h"
 #include "exception_history.h"
 #include "function_trace.h"
 #include "log_device_store.h"
+#include "station_manager.h"
 #include "tessaplug_intern.h"
 #include "trace_point.h"
 
@@ -217,6 +221,72 @@ void MeasurePlugToVisible() {
     PrintRatio(Median(plugged), Median(bare));
 }
 
+/// What the plug-in asks of the station manager when an NX4120 goes, without the plug-in.
+void StopComponentsBare() {
+    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    IUnknown* station = nullptr;
+    ISetupSupport* setup = nullptr;
+    ::CoCreateInstance(__uuidof(PCStation), nullptr, CLSCTX_LOCAL_SERVER, __uuidof(IUnknown),
+                       reinterpret_cast<void**>(&station));
+    if (FAILED(::CoCreateInstance(__uuidof(PCStation), nullptr, CLSCTX_ALL, __uuidof(ISetupSupport),
+                                  reinterpret_cast<void**>(&setup))))
+        throw std::runtime_error("no station manager");
+    VARIANT data;
+    ::VariantInit(&data);
+    setup->GetData(STATION_CONFIG_DATA, &data);
+    ::VariantClear(&data);
+    IComponentControl* control = nullptr;
+    IDiagnostics* diagnostics = nullptr;
+    station->QueryInterface(__uuidof(IComponentControl), reinterpret_cast<void**>(&control));
+    station->QueryInterface(__uuidof(IDiagnostics), reinterpret_cast<void**>(&diagnostics));
+    for (const LONG virtualDevice : {2, 3}) {
+        control->StopComponent(virtualDevice, 0);
+        diagnostics->AddEntry(165, 0xA523, 1, static_cast<ULONG>(virtualDevice) << 24);
+    }
+    for (IUnknown* object : std::initializer_list<IUnknown*>{diagnostics, control, setup, station})
+        object->Release();
+    ::CoUninitialize();
+}
+
+/// Needs the service to run and the station manager to be registered with the list of "stationmgr init".
+/// @param keepRunning whether the station manager runs already when it is needed
+void MeasureUnplugToHidden(bool keepRunning) {
+    const auto* nx4120 = adapter_control::FindModel(L"NX4120");
+    const station_manager::ComponentStore components;
+    std::vector<double> unplugged;
+    std::vector<double> bare;
+    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    IUnknown* kept = nullptr;
+    if (keepRunning && FAILED(::CoCreateInstance(__uuidof(PCStation), nullptr, CLSCTX_LOCAL_SERVER,
+                                                 __uuidof(IUnknown), reinterpret_cast<void**>(&kept))))
+        throw std::runtime_error("no station manager");
+    const auto prepare = [&] {
+        for (const LONG virtualDevice : {2, 3})
+            components.SetStatus(virtualDevice, station_manager::kRunning);
+        if (!keepRunning) ::Sleep(200);  // until the one used last has ended
+    };
+    for (int i = 0; i < 11; ++i) {
+        adapter_control::Plug(*nx4120);
+        while (!AllAre(L"false"))
+            ::Sleep(1);
+        prepare();
+        unplugged.push_back(MillisecondsOf([&] {
+            adapter_control::Unplug(*nx4120);
+            while (!AllAre(L"true"))
+                ::Sleep(0);
+        }));
+        prepare();
+        bare.push_back(MillisecondsOf([] { StopComponentsBare(); }));
+    }
+    if (kept != nullptr) kept->Release();
+    ::CoUninitialize();
+    Print("the station manager's calls made bare", Median(bare), "ms");
+    Print(keepRunning ? "unplug to hidden, station manager running"
+                      : "unplug to hidden, station manager started by COM",
+          Median(unplugged), "ms");
+    PrintRatio(Median(unplugged), Median(bare));
+}
+
 void EnumerateBare(const GUID& guid) {
     const HMODULE setupapi = ::LoadLibraryW(L"setupapi.dll");
     const HDEVINFO set =
@@ -312,10 +382,14 @@ int wmain(int argc, wchar_t** argv) {
             MeasureControlHandler();
         else if (what == L"visible")
             MeasurePlugToVisible();
+        else if (what == L"hidden")
+            for (const bool keepRunning : {true, false})
+                MeasureUnplugToHidden(keepRunning);
         else if (what == L"init")
             MeasureInitOnce();
         else
-            return std::fputs("usage: tessabench trace|handler|visible|init; see scripts/bench.sh\n", stderr),
+            return std::fputs("usage: tessabench trace|handler|visible|hidden|init; see scripts/bench.sh\n",
+                              stderr),
                    2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tessabench: %s\n", error.what());

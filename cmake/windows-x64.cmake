@@ -11,6 +11,7 @@ set(CMAKE_C_COMPILER clang-19)
 set(CMAKE_CXX_COMPILER clang++-19)
 set(CMAKE_RC_COMPILER ${triple}-windres)
 set(CMAKE_MC_COMPILER ${triple}-windmc)
+set(CMAKE_IDL_COMPILER ${triple}-widl)
 set(CMAKE_AR ${triple}-ar CACHE FILEPATH "")
 set(CMAKE_RANLIB ${triple}-ranlib CACHE FILEPATH "")
 

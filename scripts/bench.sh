@@ -25,4 +25,5 @@ echo "An adapter of the running service"
 run tessahost install >/dev/null
 run tessahost start >/dev/null
 run tessabench visible
+run tessabench hidden
 run tessahost uninstall >/dev/null

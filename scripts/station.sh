@@ -14,4 +14,8 @@ station_new() {
     run adapterctl install
     run q5config register 'C:\korvane'
     run q5config init
+    run stationmgr register
+    run stationmgr init
+    mkdir -p "$WINEPREFIX/drive_c/windows/syswow64"
+    cp "$1/bin/q5panels.exe" "$WINEPREFIX/drive_c/windows/syswow64"
 }

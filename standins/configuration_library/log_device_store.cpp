@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "machine_lock.h"
+
 namespace configuration_library {
 namespace {
 
@@ -18,30 +20,10 @@ struct KeyCloser {
 };
 using Key = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
 
-struct HandleCloser {
-    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
-};
-
-/// Holds the machine-wide lock of writers for one scope. A writer that died holding it does not matter: what
-/// it left is recognised as incomplete.
-class WriterLock {
+/// Held by whoever writes. What a writer that died leaves is recognised as incomplete.
+class WriterLock : MachineLock {
   public:
-    WriterLock() {
-        SECURITY_DESCRIPTOR everyone;
-        ::InitializeSecurityDescriptor(&everyone, SECURITY_DESCRIPTOR_REVISION);
-        ::SetSecurityDescriptorDacl(&everyone, TRUE, nullptr, FALSE);
-        SECURITY_ATTRIBUTES attributes = {sizeof attributes, &everyone, FALSE};
-        mutex_.reset(::CreateMutexW(&attributes, FALSE, kLockName));
-        if (mutex_) ::WaitForSingleObject(mutex_.get(), INFINITE);
-    }
-    ~WriterLock() {
-        if (mutex_) ::ReleaseMutex(mutex_.get());
-    }
-    WriterLock(const WriterLock&) = delete;
-    WriterLock& operator=(const WriterLock&) = delete;
-
-  private:
-    std::unique_ptr<void, HandleCloser> mutex_;
+    WriterLock() : MachineLock(kLockName) {}
 };
 
 std::wstring Upper(std::wstring text) {

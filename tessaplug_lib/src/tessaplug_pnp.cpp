@@ -186,7 +186,10 @@ void DeviceNotifier::OnPnpEvent(const GUID& guid, bool arrival) {
             TRACE_INFO(18, "%s is not registered", toolbox::GuidToString(&guid));
             return;
         }
-        ShowOrHideAll(devices_.get_device_from(guid), arrival);
+        const ModelRecord model = devices_.get_device_from(guid);
+        // First, so that the processor is released before its access points disappear.
+        if (!arrival) StopDeviceInStationManager(model);
+        ShowOrHideAll(model, arrival, arrival);
     } catch (const std::exception& error) {
         TRACE_ERROR(19, "Device %s: %s", event, error.what());
     } catch (...) {
@@ -195,14 +198,36 @@ void DeviceNotifier::OnPnpEvent(const GUID& guid, bool arrival) {
     TRACE_INFO(20, "Device %s done", event);
 }
 
-void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival) const {
+void DeviceNotifier::StopDeviceInStationManager(const ModelRecord& model) const {
+    FUNCTION_TRACE();
+    const std::wstring& name = model->StationManagerCatalogName();
+    if (name.empty()) {
+        TRACE_INFO(33, "The station manager does not know %S", model->DisplayedDeviceName());
+        return;
+    }
+    try {
+        const auto stationManager = collaborators_.stationManagers->Create();
+        stationManager->Initialize();
+        stationManager->StopCpBy(toolbox::WstringToString(name));
+        TRACE_INFO(34, "The station manager has let go of %S", name);
+    } catch (const std::exception& error) {
+        TRACE_ERROR(35, "The station manager does not let go of %S: %s", name, error.what());
+    }
+}
+
+void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel) const {
     FUNCTION_TRACE();
     std::vector<std::wstring> filtered;
     RemoveNotInstalledProfiles(filtered, model->SupportedLogDevices());
+    bool panelMayRun = runPanel;
     for (const std::wstring& name : filtered) {
         const auto logDevice = OpenLogDevice(name);
         if (!logDevice->Exists()) {
             TRACE_WARNING(21, "Log device %S does not exist", name);
+            if (!panelMayRun) continue;
+            panelMayRun = false;  // one run makes all that are missing
+            collaborators_.panel->CallSilent();
+            TRACE_INFO(36, "The interface-setup panel has run");
         } else if (arrival) {
             logDevice->DisableFlagNdi(kHiddenFlag);
             TRACE_INFO(22, "Unhide %S", name);
@@ -219,7 +244,7 @@ void DeviceNotifier::UpdateLogDeviceStateToDeviceState(const ModelRecord& model)
         const bool plugged =
             collaborators_.deviceInterfaces->create_from(model->DeviceInterfaceGuid())->IsPresent();
         TRACE_INFO(24, "%S: %s", model->DisplayedDeviceName(), plugged ? "PluggedIn" : "UnPlugged");
-        ShowOrHideAll(model, plugged);
+        ShowOrHideAll(model, plugged, false);
     } catch (const std::exception& error) {
         TRACE_ERROR(25, "%S: %s", model->DisplayedDeviceName(), error.what());
     } catch (...) {

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "logdevice_db.h"
+#include "statmgr_wrapper.h"
 #include "tessaplug_database.h"
+#include "tessaplug_orvix.h"
 #include "thread_executor.h"
 #include "win_api.h"
 #include "win_pnp.h"
@@ -64,6 +66,9 @@ struct DeviceNotifierCollaborators {
         std::make_shared<korvane::LogDeviceDatabaseFactory>();
     std::function<std::unique_ptr<korvane::DefaultLogDeviceDatabaseIf>()> createDefaultLogDevices =
         &korvane::DefaultLogDeviceDatabaseIf::Create;
+    std::shared_ptr<quelm::TvorPanel> panel = std::make_shared<quelm::TvorPanel>();
+    std::shared_ptr<korvane::StationManagerFactory> stationManagers =
+        std::make_shared<korvane::StationManagerFactory>();
 };
 
 /// Has Windows tell the service about arrivals and removals of the models' device interfaces, and shows or
@@ -93,9 +98,9 @@ class DeviceNotifier {
     /// @throws std::runtime_error before Initialize or if the model is registered already
     /// @throws modul_exception::CWindowsApiExcp if Windows refuses
     virtual void Register(const ModelRecord& model);
-    /// Shows the model's log devices. Never throws.
+    /// Shows the model's log devices and has the panel make those that are missing. Never throws.
     virtual void OnDeviceArrival(const GUID& guid, DWORD eventType);
-    /// Hides the model's log devices. Never throws.
+    /// Has the station manager stop the model's components and hides its log devices. Never throws.
     virtual void OnDeviceRemoval(const GUID& guid, DWORD eventType);
 
   private:
@@ -106,7 +111,9 @@ class DeviceNotifier {
     void RemoveNotInstalledProfiles(std::vector<std::wstring>& filtered,
                                     const std::vector<std::wstring>& names) const;
     std::shared_ptr<korvane::LogDeviceDatabaseIf> OpenLogDevice(const std::wstring& name) const;
-    void ShowOrHideAll(const ModelRecord& model, bool arrival) const;
+    void StopDeviceInStationManager(const ModelRecord& model) const;
+    /// @param runPanel whether the first missing log device has the interface-setup panel run
+    void ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel) const;
 
     SERVICE_STATUS_HANDLE serviceHndl_ = nullptr;
     DeviceContainer devices_;

@@ -159,6 +159,47 @@ class FakeDefaultLogDevices : public korvane::DefaultLogDeviceDatabaseIf {
     const Configuration& configuration_;
 };
 
+class FakePanel : public quelm::TvorPanel {
+  public:
+    explicit FakePanel(Journal& journal) : journal_(journal) {}
+    void CallSilent() override {
+        journal_.push_back("panel");
+        if (fail) throw std::runtime_error("panel failed");
+        if (throwNonStandard) throw 42;
+    }
+    bool fail = false;
+    bool throwNonStandard = false;
+
+  private:
+    Journal& journal_;
+};
+
+class FakeStationManager : public korvane::StationManagerIf {
+  public:
+    explicit FakeStationManager(Journal& journal) : journal_(journal) {}
+    void Initialize() override { journal_.push_back("station manager"); }
+    bool HasPluggedComponentes() override { return true; }
+    void StopCpBy(const std::string& CpName) override { journal_.push_back("stop " + CpName); }
+
+  private:
+    Journal& journal_;
+};
+
+class FakeStationManagers : public korvane::StationManagerFactory {
+  public:
+    explicit FakeStationManagers(Journal& journal) : journal_(journal) {}
+    std::shared_ptr<korvane::StationManagerIf> Create() override {
+        if (fail) throw std::runtime_error("no station manager");
+        if (throwNonStandard) throw 42;
+        return std::make_shared<FakeStationManager>(journal_);
+    }
+    bool fail = false;
+    bool throwNonStandard = false;
+
+  private:
+    Journal& journal_;
+};
+
 class Notifier : public testing::Test {
   protected:
     Notifier() {
@@ -169,6 +210,8 @@ class Notifier : public testing::Test {
         collaborators.createDefaultLogDevices = [this] {
             return std::make_unique<FakeDefaultLogDevices>(configuration_);
         };
+        collaborators.panel = panel_;
+        collaborators.stationManagers = stationManagers_;
         notifier_ = std::make_unique<DeviceNotifier>(std::move(collaborators));
     }
 
@@ -183,6 +226,8 @@ class Notifier : public testing::Test {
     Configuration configuration_;
     std::shared_ptr<FakeUser32> user32_ = std::make_shared<FakeUser32>(journal_);
     std::shared_ptr<FakeDeviceInterfaces> deviceInterfaces_ = std::make_shared<FakeDeviceInterfaces>();
+    std::shared_ptr<FakePanel> panel_ = std::make_shared<FakePanel>(journal_);
+    std::shared_ptr<FakeStationManagers> stationManagers_ = std::make_shared<FakeStationManagers>(journal_);
     std::unique_ptr<DeviceNotifier> notifier_;
 };
 
@@ -193,6 +238,15 @@ class ModelWithThreeLogDevices : public Notifier {
         configuration_.hiddenByName = {{"DEV(A)", false}, {"DEV(B)", false}, {"DEV(C)", false}};
     }
     ModelRecord model_ = Model(kGuidA, L"Device", {L"DEV(A)", L"DEV(B)", L"DEV(C)"});
+};
+
+/// The same, known to the station manager.
+class ModelOfTheStationManager : public ModelWithThreeLogDevices {
+  protected:
+    ModelOfTheStationManager() {
+        RegisterQuietly(std::make_shared<CommunicationProcessorDb>(
+            std::vector<std::wstring>{L"DEV(A)", L"DEV(B)", L"DEV(C)"}, kGuidA, L"Device", L"CATALOGUE"));
+    }
 };
 
 }  // namespace
@@ -363,7 +417,66 @@ TEST_F(ModelWithThreeLogDevices, ArrivalHandlesTheNamesAfterAMissingOne) {
     configuration_.hiddenByName.erase("DEV(B)");
     RegisterQuietly(model_);
     notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
-    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "missing DEV(B)", "show DEV(C)"}));
+    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "missing DEV(B)", "panel", "show DEV(C)"}));
+}
+
+TEST_F(ModelWithThreeLogDevices, PanelRunsOncePerArrival) {
+    configuration_.hiddenByName.clear();
+    RegisterQuietly(model_);
+    const Journal once = {"missing DEV(A)", "panel", "missing DEV(B)", "missing DEV(C)"};
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, once);
+    journal_.clear();
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, once) << "each arrival anew";
+}
+
+TEST_F(ModelWithThreeLogDevices, PanelDoesNotRunOnRemoval) {
+    configuration_.hiddenByName.erase("DEV(B)");
+    RegisterQuietly(model_);
+    notifier_->OnDeviceRemoval(kGuidA, DBT_DEVICEREMOVECOMPLETE);
+    EXPECT_EQ(journal_, (Journal{"hide DEV(A)", "missing DEV(B)", "hide DEV(C)"}));
+}
+
+TEST_F(ModelWithThreeLogDevices, PanelDoesNotRunAtRegistration) {
+    configuration_.hiddenByName.clear();
+    deviceInterfaces_->plugged = true;
+    notifier_->Initialize(kServiceHandle);
+    notifier_->Register(model_);
+    EXPECT_EQ(journal_, (Journal{"missing DEV(A)", "missing DEV(B)", "missing DEV(C)"}));
+}
+
+TEST_F(ModelWithThreeLogDevices, FailingPanelEndsTheEvent) {
+    configuration_.hiddenByName.erase("DEV(B)");
+    RegisterQuietly(model_);
+    panel_->fail = true;
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "missing DEV(B)", "panel"}));
+}
+
+TEST_F(ModelOfTheStationManager, RemovalStopsBeforeTheFirstIsHidden) {
+    notifier_->OnDeviceRemoval(kGuidA, DBT_DEVICEREMOVECOMPLETE);
+    EXPECT_EQ(journal_,
+              (Journal{"station manager", "stop CATALOGUE", "hide DEV(A)", "hide DEV(B)", "hide DEV(C)"}));
+}
+
+TEST_F(ModelOfTheStationManager, ArrivalLeavesTheStationManagerAlone) {
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "show DEV(B)", "show DEV(C)"}));
+}
+
+TEST_F(ModelOfTheStationManager, RemovalGoesOnWithoutAStationManager) {
+    stationManagers_->fail = true;
+    notifier_->OnDeviceRemoval(kGuidA, DBT_DEVICEREMOVECOMPLETE);
+    EXPECT_EQ(journal_, (Journal{"hide DEV(A)", "hide DEV(B)", "hide DEV(C)"}));
+}
+
+TEST_F(ModelOfTheStationManager, AnyOtherExceptionOfItIsAssertedAndEndsTheEvent) {
+    stationManagers_->throwNonStandard = true;
+    const ModuleHooks hooks;
+    notifier_->OnDeviceRemoval(kGuidA, DBT_DEVICEREMOVECOMPLETE);
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected exception!\""}));
+    EXPECT_TRUE(journal_.empty());
 }
 
 TEST_F(ModelWithThreeLogDevices, OnlyInstalledOnesAreTouched) {

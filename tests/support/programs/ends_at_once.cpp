@@ -1,0 +1,4 @@
+// A program that ends at once.
+int wmain() {
+    return 0;
+}

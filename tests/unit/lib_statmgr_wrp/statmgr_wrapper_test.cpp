@@ -1,0 +1,361 @@
+#include "statmgr_wrapper.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "module_hooks.h"
+#include "scripted_station.h"
+#include "text_of.h"
+
+using korvane::ComInterface;
+using korvane::CStatMgrImpl;
+using korvane::StationComponentInfo;
+using korvane::StationManager;
+using korvane::StatMgrCfg;
+using test_support::ModuleHooks;
+using test_support::ScriptedStation;
+using test_support::TextOf;
+
+namespace {
+
+using Journal = std::vector<std::string>;
+
+const std::string kCatalogueFilled(64, 'X');
+
+class Station : public testing::Test {
+  protected:
+    void Initialize() { stationManager_.Initialize(); }
+
+    ScriptedStation station_;
+    StationManager stationManager_;
+};
+
+/// COM is there on this thread.
+bool HasCom() {
+    APTTYPE type = APTTYPE_CURRENT;
+    APTTYPEQUALIFIER qualifier = APTTYPEQUALIFIER_NONE;
+    return ::CoGetApartmentType(&type, &qualifier) == S_OK;
+}
+
+}  // namespace
+
+TEST(StationManagerFactory, MakesOneThatIsNotInitialised) {
+    const ModuleHooks hooks;
+    const auto stationManager = korvane::StationManagerFactory().Create();
+    EXPECT_THROW(stationManager->HasPluggedComponentes(), std::runtime_error);
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"m_isInit", L"m_isInit", L"m_pISetupSupport != NULL"}));
+}
+
+TEST_F(Station, StopsEveryComponentOfTheCatalogueEntryInOrder) {
+    station_.Add(1, "PC Station");
+    station_.Add(4, "NX4120");
+    station_.Add(2, "NX4120", 0x205);
+    station_.Add(5, "OTHER");
+    Initialize();
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(station_.journal, (Journal{"stop 4 0", "entry 165 0xA523 1 0x4000000", "stop 2 0",
+                                         "entry 165 0xA523 1 0x2000000"}));
+}
+
+TEST_F(Station, OnlyComponentsThatMayBeStoppedAreStopped) {
+    station_.Add(1, "PC Station");
+    for (const ULONG status : {0x203ul, 0x200ul, 0x202ul, 0ul, 0x1201ul})
+        station_.Add(2, "NX4120", status);
+    Initialize();
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_TRUE(station_.journal.empty());
+}
+
+TEST_F(Station, CatalogueEntriesAreComparedWholeAndByCase) {
+    station_.Add(1, "nx4120");
+    station_.Add(2, "NX4120 ");
+    station_.Add(3, "NX412");
+    Initialize();
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_TRUE(station_.journal.empty());
+}
+
+TEST_F(Station, CatalogueEntryMayFillItsFieldWithoutAZero) {
+    station_.Add(1, "PC Station");
+    station_.Add(2, kCatalogueFilled);
+    std::string("not part of it").copy(station_.components[1].szName, 14);
+    Initialize();
+
+    stationManager_.StopCpBy(kCatalogueFilled);
+
+    EXPECT_EQ(station_.journal.front(), "stop 2 0");
+}
+
+TEST_F(Station, StationAloneOrNothingAtAllStopsNothing) {
+    Initialize();
+    stationManager_.StopCpBy("NX4120");
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+
+    station_.Add(1, "NX4120");
+    stationManager_.StopCpBy("NX4120");
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+    EXPECT_TRUE(station_.journal.empty());
+}
+
+TEST_F(Station, HasComponentsFromTwoTo32Objects) {
+    Initialize();
+    for (LONG i = 1; i <= 33; ++i) {
+        station_.Add(i, "NX4120");
+        EXPECT_EQ(stationManager_.HasPluggedComponentes(), i >= 2 && i <= 32) << i;
+    }
+}
+
+TEST_F(Station, MoreComponentsThanThereCanBeAreAssertedAndStopped) {
+    for (LONG i = 1; i <= 33; ++i)
+        station_.Add(i, i == 32 ? "NX4120" : "OTHER");
+    Initialize();
+    const ModuleHooks hooks;
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"resvec.size() <= MAX_COMP_VMDID"}));
+    EXPECT_EQ(station_.journal.front(), "stop 32 0");
+}
+
+TEST_F(Station, Exactly32ComponentsAreNothingSpecial) {
+    for (LONG i = 1; i <= 32; ++i)
+        station_.Add(i, i == 32 ? "NX4120" : "OTHER");
+    Initialize();
+    stationManager_.StopCpBy("NX4120");
+    EXPECT_EQ(station_.journal, (Journal{"stop 32 0", "entry 165 0xA523 1 0x20000000"}));
+}
+
+TEST_F(Station, ImpossibleVirtualDevicesAreAssertedAndStopped) {
+    station_.Add(0, "NX4120");
+    station_.Add(33, "NX4120");
+    Initialize();
+    const ModuleHooks hooks;
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(hooks.Assertions().size(), 2u);
+    EXPECT_EQ(station_.journal,
+              (Journal{"stop 0 0", "entry 165 0xA523 1 0x0", "stop 33 0", "entry 165 0xA523 1 0x21000000"}));
+}
+
+TEST_F(Station, RefusedStopDoesNotKeepTheNextFromBeingStopped) {
+    station_.Add(1, "PC Station");
+    station_.Add(2, "NX4120");
+    station_.Add(3, "NX4120");
+    station_.refused = {2};
+    Initialize();
+
+    EXPECT_NO_THROW(stationManager_.StopCpBy("NX4120"));
+
+    EXPECT_EQ(station_.journal, (Journal{"stop 2 0", "entry 165 0xA523 1 0x2000000", "stop 3 0",
+                                         "entry 165 0xA523 1 0x3000000"}));
+}
+
+TEST_F(Station, RefusedDiagnosticEntryDoesNotKeepTheNextFromBeingStopped) {
+    station_.Add(2, "NX4120");
+    station_.Add(3, "NX4120");
+    station_.addEntryResult = E_FAIL;
+    Initialize();
+
+    EXPECT_NO_THROW(stationManager_.StopCpBy("NX4120"));
+
+    EXPECT_EQ(station_.journal.size(), 4u);
+}
+
+TEST_F(Station, NamesOutOfBoundsAreAssertedAndLookedFor) {
+    station_.Add(1, "A");
+    station_.Add(2, "");
+    Initialize();
+    const ModuleHooks hooks;
+
+    stationManager_.StopCpBy("");
+    stationManager_.StopCpBy(std::string(127, 'A'));
+    stationManager_.StopCpBy(std::string(128, 'A'));
+
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"!CpName.empty()", L"CpName.length() < 128"}));
+    EXPECT_EQ(station_.journal.size(), 2u) << "the component without an entry";
+}
+
+TEST_F(Station, SecondInitialisationIsRefused) {
+    Initialize();
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.Initialize(); }),
+              "COM Interface for PC Station already initialized!");
+}
+
+TEST_F(Station, WholeRecordsAreUsedWhenTheDataIsCutOff) {
+    station_.Add(1, "PC Station");
+    station_.Add(2, "NX4120");
+    station_.surplusBytes = 2339;
+    Initialize();
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(station_.journal.front(), "stop 2 0");
+    station_.components.clear();
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes()) << "less than one record";
+}
+
+TEST_F(Station, RefusedConfigurationDataIsTold) {
+    Initialize();
+    station_.getDataResult = E_FAIL;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.StopCpBy("NX4120"); }),
+              "STATMGRLib::ISetupSupportPtr::GetData(STATION_CONFIG_DATA) FAILED!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.HasPluggedComponentes(); }),
+              "CStatMgrImpl::GetData(STATION_CONFIG_DATA) FAILED!");
+}
+
+TEST_F(Station, ComErrorWhileReadingIsTold) {
+    Initialize();
+    station_.onGetData = [] { throw _com_error(RPC_E_SERVERFAULT); };
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.StopCpBy("NX4120"); }),
+              "Caught COM-EXCPETION: CStatMgrImpl::GetConfigData()!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.HasPluggedComponentes(); }),
+              "Caught COM-EXCPETION: CStatMgrImpl::GetCountOfObjects()!");
+}
+
+TEST_F(Station, MissingInterfaceIsTold) {
+    station_.Add(1, "NX4120");
+    station_.Add(2, "NX4120");
+    Initialize();
+    station_.missingInterface = __uuidof(IComponentControl);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.StopCpBy("NX4120"); }),
+              "QueryInterface COM FAILED!");
+    station_.missingInterface = __uuidof(IDiagnostics);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager_.StopCpBy("NX4120"); }),
+              "QueryInterface COM FAILED!");
+}
+
+TEST_F(Station, MissingSetupSupportIsTold) {
+    station_.createSetupSupportResult = E_NOINTERFACE;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Initialize(); }),
+              "Unhandled COM exception in StationManagerImpl-CTOR");
+}
+
+TEST_F(Station, RefusalIsRaisedAsAComError) {
+    StatMgrCfg configuration;
+    configuration.Initialize();
+    station_.refused = {2};
+    station_.addEntryResult = E_FAIL;
+    EXPECT_EQ(configuration.CfgStopComponent(1), S_OK);
+    EXPECT_THROW(configuration.CfgStopComponent(2), _com_error);
+    EXPECT_THROW(configuration.DiagEntry(35, 1, 0), _com_error);
+}
+
+TEST_F(Station, EveryReferenceIsGivenBack) {
+    station_.Add(1, "PC Station");
+    station_.Add(2, "NX4120");
+    const LONG before = station_.references;
+    {
+        StationManager stationManager;
+        stationManager.Initialize();
+        stationManager.StopCpBy("NX4120");
+        EXPECT_GT(station_.references, before);
+    }
+    EXPECT_EQ(station_.references, before);
+}
+
+TEST_F(Station, ComErrorWhileReleasingIsAsserted) {
+    const ModuleHooks hooks;
+    {
+        CStatMgrImpl implementation;
+        implementation.Initalize();
+        station_.onRelease = [this] {
+            station_.onRelease = [] {};
+            throw _com_error(RPC_E_DISCONNECTED);
+        };
+    }
+    {
+        CStatMgrImpl implementation;
+        implementation.Initalize();
+        station_.onRelease = [this] {
+            station_.onRelease = [] {};
+            throw 42;
+        };
+    }
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"!\"COM-Exception in CStatMgrImpl\"",
+                                         L"!\"Unhandled exception in StationManagerImpl-DTOR\""}));
+}
+
+TEST(StationManager, TellsOfAnImplementationThatStaysUninitialised) {
+    class Idle : public CStatMgrImpl {
+        void Initalize() override {}
+    };
+    const ScriptedStation station;
+    StationManager stationManager(std::make_unique<ComInterface>(), std::make_unique<StatMgrCfg>(),
+                                  std::make_unique<Idle>());
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager.Initialize(); }),
+              "Could not StatMgrImplementation");
+}
+
+TEST(StationManager, TellsOfAThreadThatCannotHaveCom) {
+    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    {
+        StationManager stationManager;
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager.Initialize(); }),
+                  "CStatMgrImpl::CTOR - CoInitializeEx() FAILED");
+    }
+    EXPECT_TRUE(HasCom()) << "what failed is not undone";
+    ::CoUninitialize();
+    EXPECT_FALSE(HasCom());
+}
+
+TEST(StationManager, TellsOfAStationManagerThatIsNotInstalled) {
+    {
+        StationManager stationManager;
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager.Initialize(); }),
+                  "FAILED: CoCreateInstance(CLSID_PCStation)!");
+        EXPECT_TRUE(HasCom());
+    }
+    EXPECT_FALSE(HasCom()) << "COM is balanced";
+}
+
+TEST(ComInterface, BalancesAnInitialisationThatWasThere) {
+    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    {
+        ComInterface com;
+        com.Initialize();  // S_FALSE
+    }
+    EXPECT_TRUE(HasCom());
+    ::CoUninitialize();
+    EXPECT_FALSE(HasCom());
+}
+
+TEST(ComInterface, UndoesNothingThatItDidNotDo) {
+    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    {
+        const ComInterface com;
+    }
+    EXPECT_TRUE(HasCom());
+    ::CoUninitialize();
+}
+
+TEST(StationComponentInfo, IsPrintedWithTheFieldsInUse) {
+    StationComponentInfo component = {};
+    component.lVmdID = 7;
+    component.dwFlags = 0x10;
+    component.ulStatus = 0x201;
+    kCatalogueFilled.copy(component.szCatalogEntry, 64);
+    std::string("Line 1").copy(component.szName, 6);
+    EXPECT_EQ(component.Print(), "StationComponentInfo: lVmdID=7, szCatalogEntry=" + kCatalogueFilled +
+                                     ", szName=Line 1, ulStatus=0x201, dwFlags=0x10");
+}
+
+TEST(ComErrorText, HasCodeAndText) {
+    EXPECT_TRUE(korvane::ComErrorText(_com_error(E_ACCESSDENIED)).starts_with(L"0x80070005 "));
+    EXPECT_EQ(korvane::ComErrorText(_com_error(_com_error::WCodeToHRESULT(5))),
+              L"0x80040205 IDispatch error #5");
+    EXPECT_EQ(korvane::ComErrorText(_com_error(static_cast<HRESULT>(0xA7654321))),
+              L"0xa7654321 Unknown error 0xA7654321");
+}
