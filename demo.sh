@@ -78,7 +78,7 @@ log="$WINEPREFIX/drive_c/ProgramData/Tessaplug/tessahost.log"
 echo "as the service reported it:"
 sed 's/^[^ ]* /  /' "$log" | tr -d '\r'
 grep -q 'RUNNING' "$log" || fail "the service did not report RUNNING"
-[ "$(grep -c 'START_PENDING' "$log")" -eq 5 ] || fail "the start did not report its steps"
+[ "$(grep -c 'START_PENDING' "$log")" -eq 6 ] || fail "the start did not report its steps"
 
 heading "Plugging in an NX4120"
 plug plug NX4120 NX4120 visible
@@ -91,6 +91,20 @@ run tessactl trace decode >"$WINEPREFIX/trace.txt"
 grep -q 'Unhide Fennlink U3(XLI)' "$WINEPREFIX/trace.txt" || fail "the trace does not show the arrival"
 echo "$(wc -l <"$WINEPREFIX/trace.txt") trace messages; the plug-in's own:"
 grep ' tessaplug_' "$WINEPREFIX/trace.txt" | cut -c1-150
+
+heading "The Fennlink U3's driver reports trouble"
+run adapterctl report FennlinkU3 information "firmware 2.1 is loaded"
+run adapterctl report FennlinkU3 warning "the bus cycle takes long"
+display_find fenlu3 10 >/dev/null && fail "an information or a warning was shown"
+echo "an information and a warning: nothing is shown"
+run adapterctl report FennlinkU3 error "no voltage on the bus"
+box=$(display_find fenlu3 100) || fail "the driver's error was not shown"
+sleep 0.3 # until the box is painted
+display_shot build/demo-driver-error.png
+echo "an error: the box is shown, its picture is build/demo-driver-error.png"
+display_press "$box" Return || fail "the box was not answered"
+echo "answered; the driver's records in the System log:"
+run tessactl log --log System --source fenlu3
 
 heading "Unplugging the NX4120: the station manager lets go of it first"
 run stationmgr list

@@ -12,16 +12,20 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "adapter_control.h"
 #include "component_store.h"
+#include "event_log_file.h"
 #include "exception_history.h"
 #include "function_trace.h"
 #include "log_device_store.h"
 #include "station_manager.h"
 #include "tessaplug_intern.h"
 #include "trace_point.h"
+#include "wine_gap_loader.h"
 
 TRACE_SOURCE("bench\\tessabench", "3d9e6c18-52b7-4a0f-8c61-b7f4e29d0a51", trace::kModule);
 
@@ -336,6 +340,88 @@ void InitBare(HANDLE recipient) {
         ::UnregisterDeviceNotification(notification);
 }
 
+/// Tells when a box is asked for.
+class TimedBox : public operating_system::SystemMessageBox {
+  public:
+    DWORD Show(const wchar_t*, const wchar_t*, DWORD) override {
+        shownAt = Clock::now();
+        ::SetEvent(shown);
+        return IDOK;
+    }
+    Clock::time_point shownAt;
+    const HANDLE shown = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+};
+
+/// Needs the Fennlink U3's driver to be installed.
+void MeasureRecordToBox() {
+    LoadWineGap();
+    auto box = std::make_unique<TimedBox>();
+    TimedBox& timed = *box;
+    tessaplug::EventLogMonitorCollaborators collaborators;
+    collaborators.messageBox = std::move(box);
+    tessaplug::EventLogMonitor monitor(std::move(collaborators));
+    std::thread thread([&monitor] { monitor.Run(); });
+    monitor.WaitBlockingForStateChange(INFINITE);
+    ::Sleep(500);  // until it waits
+    const auto* fennlinkU3 = adapter_control::FindModel(L"FennlinkU3");
+    std::vector<double> times;
+    for (int i = 0; i < 11; ++i) {
+        const auto start = Clock::now();
+        adapter_control::Report(*fennlinkU3, 3, L"measured");
+        ::WaitForSingleObject(timed.shown, INFINITE);
+        times.push_back(std::chrono::duration<double, std::milli>(timed.shownAt - start).count());
+        ::Sleep(50);
+    }
+    monitor.Stop(false);
+    thread.join();
+    Print("the driver's record written to message box requested", Median(times), "ms");
+}
+
+constexpr wchar_t kBenchLog[] = L"TessaBench";
+constexpr wchar_t kBenchLogKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\TessaBench";
+constexpr std::size_t kForeignRecords = 1000000;
+
+void AppendForeignRecords(const wine_gap::EventLogFile& file) {
+    constexpr std::size_t kBatch = 10000;
+    const std::vector<wine_gap::Event> batch(
+        kBatch,
+        {L"Service Control Manager", EVENTLOG_INFORMATION_TYPE, 0, 0x40001B7C, {L"spooler", L"running"}, {}});
+    for (std::size_t i = 0; i < kForeignRecords; i += kBatch)
+        file.Append(batch);
+}
+
+std::size_t CountWholeRecords(const std::vector<std::byte>& buffer) {
+    std::size_t count = 0;
+    for (std::size_t at = 0; at < buffer.size(); ++count)
+        at += reinterpret_cast<const EVENTLOGRECORD*>(buffer.data() + at)->Length;
+    return count;
+}
+
+/// The same buffers, each record copied and its source name compared.
+double ReadBare(HANDLE log) {
+    std::vector<std::byte> buffer(0x10000);
+    std::vector<std::byte> record;
+    std::size_t count = 0;
+    std::size_t ours = 0;
+    const auto start = Clock::now();
+    while (count < kForeignRecords) {
+        DWORD read = 0;
+        DWORD needed = 0;
+        if (!::ReadEventLogW(log, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ, 0, buffer.data(),
+                             0x10000, &read, &needed))
+            throw std::runtime_error("the log cannot be read");
+        for (DWORD at = 0; at < read; ++count) {
+            const auto* raw = reinterpret_cast<const EVENTLOGRECORD*>(buffer.data() + at);
+            record.assign(buffer.data() + at, buffer.data() + at + raw->Length);
+            ours += std::wcscmp(reinterpret_cast<const wchar_t*>(record.data() + sizeof(EVENTLOGRECORD)),
+                                L"fenlu3") == 0;
+            at += raw->Length;
+        }
+    }
+    if (ours != 0) throw std::runtime_error("there should be no record of the driver");
+    return static_cast<double>(kForeignRecords) / std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 /// Committed private memory, by the address space's own account: Wine reports none in the process counters.
 SIZE_T PrivateBytes() {
     SIZE_T bytes = 0;
@@ -344,6 +430,97 @@ SIZE_T PrivateBytes() {
          at = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize)
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
     return bytes;
+}
+
+void MeasureForeignRecords() {
+    LoadWineGap();
+    const DWORD limit = 0x20000000;
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kBenchLogKey, L"MaxSize", REG_DWORD, &limit, sizeof limit);
+    const wine_gap::EventLogFile file(kBenchLog);
+    file.Clear();
+    const HANDLE bareLog = ::OpenEventLogW(nullptr, kBenchLog);
+    operating_system::EventLog log(kBenchLog);
+    log.Open();
+    log.CancelRead();
+    log.BlockingRead();  // takes its position
+    AppendForeignRecords(file);
+    operating_system::EventRecordParser parser(std::make_shared<operating_system::FilterChain>(
+        operating_system::FilterChain{std::make_shared<operating_system::Fenlu3>()}));
+    std::vector<operating_system::UserMessage> messages;
+
+    const double bare = ReadBare(bareLog);
+    const SIZE_T before = PrivateBytes();
+    std::size_t count = 0;
+    const auto start = Clock::now();
+    while (count < kForeignRecords) {
+        const std::vector<std::byte> buffer = log.BlockingRead();
+        parser.Process(buffer, messages);
+        count += CountWholeRecords(buffer);
+    }
+    const double real =
+        static_cast<double>(count) / std::chrono::duration<double>(Clock::now() - start).count();
+    const SIZE_T after = PrivateBytes();
+    ::CloseEventLog(bareLog);
+    log.Close();
+    file.Clear();
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kBenchLogKey);
+    Print("a bare loop over a million foreign records", bare / 1000, "thousand/s");
+    Print("reader, parser and filter", real / 1000, "thousand/s");
+    std::printf("%-52s %10.2f\n", "  ratio of the times", bare / real);
+    Print("memory after the million, compared with before",
+          (static_cast<double>(after) - static_cast<double>(before)) / 1024, "KB");
+}
+
+/// A monitor that does nothing.
+class NoMonitor : public tessaplug::EventLogMonitor {
+  public:
+    DWORD Run() override { return 0; }
+    void Stop(bool) override {}
+    bool WaitBlockingForStateChange(DWORD) override { return true; }
+};
+
+class OwnLockName : public tessaplug::ServiceDb {
+  public:
+    const std::wstring& GlobalInstanceLockName() const override { return name_; }
+
+  private:
+    static inline int count_ = 0;
+    std::wstring name_ = L"tessabench_" + std::to_wstring(++count_);
+};
+
+/// Milliseconds of one start and one stop.
+std::pair<double, double> StartAndStop(bool withMonitor) {
+    tessaplug::ServiceCollaborators collaborators;
+    collaborators.settings = std::make_shared<OwnLockName>();
+    if (!withMonitor) {
+        collaborators.eventLogMonitor = std::make_shared<NoMonitor>();
+        collaborators.sleep = [](DWORD) {};
+    }
+    Service service(std::move(collaborators));
+    DWORD started = 0;
+    const double start = MillisecondsOf([&] {
+        started = service.init(TESSAPLUG_API_VERSION, reinterpret_cast<SERVICE_STATUS_HANDLE>(1),
+                               &IgnoreStatus, nullptr, 0);
+    });
+    if (started == 0) throw std::runtime_error("the service does not start");
+    return {start, MillisecondsOf([&] { service.cleanup(); })};
+}
+
+void MeasureStartAndStop() {
+    StartAndStop(false);  // warm
+    std::vector<double> starts[2];
+    std::vector<double> stops[2];
+    for (int i = 0; i < 11; ++i) {
+        for (const bool withMonitor : {false, true}) {
+            const auto [start, stop] = StartAndStop(withMonitor);
+            starts[withMonitor].push_back(start);
+            stops[withMonitor].push_back(stop);
+        }
+    }
+    Print("start without the monitor", Median(starts[false]), "ms");
+    Print("start with the monitor", Median(starts[true]), "ms");
+    Print("stop without the monitor", Median(stops[false]), "ms");
+    Print("stop with the monitor, two seconds of it fixed", Median(stops[true]), "ms");
 }
 
 /// One process, one init: prints "bare init kilobytes" for the script to take the median of.
@@ -385,6 +562,12 @@ int wmain(int argc, wchar_t** argv) {
         else if (what == L"hidden")
             for (const bool keepRunning : {true, false})
                 MeasureUnplugToHidden(keepRunning);
+        else if (what == L"messages")
+            MeasureRecordToBox();
+        else if (what == L"records")
+            MeasureForeignRecords();
+        else if (what == L"lifecycle")
+            MeasureStartAndStop();
         else if (what == L"init")
             MeasureInitOnce();
         else

@@ -21,6 +21,11 @@ for _ in $(seq 11); do run tessabench init; done | sort -n | awk '
           "the same system calls made bare", bare[m], "tessaplug_init", init[m], "  ratio", init[m] / bare[m],
           "private memory that loading and init add", kb[m] }'
 ls -l build/release/bin/tessaplug.dll | awk '{ printf "%-52s %10d KB\n\n", "tessaplug.dll", $5 / 1024 }'
+echo "Messages of the driver"
+run tessabench messages
+run tessabench records
+run tessabench lifecycle
+echo
 echo "An adapter of the running service"
 run tessahost install >/dev/null
 run tessahost start >/dev/null

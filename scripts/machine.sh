@@ -1,7 +1,9 @@
-# A machine to run on: a Wine prefix of its own. Sourced by demo.sh, test.sh and bench.sh.
+# A machine to run on: a Wine prefix of its own, with a display. Sourced by demo.sh, test.sh and bench.sh.
 #
 #   machine_new FOLDER   makes a fresh machine in FOLDER and keeps it running until the script ends
 #   machine PROGRAM ...  runs a program on it
+
+. scripts/display.sh
 
 machine_folder=
 machine_keeper=
@@ -15,6 +17,7 @@ machine_new() {
     rm -rf "$machine_folder"
     mkdir -p "$(dirname "$machine_folder")"
     trap machine_end EXIT
+    display_need
     machine wineboot -i >/dev/null 2>&1 || { echo "machine: the Wine prefix cannot be made" >&2; return 1; }
     # A machine that was just made does not start drivers: boot it once more.
     /usr/lib/wine/wineserver -k && /usr/lib/wine/wineserver -w
@@ -36,4 +39,5 @@ machine_end() {
         /usr/lib/wine/wineserver -k 2>/dev/null || true
         /usr/lib/wine/wineserver -w || true
     fi
+    display_end
 }

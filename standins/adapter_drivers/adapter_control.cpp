@@ -18,6 +18,8 @@ namespace {
 
 constexpr GUID kSystemClass = {0x4d36e97d, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
 
+const std::wstring kSystemLogKey = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\System\\";
+
 [[noreturn]] void Fail(const std::string& what, DWORD code = ::GetLastError()) {
     throw AdapterError(what, code);
 }
@@ -107,20 +109,34 @@ void DeleteService(const Model& model) {
     ::DeleteService(service.get());
 }
 
-void DeleteDriverFile(const Model& model) {
-    wchar_t folder[MAX_PATH] = {};
-    ::GetSystemDirectoryW(folder, MAX_PATH);
-    ::DeleteFileW((std::wstring(folder) + L"\\drivers\\" + model.serviceName + L".sys").c_str());
-}
-
-void SendToPort(const Model& model, DWORD request, DWORD port, const char* what) {
+void Send(const Model& model, DWORD request, void* input, DWORD size, const char* what) {
     const HANDLE device =
         ::CreateFileW((std::wstring(L"\\\\.\\") + model.controlDevice).c_str(), GENERIC_READ,
                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
     if (device == INVALID_HANDLE_VALUE) Fail("the adapter's driver is not there; install it first");
     const auto owner = Owned<&::CloseHandle>(device);
     DWORD returned = 0;
-    if (!::DeviceIoControl(device, request, &port, sizeof port, nullptr, 0, &returned, nullptr)) Fail(what);
+    if (!::DeviceIoControl(device, request, input, size, nullptr, 0, &returned, nullptr)) Fail(what);
+}
+
+std::wstring DriverPath(const Model& model) {
+    wchar_t folder[MAX_PATH] = {};
+    ::GetSystemDirectoryW(folder, MAX_PATH);
+    return std::wstring(folder) + L"\\drivers\\" + model.serviceName + L".sys";
+}
+
+/// Tells the event log where the texts of the driver's records are.
+void RegisterEventSource(const Model& model) {
+    const std::wstring key = kSystemLogKey + model.serviceName;
+    const std::wstring file = DriverPath(model);
+    const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+    LSTATUS result =
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", REG_SZ, file.c_str(),
+                          static_cast<DWORD>((file.length() + 1) * sizeof(wchar_t)));
+    if (result == ERROR_SUCCESS)
+        result = ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"TypesSupported", REG_DWORD, &types,
+                                   sizeof types);
+    if (result != ERROR_SUCCESS) Fail("registering the event source failed", static_cast<DWORD>(result));
 }
 
 }  // namespace
@@ -163,6 +179,7 @@ bool Install(const Model& model, const std::wstring& infPath) {
     Uninstall(model);  // what an interrupted installation may have left
     for (int port = 0; port < ADAPTER_PORTS; ++port)
         RegisterDevice(model);
+    RegisterEventSource(model);
     const DWORD error = InstallDriver(model, infPath);
     if (error != ERROR_SUCCESS) {
         Uninstall(model);  // nothing half-installed stays
@@ -176,16 +193,24 @@ bool Uninstall(const Model& model) {
         if (!::SetupDiCallClassInstaller(DIF_REMOVE, set, &device)) Fail("removing the device failed");
     });
     DeleteService(model);
-    DeleteDriverFile(model);
+    ::DeleteFileW(DriverPath(model).c_str());
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, (kSystemLogKey + model.serviceName).c_str());
     return removed > 0;
 }
 
 void Plug(const Model& model, DWORD port) {
-    SendToPort(model, IOCTL_ADAPTER_PLUG, port, "plugging in failed");
+    Send(model, IOCTL_ADAPTER_PLUG, &port, sizeof port, "plugging in failed");
 }
 
 void Unplug(const Model& model, DWORD port) {
-    SendToPort(model, IOCTL_ADAPTER_UNPLUG, port, "unplugging failed");
+    Send(model, IOCTL_ADAPTER_UNPLUG, &port, sizeof port, "unplugging failed");
+}
+
+void Report(const Model& model, DWORD severity, const std::wstring& text) {
+    ADAPTER_REPORT report = {};
+    report.severity = severity;
+    text.copy(report.text, ADAPTER_REPORT_TEXT - 1);
+    Send(model, IOCTL_ADAPTER_REPORT, &report, sizeof report, "reporting failed");
 }
 
 std::vector<std::wstring> DevicePaths(const Model& model) {

@@ -50,6 +50,11 @@ bool IsInstalled(const Model& model);
 void Plug(const Model& model, DWORD port = 0);
 void Unplug(const Model& model, DWORD port = 0);
 
+/// Has the Fennlink U3's driver write a record under its source "fenlu3" into the System event log.
+/// @param severity 1 information, 2 warning, 3 error
+/// @param text what happened; at most 63 characters are used
+void Report(const Model& model, DWORD severity, const std::wstring& text);
+
 /// Device paths of the plugged-in adapters.
 std::vector<std::wstring> DevicePaths(const Model& model);
 

@@ -8,6 +8,10 @@
 #include <ntddk.h>
 
 #include "adapter_protocol.h"
+#include "error_log_record.h"
+#ifdef ADAPTER_MESSAGES
+#include ADAPTER_MESSAGES
+#endif
 
 static const GUID interface_class = ADAPTER_INTERFACE_GUID;
 
@@ -162,14 +166,91 @@ static NTSTATUS set_port(ULONG number, BOOLEAN plugged) {
     return status;
 }
 
+#ifdef ADAPTER_MESSAGES
+static ULONG message_of(ULONG severity) {
+    switch (severity) {
+        case 1:
+            return (ULONG)FENLU3_INFORMATION;
+        case 2:
+            return (ULONG)FENLU3_WARNING;
+        case 3:
+            return (ULONG)FENLU3_ERROR;
+        default:
+            return 0;
+    }
+}
+
+static BOOLEAN is_wine(void) {
+    UNICODE_STRING name = RTL_CONSTANT_STRING(L"wine_ntoskrnl_main_loop");
+    return MmGetSystemRoutineAddress(&name) != NULL;
+}
+
+/* Wine has no error log for drivers: what reads the event log there takes the record from the registry. */
+static NTSTATUS leave_record(ULONG message_id, const WCHAR* text) {
+    static const WCHAR* const keys[] = {L"\\Registry\\Machine\\Software\\winegap",
+                                        L"\\Registry\\Machine\\Software\\winegap\\EventLog",
+                                        ERROR_LOG_RECORDS_KEY};
+    static LONG records;
+    ERROR_LOG_RECORD record;
+    WCHAR name[] = L"00000000 " ADAPTER_SOURCE;
+    ULONG number = (ULONG)InterlockedIncrement(&records);
+    ULONG i;
+    RtlZeroMemory(&record, sizeof record);
+    record.message_id = message_id;
+    RtlCopyMemory(record.source, ADAPTER_SOURCE, sizeof ADAPTER_SOURCE);
+    RtlCopyMemory(record.device, control_name.Buffer, control_name.Length);
+    RtlCopyMemory(record.text, text, sizeof record.text);
+    for (i = 8; i > 0; --i, number /= 16)
+        name[i - 1] = L"0123456789abcdef"[number % 16];
+    for (i = 0; i < sizeof keys / sizeof keys[0]; ++i)
+        RtlCreateRegistryKey(RTL_REGISTRY_ABSOLUTE, (PWSTR)keys[i]);
+    return RtlWriteRegistryValue(RTL_REGISTRY_ABSOLUTE, ERROR_LOG_RECORDS_KEY, name, REG_BINARY, &record,
+                                 sizeof record);
+}
+
+static NTSTATUS report(const ADAPTER_REPORT* request) {
+    const ULONG message_id = message_of(request->severity);
+    const USHORT offset = FIELD_OFFSET(IO_ERROR_LOG_PACKET, DumpData);
+    WCHAR text[ADAPTER_REPORT_TEXT];
+    PIO_ERROR_LOG_PACKET packet;
+    if (!message_id) return STATUS_INVALID_PARAMETER;
+    RtlCopyMemory(text, request->text, sizeof text);
+    text[ADAPTER_REPORT_TEXT - 1] = 0;
+    if (is_wine()) return leave_record(message_id, text);
+    packet = IoAllocateErrorLogEntry(control_device, (UCHAR)(offset + sizeof text));
+    if (!packet) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(packet, offset + sizeof text);
+    packet->ErrorCode = (NTSTATUS)message_id;
+    packet->NumberOfStrings = 1;
+    packet->StringOffset = offset;
+    RtlCopyMemory((UCHAR*)packet + offset, text, sizeof text);
+    IoWriteErrorLogEntry(packet);
+    return STATUS_SUCCESS;
+}
+#else
+static NTSTATUS report(const ADAPTER_REPORT* request) {
+    UNREFERENCED_PARAMETER(request);
+    return STATUS_NOT_SUPPORTED;
+}
+#endif
+
 static NTSTATUS NTAPI dispatch_control(PDEVICE_OBJECT device, PIRP irp) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     const ULONG code = stack->Parameters.DeviceIoControl.IoControlCode;
-    if (device != control_device || (code != IOCTL_ADAPTER_PLUG && code != IOCTL_ADAPTER_UNPLUG))
-        return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
-    if (stack->Parameters.DeviceIoControl.InputBufferLength != sizeof(ULONG))
-        return complete(irp, STATUS_INFO_LENGTH_MISMATCH);
-    return complete(irp, set_port(*(ULONG*)irp->AssociatedIrp.SystemBuffer, code == IOCTL_ADAPTER_PLUG));
+    const ULONG size = stack->Parameters.DeviceIoControl.InputBufferLength;
+    const void* input = irp->AssociatedIrp.SystemBuffer;
+    if (device != control_device) return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    switch (code) {
+        case IOCTL_ADAPTER_PLUG:
+        case IOCTL_ADAPTER_UNPLUG:
+            if (size != sizeof(ULONG)) return complete(irp, STATUS_INFO_LENGTH_MISMATCH);
+            return complete(irp, set_port(*(const ULONG*)input, code == IOCTL_ADAPTER_PLUG));
+        case IOCTL_ADAPTER_REPORT:
+            if (size != sizeof(ADAPTER_REPORT)) return complete(irp, STATUS_INFO_LENGTH_MISMATCH);
+            return complete(irp, report(input));
+        default:
+            return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    }
 }
 
 static NTSTATUS NTAPI dispatch_power(PDEVICE_OBJECT device, PIRP irp) {

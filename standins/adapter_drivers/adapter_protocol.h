@@ -21,4 +21,15 @@
 #define IOCTL_ADAPTER_PLUG CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS)
 #define IOCTL_ADAPTER_UNPLUG CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
+/** The Fennlink U3's driver writes a record into the System event log. Input: an ADAPTER_REPORT. No output.
+ */
+#define IOCTL_ADAPTER_REPORT CTL_CODE(FILE_DEVICE_UNKNOWN, 0x802, METHOD_BUFFERED, FILE_ANY_ACCESS)
+
+#define ADAPTER_REPORT_TEXT 64
+
+typedef struct {
+    unsigned int severity;             /**< 1 information, 2 warning, 3 error */
+    wchar_t text[ADAPTER_REPORT_TEXT]; /**< what happened, zero-terminated */
+} ADAPTER_REPORT;
+
 #endif

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ int Usage() {
         L"  uninstall [MODEL|all]      removes them\n"
         L"  plug MODEL [PORT]          plugs an adapter into port 0 or 1\n"
         L"  unplug MODEL [PORT]        takes it out\n"
+        L"  report MODEL SEVERITY TEXT has the driver write into the System event log; SEVERITY is\n"
+        L"                             error, warning or information, MODEL FennlinkU3\n"
         L"  status [--json]            shows what is installed and plugged in\n"
         L"\n"
         L"MODEL is NX4120 or FennlinkU3.\n",
@@ -74,6 +77,15 @@ int PlugOrUnplug(bool plug, const std::wstring& name, const std::wstring& portTe
     return kSuccess;
 }
 
+int Report(const std::wstring& name, const std::wstring& severity, const std::wstring& text) {
+    const auto models = Selected(name);
+    const std::vector<std::wstring> severities = {L"information", L"warning", L"error"};
+    const auto found = std::ranges::find(severities, severity);
+    if (models.size() != 1 || found == severities.end()) return Usage();
+    adapter_control::Report(*models[0], static_cast<DWORD>(found - severities.begin()) + 1, text);
+    return kSuccess;
+}
+
 std::wstring JsonText(const std::wstring& text) {
     std::wstring json = L"\"";
     for (const wchar_t c : text) {
@@ -123,6 +135,8 @@ int Run(const std::vector<std::wstring>& arguments) {
         return InstallOrUninstall(command == L"install", argument(1, L"all"));
     if ((command == L"plug" || command == L"unplug") && arguments.size() >= 2)
         return PlugOrUnplug(command == L"plug", arguments[1], argument(2, L"0"));
+    if (command == L"report" && arguments.size() == 4)
+        return Report(arguments[1], arguments[2], arguments[3]);
     if (command == L"status") return argument(1, L"") == L"--json" ? StatusAsJson() : Status();
     return Usage();
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "machine_lock.h"
 #include "trace_session.h"
 #include "wine_gap.h"
 

@@ -2,29 +2,6 @@
 
 namespace wine_gap {
 
-MachineLock::MachineLock(const wchar_t* name) {
-    SECURITY_DESCRIPTOR everyone;
-    ::InitializeSecurityDescriptor(&everyone, SECURITY_DESCRIPTOR_REVISION);
-    ::SetSecurityDescriptorDacl(&everyone, TRUE, nullptr, FALSE);
-    SECURITY_ATTRIBUTES attributes = {sizeof attributes, &everyone, FALSE};
-    mutex_ = ::CreateMutexW(&attributes, FALSE, name);
-    if (mutex_ != nullptr) ::WaitForSingleObject(mutex_, INFINITE);
-}
-
-MachineLock::~MachineLock() {
-    if (mutex_ == nullptr) return;
-    ::ReleaseMutex(mutex_);
-    ::CloseHandle(mutex_);
-}
-
-std::wstring DataFolder() {
-    wchar_t windows[MAX_PATH] = {};
-    ::GetSystemWindowsDirectoryW(windows, MAX_PATH);
-    std::wstring folder = std::wstring(windows) + L"\\winegap";
-    ::CreateDirectoryW(folder.c_str(), nullptr);
-    return folder;
-}
-
 namespace {
 
 DWORD ReplaceAll(const std::vector<Replacement>& replacements) {
@@ -38,8 +15,9 @@ DWORD Start() {
     HMODULE self = nullptr;
     ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
                          reinterpret_cast<const wchar_t*>(&Start), &self);
-    for (const auto& replacements : {DeviceNotificationReplacements(), EventLogReplacements(),
-                                     TraceProviderReplacements(), TraceControllerReplacements()})
+    for (const auto& replacements :
+         {DeviceNotificationReplacements(), EventLogReplacements(), SessionReplacements(),
+          TraceProviderReplacements(), TraceControllerReplacements()})
         if (const DWORD result = ReplaceAll(replacements); result != ERROR_SUCCESS) return result;
     if (const DWORD result = StartDeviceNotifications(); result != ERROR_SUCCESS) return result;
     return StartTraceProviders();

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "data_folder.h"
 #include "replacement.h"
 
 namespace wine_gap {
@@ -14,25 +15,11 @@ DWORD StartDeviceNotifications();
 
 std::vector<Replacement> EventLogReplacements();
 
+std::vector<Replacement> SessionReplacements();
+
 std::vector<Replacement> TraceProviderReplacements();
 DWORD StartTraceProviders();
 
 std::vector<Replacement> TraceControllerReplacements();
-
-/// A folder of the machine for the stand-in's files, made if necessary.
-std::wstring DataFolder();
-
-/// Holds a machine-wide named mutex, which every user may open, for one scope. A holder that died does not
-/// matter.
-class MachineLock {
-  public:
-    explicit MachineLock(const wchar_t* name);
-    ~MachineLock();
-    MachineLock(const MachineLock&) = delete;
-    MachineLock& operator=(const MachineLock&) = delete;
-
-  private:
-    HANDLE mutex_;
-};
 
 }  // namespace wine_gap

@@ -78,7 +78,9 @@ Service::Service(ServiceCollaborators collaborators)
     : cps_(std::move(collaborators.models)),
       settings_(std::move(collaborators.settings)),
       instanceLock_(std::move(collaborators.instanceLock)),
-      deviceNotifier_(std::move(collaborators.deviceNotifier)) {
+      deviceNotifier_(std::move(collaborators.deviceNotifier)),
+      eventLogMonitor_(std::move(collaborators.eventLogMonitor)),
+      sleep_(std::move(collaborators.sleep)) {
     FUNCTION_TRACE();
     ::InitializeCriticalSection(&lock_);
     status_.dwCheckPoint = 1;
@@ -92,6 +94,8 @@ Service::~Service() {
     } catch (...) {
         MODUL_FAIL("EXCEPTION in DTOR!");
     }
+    // A thread that is still there cannot be joined, nor may its object be destroyed as it is.
+    if (evMonTh_ != nullptr && evMonTh_->joinable()) evMonTh_->detach();
     ::DeleteCriticalSection(&lock_);
 }
 
@@ -147,6 +151,7 @@ DWORD Service::Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBA
         }
         if (!CheckSingleInstanceAndRegisterDeviceNotification()) return 0;
         CreateSharedMemoryAndMutexForCpIpc();
+        StartEventLogMonitor();
         StartPnpThreadPool();
         return 1;
     } catch (const std::exception& error) {
@@ -179,6 +184,19 @@ void Service::CreateSharedMemoryAndMutexForCpIpc() {
     MODUL_ASSERT_AT(584, cpEnv_ == nullptr);
     ReportStatus();
     cpEnv_ = std::make_unique<CpEnvironment>();
+}
+
+void Service::StartEventLogMonitor() {
+    FUNCTION_TRACE();
+    constexpr DWORD kStartTimeOutMs = 2500;
+    MODUL_ASSERT_AT(547, evMonTh_ == nullptr);
+    ReportStatus();
+    evMonTh_ = std::make_unique<std::thread>([monitor = eventLogMonitor_, ended = evMonEnded_] {
+        monitor->Run();
+        *ended = true;
+    });
+    if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs))
+        MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
 }
 
 void Service::StartPnpThreadPool() {
@@ -241,6 +259,9 @@ void Service::InternalCleanup(bool failSafe, bool rollBack) {
         StopPnpThreadPool(failSafe);
         cpEnv_.reset();
         deviceNotifier_->Cleanup();
+        if (evMonTh_ == nullptr) return;
+        StopEventLogMonitor(failSafe, rollBack);
+        DeleteMonitorThread(failSafe);
         CloseHandleSlot();
     } catch (const modul_exception::CWindowsApiExcp& error) {
         TRACE_ERROR(21, "Clean-up ends: %s", error.what());
@@ -257,6 +278,39 @@ void Service::StopPnpThreadPool(bool failSafe) {
         return;
     }
     const std::unique_ptr<DeviceMonitor> stopped(pnpExec_.exchange(nullptr));
+}
+
+void Service::StopEventLogMonitor(bool failSafe, bool rollBack) {
+    FUNCTION_TRACE();
+    constexpr DWORD kStopTimeOutMs = 1000;
+    constexpr DWORD kTimeToLeaveMs = 2000;
+    eventLogMonitor_->Stop(failSafe);
+    if (!eventLogMonitor_->WaitBlockingForStateChange(kStopTimeOutMs)) {
+        TRACE_ERROR(35, "The event-log monitor did not stop in %u ms", kStopTimeOutMs);
+        monitorReleased = true;
+    }
+    if (rollBack && !failSafe) ReportStatus();
+    sleep_(kTimeToLeaveMs);
+}
+
+void Service::DeleteMonitorThread(bool failSafe) {
+    FUNCTION_TRACE();
+    if (!failSafe && *evMonEnded_) {
+        evMonTh_->join();
+        evMonTh_.reset();
+        return;
+    }
+    TRACE_WARNING(36, "The event-log monitor's thread is still there");
+    eventLogMonitor_->Stop(true);
+    if (!failSafe) return;
+    // The library's code is about to go: release the monitor and let it leave that code. Its thread cannot
+    // end before the loader's lock is free, so it cannot be joined.
+    constexpr DWORD kStepMs = 50;
+    constexpr int kMostSteps = 10;
+    monitorReleased = true;
+    for (int i = 0; i < kMostSteps && !*evMonEnded_; ++i)
+        sleep_(kStepMs);
+    sleep_(kStepMs);  // for the last steps behind the body
 }
 
 void Service::CloseHandleSlot() {

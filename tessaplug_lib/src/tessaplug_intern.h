@@ -6,11 +6,13 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "tessaplug.h"
 #include "tessaplug_cp_environ.h"
 #include "tessaplug_database.h"
+#include "tessaplug_eventlog_monitor.h"
 #include "tessaplug_pnp.h"
 #include "win_interprocess.h"
 
@@ -22,6 +24,8 @@ struct ServiceCollaborators {
     std::shared_ptr<ServiceDbIf> settings = ServiceDbIf::create_database();
     std::shared_ptr<interprocess::CSystemMutex> instanceLock = std::make_shared<interprocess::CSystemMutex>();
     std::shared_ptr<DeviceNotifier> deviceNotifier = std::make_shared<DeviceNotifier>();
+    std::shared_ptr<EventLogMonitor> eventLogMonitor = std::make_shared<EventLogMonitor>();
+    std::function<void(DWORD)> sleep = [](DWORD milliseconds) { ::Sleep(milliseconds); };
 };
 
 /// The plug-in behind its exports. One for each process: its start is refused when it was started before,
@@ -29,7 +33,8 @@ struct ServiceCollaborators {
 class Service {
   public:
     explicit Service(ServiceCollaborators collaborators = {});
-    /// The fail-safe clean-up of library unload: threads are neither stopped nor waited for.
+    /// The fail-safe clean-up of library unload: no thread is joined. The request worker is left alone, the
+    /// event-log monitor is asked to leave.
     ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -48,11 +53,14 @@ class Service {
     DWORD Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback, void* hostContext);
     bool CheckSingleInstanceAndRegisterDeviceNotification();
     void CreateSharedMemoryAndMutexForCpIpc();
+    void StartEventLogMonitor();
     void StartPnpThreadPool();
     void ReportStatus();
     void RollBackInitialization();
     void InternalCleanup(bool failSafe, bool rollBack);
     void StopPnpThreadPool(bool failSafe);
+    void StopEventLogMonitor(bool failSafe, bool rollBack);
+    void DeleteMonitorThread(bool failSafe);
     void CloseHandleSlot();
     void ForgetHost();
 
@@ -72,6 +80,11 @@ class Service {
     std::shared_ptr<ServiceDbIf> settings_;
     std::shared_ptr<interprocess::CSystemMutex> instanceLock_;
     std::shared_ptr<DeviceNotifier> deviceNotifier_;
+    std::shared_ptr<EventLogMonitor> eventLogMonitor_;
+    std::function<void(DWORD)> sleep_;
+    std::unique_ptr<std::thread> evMonTh_;
+    // Whether the body of evMonTh_ has returned; shared with it.
+    std::shared_ptr<std::atomic<bool>> evMonEnded_ = std::make_shared<std::atomic<bool>>(false);
     std::unique_ptr<CpEnvironment> cpEnv_;
     // Owned. Atomic, as the host's control handler looks at it while init or cleanup runs.
     std::atomic<DeviceMonitor*> pnpExec_ = nullptr;

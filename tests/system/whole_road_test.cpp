@@ -74,10 +74,11 @@ TEST_F(Station, ServiceReportsItsStatesInOrder) {
 
     EXPECT_TRUE(std::regex_search(
         HostLog(),
-        std::regex("START_PENDING  check point 1,[^]*START_PENDING  check point 2, wait hint 3000 ms[^]*"
-                   "START_PENDING  check point 3,[^]*START_PENDING  check point 4,[^]*"
-                   "START_PENDING  check point 5,[^]*RUNNING  [^]*STOP_PENDING [^]*"
-                   "plug-in is unloaded[^]*STOPPED  ")))
+        std::regex(
+            "START_PENDING  check point 1,[^]*START_PENDING  check point 2, wait hint 3000 ms[^]*"
+            "START_PENDING  check point 3,[^]*START_PENDING  check point 4,[^]*"
+            "START_PENDING  check point 5,[^]*START_PENDING  check point 6,[^]*RUNNING  [^]*STOP_PENDING [^]*"
+            "plug-in is unloaded[^]*STOPPED  ")))
         << HostLog();
 }
 

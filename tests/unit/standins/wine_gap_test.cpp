@@ -1,14 +1,18 @@
 #include <windows.h>
 #include <evntcons.h>
 #include <evntrace.h>
+#include <wtsapi32.h>
 
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "command.h"
+#include "event_log_file.h"
+#include "message_window.h"
 #include "wine_gap_loader.h"
 
 // What the stand-in adds to Wine, through the functions' imports of this program, as its users have them.
@@ -257,6 +261,185 @@ TEST_F(WineGap, SmallBufferIsToldWhatItNeeds) {
     EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
     EXPECT_GT(needed, sizeof(EVENTLOGRECORD));
     ::CloseEventLog(log);
+}
+
+namespace {
+
+/// A log of its own for each test.
+class EventLogOfTheTest : public WineGap {
+  protected:
+    EventLogOfTheTest() { file_.Clear(); }
+    ~EventLogOfTheTest() override {
+        ::CloseEventLog(log_);
+        ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey);
+    }
+    static wine_gap::Event EventOf(const std::wstring& text) { return {L"test", 1, 0, 0x100, {text}, {}}; }
+    void Append(DWORD count) { EXPECT_EQ(file_.Append(std::vector(count, EventOf(L"text"))), 0u); }
+    /// Numbers of the records that one read delivers.
+    std::vector<DWORD> Read(DWORD flags, DWORD offset = 0) {
+        std::vector<BYTE> buffer(0x10000);
+        DWORD read = 0;
+        DWORD needed = 0;
+        std::vector<DWORD> numbers;
+        ::SetLastError(0);
+        if (!::ReadEventLogW(log_, flags | EVENTLOG_FORWARDS_READ, offset, buffer.data(), 0x10000, &read,
+                             &needed))
+            return {};
+        for (DWORD at = 0; at < read;) {
+            const auto* record = reinterpret_cast<const EVENTLOGRECORD*>(buffer.data() + at);
+            numbers.push_back(record->RecordNumber);
+            at += record->Length;
+        }
+        return numbers;
+    }
+    DWORD Count() {
+        DWORD count = 0;
+        ::GetNumberOfEventLogRecords(log_, &count);
+        return count;
+    }
+    DWORD Oldest() {
+        DWORD oldest = 0;
+        ::GetOldestEventLogRecord(log_, &oldest);
+        return oldest;
+    }
+
+    static constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\WineGapTest";
+    const wine_gap::EventLogFile file_{L"WineGapTest"};
+    HANDLE log_ = ::OpenEventLogW(nullptr, L"WineGapTest");
+};
+
+}  // namespace
+
+TEST_F(EventLogOfTheTest, SeeksToAnyRecordAndReadsOnFromThere) {
+    Append(5);
+    ::CloseEventLog(log_);
+    log_ = ::OpenEventLogW(nullptr, L"WineGapTest");
+    EXPECT_EQ(Read(EVENTLOG_SEEK_READ, 3), (std::vector<DWORD>{3, 4, 5}));
+    EXPECT_EQ(Read(EVENTLOG_SEQUENTIAL_READ), (std::vector<DWORD>{}));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_HANDLE_EOF));
+    Append(1);
+    EXPECT_EQ(Read(EVENTLOG_SEQUENTIAL_READ), (std::vector<DWORD>{6}));
+    EXPECT_EQ(Read(EVENTLOG_SEEK_READ, 6), (std::vector<DWORD>{6}));
+    for (const DWORD absent : {DWORD{0}, DWORD{7}, DWORD{0xFFFFFFFF}}) {
+        EXPECT_TRUE(Read(EVENTLOG_SEEK_READ, absent).empty());
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+}
+
+TEST_F(EventLogOfTheTest, EmptyLogHasNoOldestRecord) {
+    EXPECT_EQ(Count(), 0u);
+    EXPECT_EQ(Oldest(), 0u);
+}
+
+TEST_F(EventLogOfTheTest, OlderHalfIsDroppedAtTheLimitAndReadersGoOn) {
+    const DWORD limit = 20000;
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize", REG_DWORD, &limit, sizeof limit);
+    ::CloseEventLog(log_);
+    Append(1);
+    log_ = ::OpenEventLogW(nullptr, L"WineGapTest");
+    EXPECT_EQ(Read(EVENTLOG_SEQUENTIAL_READ), (std::vector<DWORD>{1}));
+    for (int i = 0; i < 500; ++i)
+        Append(1);
+    EXPECT_LT(Count(), 250u);
+    EXPECT_GT(Count(), 50u);
+    EXPECT_EQ(Oldest() + Count() - 1, 501u) << "numbers go on";
+    const std::vector<DWORD> numbers = Read(EVENTLOG_SEQUENTIAL_READ);
+    EXPECT_EQ(numbers.front(), Oldest());
+    EXPECT_EQ(numbers.back(), 501u);
+}
+
+TEST_F(EventLogOfTheTest, ReaderIsToldThatTheLogWasCleared) {
+    ::CloseEventLog(log_);
+    log_ = ::OpenEventLogW(nullptr, L"WineGapTest");
+    Append(3);
+    EXPECT_FALSE(::ClearEventLogW(log_, L"backup.evt"));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
+    EXPECT_TRUE(::ClearEventLogW(log_, nullptr));
+    EXPECT_EQ(Count(), 0u);
+    Append(1);
+    EXPECT_EQ(Oldest(), 1u) << "numbers start again";
+    EXPECT_TRUE(Read(EVENTLOG_SEQUENTIAL_READ).empty());
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_EVENTLOG_FILE_CHANGED));
+}
+
+TEST_F(EventLogOfTheTest, EveryChangeIsNotified) {
+    const HANDLE changed = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    const auto notified = [changed] { return ::WaitForSingleObject(changed, 10000) == WAIT_OBJECT_0; };
+    ASSERT_TRUE(::NotifyChangeEventLog(log_, changed));
+    EXPECT_EQ(::WaitForSingleObject(changed, 200), static_cast<DWORD>(WAIT_TIMEOUT));
+    Append(1);
+    EXPECT_TRUE(notified());
+    Append(1);
+    EXPECT_TRUE(notified());
+    ::ClearEventLogW(log_, nullptr);
+    EXPECT_TRUE(notified());
+    WriteEvent(L"in another log");
+    EXPECT_EQ(::WaitForSingleObject(changed, 200), static_cast<DWORD>(WAIT_TIMEOUT));
+    ::CloseEventLog(log_);
+    Append(1);
+    EXPECT_EQ(::WaitForSingleObject(changed, 200), static_cast<DWORD>(WAIT_TIMEOUT)) << "not after closing";
+    log_ = ::OpenEventLogW(nullptr, L"WineGapTest");
+    ::CloseHandle(changed);
+}
+
+TEST_F(EventLogOfTheTest, WritersOfSeveralThreadsLoseNothing) {
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 4; ++i)
+        writers.emplace_back([this] {
+            for (int n = 0; n < 50; ++n)
+                Append(1);
+        });
+    for (std::thread& writer : writers)
+        writer.join();
+    EXPECT_EQ(Count(), 200u);
+}
+
+TEST_F(WineGap, SessionsAreThoseOfTheRegistry) {
+    WTS_SESSION_INFOW* sessions = nullptr;
+    DWORD count = 0;
+    ASSERT_TRUE(::WTSEnumerateSessionsW(nullptr, 0, 1, &sessions, &count));
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(sessions[0].State, WTSActive);
+    ::WTSFreeMemory(sessions);
+
+    constexpr wchar_t kSessions[] =
+        L"4 disconnected\0"
+        L"9 active\0";
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions", REG_MULTI_SZ, kSessions,
+                      sizeof kSessions);
+    ASSERT_TRUE(::WTSEnumerateSessionsW(nullptr, 0, 1, &sessions, &count));
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(sessions[0].SessionId, 4u);
+    EXPECT_EQ(sessions[0].State, WTSDisconnected);
+    EXPECT_EQ(sessions[1].SessionId, 9u);
+    EXPECT_EQ(sessions[1].State, WTSActive);
+    ::WTSFreeMemory(sessions);
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions");
+}
+
+TEST_F(WineGap, MessageBoxOfASessionIsAWindowAndReturnsTheAnswer) {
+    wchar_t title[] = L"wine_gap_test";
+    wchar_t message[] = L"Is this seen?";
+    DWORD response = 0;
+    std::thread user([&] {
+        const HWND box = test_support::WaitForMessageBox(title);
+        EXPECT_EQ(test_support::MessageOf(box), message);
+        EXPECT_TRUE(test_support::Answer(box, IDNO));
+    });
+    EXPECT_TRUE(::WTSSendMessageW(nullptr, 1, title, sizeof title - 2, message, sizeof message - 2, MB_YESNO,
+                                  0, &response, TRUE));
+    user.join();
+    EXPECT_EQ(response, static_cast<DWORD>(IDNO));
+}
+
+TEST_F(WineGap, MessageBoxWithATimeOutEndsByItself) {
+    wchar_t text[] = L"wine_gap_test";
+    DWORD response = 0;
+    EXPECT_TRUE(::WTSSendMessageW(nullptr, 1, text, sizeof text - 2, text, sizeof text - 2, MB_OK, 1,
+                                  &response, TRUE));
+    EXPECT_EQ(response, 32000u);
+    EXPECT_FALSE(::WTSSendMessageW(nullptr, 77, text, 2, text, 2, MB_OK, 0, &response, TRUE));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_CTX_WINSTATION_NOT_FOUND));
 }
 
 TEST_F(WineGap, UnknownServiceHandleGetsNoDeviceNotifications) {

@@ -152,7 +152,7 @@ TEST(PlugInImports, AreWindowsOwnLibrariesOnly) {
     const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
     const auto* import = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(
         base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
-    const std::vector<std::string> windowsOwn = {"ADVAPI32.dll", "KERNEL32.dll", "msvcrt.dll",
+    const std::vector<std::string> windowsOwn = {"ADVAPI32.dll", "KERNEL32.dll", "msvcrt.dll", "OLEAUT32.dll",
                                                  "ole32.dll",    "SHELL32.dll",  "USER32.dll"};
     int count = 0;
     for (; import->Name != 0; ++import, ++count) {

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -66,6 +68,55 @@ class FakeNotifier : public tessaplug::DeviceNotifier {
     UniqueKernelHandle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 };
 
+/// A log that waits until it is cancelled.
+class QuietLog : public operating_system::EventLog {
+  public:
+    QuietLog() : EventLog(L"System") {}
+    void Open() override {}
+    void Close() override {}
+    std::vector<std::byte> BlockingRead() override {
+        ::WaitForSingleObject(cancelled_.get(), INFINITE);
+        return {};
+    }
+    void CancelRead() override { ::SetEvent(cancelled_.get()); }
+
+  private:
+    UniqueKernelHandle cancelled_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+};
+
+/// A monitor that can be told not to report its changes of state, and to hang.
+class FakeMonitor : public tessaplug::EventLogMonitor {
+  public:
+    FakeMonitor() : EventLogMonitor(Quiet()) {}
+    DWORD Run() override {
+        const DWORD result = EventLogMonitor::Run();
+        while (hang)
+            ::Sleep(10);
+        return result;
+    }
+    void Stop(bool stopFlag) override {
+        stops.push_back(stopFlag);
+        EventLogMonitor::Stop(stopFlag);
+    }
+    bool WaitBlockingForStateChange(DWORD timeout) override {
+        timeouts.push_back(timeout);
+        const bool changed = EventLogMonitor::WaitBlockingForStateChange(10000);
+        return changed && !silent;
+    }
+
+    std::atomic<bool> hang = false;
+    bool silent = false;
+    std::vector<bool> stops;
+    std::vector<DWORD> timeouts;
+
+  private:
+    static tessaplug::EventLogMonitorCollaborators Quiet() {
+        tessaplug::EventLogMonitorCollaborators collaborators;
+        collaborators.eventLog = std::make_unique<QuietLog>();
+        return collaborators;
+    }
+};
+
 /// What the host was told.
 struct Host {
     std::vector<SERVICE_STATUS> reports;
@@ -80,6 +131,11 @@ class ServiceTest : public testing::Test {
         tessaplug::ServiceCollaborators collaborators;
         collaborators.settings = settings_;
         collaborators.deviceNotifier = notifier_;
+        collaborators.eventLogMonitor = monitor_;
+        collaborators.sleep = [this](DWORD milliseconds) {
+            sleeps_.push_back(milliseconds);
+            ::Sleep(50);  // enough for what does not hang
+        };
         return collaborators;
     }
     DWORD Init() { return service_->init(0x00010001, kStatusHandle, &Host::Callback, &host_, 0); }
@@ -89,6 +145,8 @@ class ServiceTest : public testing::Test {
     Host host_;
     std::shared_ptr<TestSettings> settings_ = std::make_shared<TestSettings>();
     std::shared_ptr<FakeNotifier> notifier_ = std::make_shared<FakeNotifier>();
+    std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
+    std::vector<DWORD> sleeps_;
     std::unique_ptr<Service> service_ = std::make_unique<Service>(Collaborators());
 };
 
@@ -123,7 +181,7 @@ TEST_F(ServiceTest, BadArgumentsAreRefusedAndStartNothing) {
 TEST_F(ServiceTest, StartReportsProgressBeforeEveryStep) {
     ASSERT_EQ(Init(), 1u);
 
-    ASSERT_EQ(host_.reports.size(), 4u);
+    ASSERT_EQ(host_.reports.size(), 5u);
     for (std::size_t i = 0; i < host_.reports.size(); ++i) {
         EXPECT_EQ(host_.reports[i].dwCurrentState, static_cast<DWORD>(SERVICE_START_PENDING));
         EXPECT_EQ(host_.reports[i].dwCheckPoint, 2 + i);
@@ -210,6 +268,53 @@ TEST_F(ServiceTest, FailedFirstStepIsRolledBack) {
     EXPECT_EQ(notifier_->cleanups, 1);
 }
 
+TEST_F(ServiceTest, MonitorIsStartedAndStopped) {
+    ASSERT_EQ(Init(), 1u);
+    EXPECT_EQ(monitor_->timeouts, (std::vector<DWORD>{2500}));
+    service_->cleanup();
+    EXPECT_EQ(monitor_->timeouts, (std::vector<DWORD>{2500, 1000}));
+    EXPECT_EQ(monitor_->stops, (std::vector<bool>{false}));
+    EXPECT_EQ(sleeps_, (std::vector<DWORD>{2000}));
+    EXPECT_FALSE(tessaplug::monitorReleased);
+    EXPECT_EQ(host_.reports.size(), 5u) << "a normal stop reports nothing";
+}
+
+TEST_F(ServiceTest, MonitorThatDoesNotReportItsStartRollsTheStartBack) {
+    monitor_->silent = true;
+
+    EXPECT_EQ(Init(), 0u);
+
+    ASSERT_EQ(host_.reports.size(), 6u) << "four steps, the roll-back, and the monitor's stop";
+    EXPECT_EQ(host_.reports.back().dwCheckPoint, 7u);
+    EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kStartFailed}));
+    EXPECT_FALSE(Exists(kNx4120Mutex));
+    EXPECT_TRUE(tessaplug::monitorReleased) << "its stop was not reported in time";
+    EXPECT_EQ(sleeps_, (std::vector<DWORD>{2000}));
+}
+
+TEST_F(ServiceTest, MonitorThatHangsIsAskedAgainAndLeft) {
+    ASSERT_EQ(Init(), 1u);
+    monitor_->hang = true;
+    service_->cleanup();
+    EXPECT_EQ(monitor_->stops, (std::vector<bool>{false, true}));
+    monitor_->hang = false;
+    service_->cleanup();
+    EXPECT_EQ(monitor_->stops, (std::vector<bool>{false, true, false})) << "the next clean-up finds it ended";
+    service_->cleanup();
+    EXPECT_EQ(monitor_->stops.size(), 3u);
+}
+
+TEST_F(ServiceTest, FailSafeReleasesTheMonitorAndDoesNotJoinIt) {
+    const auto destroyWithoutCleanup = [this] {
+        const bool started = Init() == 1;
+        service_.reset();
+        const bool asExpected = monitor_->stops == std::vector<bool>{true, true} &&
+                                tessaplug::monitorReleased && sleeps_.front() == 2000;
+        std::_Exit(started && asExpected ? 0 : 1);
+    };
+    EXPECT_EXIT(destroyWithoutCleanup(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ServiceTest, MissingModelsAreAsserted) {
     auto collaborators = Collaborators();
     collaborators.models.clear();
@@ -242,7 +347,8 @@ TEST_F(ServiceTest, ExceptionInTheFailSafeCleanupIsAsserted) {
 
 TEST_F(ServiceTest, WholeCyclesLeaveNothingButTheirInstanceLocks) {
     const auto cycle = [this] {
-        tessaplug::ServiceCollaborators collaborators;  // all real
+        tessaplug::ServiceCollaborators collaborators;  // all real, but for the time to leave
+        collaborators.sleep = [](DWORD) { ::Sleep(50); };
         collaborators.settings = std::make_shared<TestSettings>();
         Service service(std::move(collaborators));
         ASSERT_EQ(service.init(0x00010001, kStatusHandle, &Host::Callback, &host_, 0), 1u);

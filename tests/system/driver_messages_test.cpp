@@ -1,0 +1,117 @@
+#include <windows.h>
+
+#include <gtest/gtest.h>
+#include <string>
+
+#include "event_log_file.h"
+#include "message_window.h"
+#include "station.h"
+
+// From the adapter's driver to the person at the screen: the driver's record, the System event log, the plug-in's
+// monitor and a window on the display of the machine.
+namespace {
+
+using adapter_control::Report;
+using test_support::Answer;
+using test_support::FindMessageBox;
+using test_support::MessageOf;
+using test_support::RunCommand;
+using test_support::WaitForMessageBox;
+
+constexpr wchar_t kTitle[] = L"fenlu3";
+enum Severity : DWORD { kInformation = 1, kWarning = 2, kError = 3 };
+
+class DriverMessages : public system_tests::Station {
+  protected:
+    ~DriverMessages() override {
+        while (HWND box = FindMessageBox(kTitle))
+            if (!Answer(box)) break;
+    }
+    void ReportFromDriver(Severity severity, const std::wstring& text) { Report(fennlinkU3_, severity, text); }
+    /// The next box says `text`, and is answered.
+    static void ExpectBox(const std::wstring& text) {
+        const HWND box = WaitForMessageBox(kTitle);
+        ASSERT_NE(box, nullptr);
+        EXPECT_EQ(MessageOf(box), L"The adapter Fennlink U3 (\\Device\\TessaAdapterFenlu3) has failed: " + text + L"\r\n");
+        EXPECT_TRUE(Answer(box));
+    }
+    static void ExpectNoBox() {
+        ::Sleep(500);
+        EXPECT_EQ(FindMessageBox(kTitle), nullptr);
+    }
+
+    const wine_gap::EventLogFile systemLog_{L"System"};
+};
+
+}  // namespace
+
+TEST_F(DriverMessages, ErrorIsShownOnceInWords) {
+    StartService();
+    ReportFromDriver(kInformation, L"all is well");
+    ReportFromDriver(kWarning, L"a little warm");
+    ReportFromDriver(kError, L"no bus voltage");
+    ExpectBox(L"no bus voltage");
+    ExpectNoBox();
+}
+
+TEST_F(DriverMessages, WarningAndInformationShowNothing) {
+    StartService();
+    ReportFromDriver(kInformation, L"all is well");
+    ReportFromDriver(kWarning, L"a little warm");
+    ExpectNoBox();
+}
+
+TEST_F(DriverMessages, ErrorsFromBeforeTheStartAreNotShown) {
+    ReportFromDriver(kError, L"yesterday");
+    StartService();
+    ExpectNoBox();
+}
+
+TEST_F(DriverMessages, ErrorsWaitUntilTheBoxBeforeIsAnswered) {
+    StartService();
+    ReportFromDriver(kError, L"first");
+    ASSERT_NE(WaitForMessageBox(kTitle), nullptr);
+    ReportFromDriver(kError, L"second");
+    ReportFromDriver(kError, L"third");
+    ExpectBox(L"first");
+    ExpectBox(L"second");
+    ExpectBox(L"third");
+    ExpectNoBox();
+}
+
+TEST_F(DriverMessages, FloodOfOtherRecordsHidesNothing) {
+    StartService();
+    wine_gap::Event foreign;
+    foreign.source = L"somebody";
+    foreign.type = EVENTLOG_ERROR_TYPE;
+    const std::vector<wine_gap::Event> flood(3000, foreign);
+    for (int i = 0; i < 5; ++i)  // wraps the log
+        ASSERT_EQ(systemLog_.Append(flood), static_cast<DWORD>(ERROR_SUCCESS));
+    ReportFromDriver(kError, L"in the flood");
+    ASSERT_EQ(systemLog_.Append(flood), static_cast<DWORD>(ERROR_SUCCESS));
+    ExpectBox(L"in the flood");
+}
+
+TEST_F(DriverMessages, ClearedLogIsWatchedOn) {
+    StartService();
+    ASSERT_EQ(systemLog_.Clear(), static_cast<DWORD>(ERROR_SUCCESS));
+    ::Sleep(500);  // until the monitor has opened it again: what is written meanwhile counts as old
+    ReportFromDriver(kError, L"after clearing");
+    ExpectBox(L"after clearing");
+}
+
+TEST_F(DriverMessages, OpenBoxDoesNotKeepTheServiceFromStopping) {
+    StartService();
+    ReportFromDriver(kError, L"unanswered");
+    ASSERT_NE(WaitForMessageBox(kTitle), nullptr);
+    const ULONGLONG start = ::GetTickCount64();
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    EXPECT_LT(::GetTickCount64() - start, 10000u);
+}
+
+TEST_F(DriverMessages, StopIsSwift) {
+    StartService();
+    const ULONGLONG start = ::GetTickCount64();
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    EXPECT_LT(::GetTickCount64() - start, 3500u) << "two seconds are fixed";
+}

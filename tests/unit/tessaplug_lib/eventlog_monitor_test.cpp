@@ -1,0 +1,301 @@
+#include "tessaplug_eventlog_monitor.h"
+
+#include <atomic>
+#include <deque>
+#include <gtest/gtest.h>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "command.h"
+#include "event_record.h"
+#include "text_of.h"
+#include "windows_api_excp.h"
+
+using operating_system::EventLog;
+using operating_system::SystemMessageBox;
+using tessaplug::EventLogMonitor;
+using tessaplug::EventLogMonitorCollaborators;
+using tessaplug::monitorReleased;
+using test_support::EventRecord;
+using test_support::Eventually;
+using test_support::Joined;
+using test_support::TextOf;
+
+namespace {
+
+/// A log that delivers what the test appends and otherwise waits to be cancelled.
+class FakeLog : public EventLog {
+  public:
+    FakeLog() : EventLog(L"System") {}
+    ~FakeLog() override { ::CloseHandle(wake_); }
+
+    void Open() override {
+        if (failOpen) throw std::runtime_error("no log");
+        ++opened;
+    }
+    void Close() override { ++closed; }
+    std::vector<std::byte> BlockingRead() override {
+        ++reads;
+        if (returnNothing) return {};
+        ::WaitForSingleObject(wake_, INFINITE);
+        const std::lock_guard guard(lock_);
+        if (buffers_.empty()) return {};
+        auto buffer = std::move(buffers_.front());
+        buffers_.pop_front();
+        return buffer;
+    }
+    void CancelRead() override {
+        if (!ignoreCancel) ::SetEvent(wake_);
+    }
+    void Append(std::vector<std::byte> buffer) {
+        {
+            const std::lock_guard guard(lock_);
+            buffers_.push_back(std::move(buffer));
+        }
+        ::SetEvent(wake_);
+    }
+    void Wake() { ::SetEvent(wake_); }
+
+    std::atomic<bool> failOpen = false;
+    std::atomic<bool> returnNothing = false;
+    std::atomic<bool> ignoreCancel = false;
+    std::atomic<int> opened = 0;
+    std::atomic<int> closed = 0;
+    std::atomic<int> reads = 0;
+
+  private:
+    HANDLE wake_ = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    std::mutex lock_;
+    std::deque<std::vector<std::byte>> buffers_;
+};
+
+class FakeBox : public SystemMessageBox {
+  public:
+    DWORD Show(const wchar_t* title, const wchar_t* message, DWORD style) override {
+        if (fail) throw std::runtime_error("No Session is WTSActive");
+        EXPECT_EQ(style, 64u);
+        const std::lock_guard guard(lock_);
+        shown_.push_back(std::wstring(title) + L": " + message);
+        return IDOK;
+    }
+    std::vector<std::wstring> Shown() {
+        const std::lock_guard guard(lock_);
+        return shown_;
+    }
+    std::atomic<bool> fail = false;
+
+  private:
+    std::mutex lock_;
+    std::vector<std::wstring> shown_;
+};
+
+class FakeKernel32 : public windows_api::CKernel32 {
+  public:
+    HANDLE CreateEventW(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState,
+                        const wchar_t* name) override {
+        EXPECT_FALSE(manualReset);
+        EXPECT_EQ(name, nullptr);
+        if (!refuseEvent) return CKernel32::CreateEventW(security, manualReset, initialState, name);
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+    }
+    DWORD WaitForSingleObject(HANDLE handle, DWORD timeout) override {
+        if (waitResult == 0) return CKernel32::WaitForSingleObject(handle, timeout);
+        ::SetLastError(ERROR_INVALID_HANDLE);
+        return waitResult;
+    }
+    bool refuseEvent = false;
+    DWORD waitResult = 0;
+};
+
+class Monitor : public testing::Test {
+  protected:
+    Monitor() {
+        EventLogMonitorCollaborators collaborators;
+        auto log = std::make_unique<FakeLog>();
+        auto box = std::make_unique<FakeBox>();
+        log_ = log.get();
+        box_ = box.get();
+        collaborators.eventLog = std::move(log);
+        collaborators.messageBox = std::move(box);
+        collaborators.kernel32 = kernel32_;
+        monitor_ = std::make_unique<EventLogMonitor>(std::move(collaborators));
+    }
+    ~Monitor() override {
+        monitorReleased = true;
+        log_->Wake();
+        if (thread_.joinable()) thread_.join();
+    }
+    void Start() {
+        thread_ = std::thread([this] { result_ = monitor_->Run(); });
+        ASSERT_TRUE(monitor_->WaitBlockingForStateChange(10000));
+    }
+    void StopAndJoin() {
+        monitor_->Stop(false);
+        EXPECT_TRUE(monitor_->WaitBlockingForStateChange(10000));
+        thread_.join();
+    }
+    static std::vector<std::byte> Record(WORD type, const std::wstring& source = L"fenlu3") {
+        EventRecord record;
+        record.source = source;
+        record.type = type;
+        record.id = 0xC0040999;  // which has no text
+        return record.Bytes();
+    }
+
+    FakeLog* log_ = nullptr;
+    FakeBox* box_ = nullptr;
+    std::shared_ptr<FakeKernel32> kernel32_ = std::make_shared<FakeKernel32>();
+    std::unique_ptr<EventLogMonitor> monitor_;
+    std::thread thread_;
+    std::atomic<DWORD> result_ = 99;
+};
+
+/// The monitor reads texts from the driver's file in the system folder.
+class MonitorWithDriver : public Monitor {
+  protected:
+    MonitorWithDriver() {
+        ::CreateDirectoryW(L"C:\\windows\\system32\\drivers", nullptr);
+        placed_ = ::CopyFileW((test_support::ProgramFolder() + L"fenlu3.sys").c_str(), kFile, TRUE);
+    }
+    ~MonitorWithDriver() override {
+        if (placed_) ::DeleteFileW(kFile);
+    }
+    static constexpr wchar_t kFile[] = L"C:\\windows\\system32\\drivers\\fenlu3.sys";
+
+  private:
+    BOOL placed_ = FALSE;  // not if the driver is installed
+};
+
+}  // namespace
+
+TEST_F(Monitor, StopEndsTheWaitAtOnceAndShowsNothing) {
+    Start();
+    const ULONGLONG start = ::GetTickCount64();
+    StopAndJoin();
+    EXPECT_LT(::GetTickCount64() - start, 500u);
+    EXPECT_TRUE(box_->Shown().empty());
+    EXPECT_EQ(log_->closed, 1);
+    EXPECT_EQ(result_, 0u);
+}
+
+TEST_F(Monitor, CanRunAgainAfterAStop) {
+    for (int i = 1; i <= 2; ++i) {
+        Start();
+        StopAndJoin();
+        EXPECT_EQ(log_->opened, i);
+    }
+}
+
+TEST_F(Monitor, StopWithoutARunOnlyTraces) {
+    monitor_->Stop(false);
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(0));
+}
+
+TEST_F(Monitor, SecondRunReturnsAtOnce) {
+    Start();
+    EXPECT_EQ(monitor_->Run(), 0u);
+    EXPECT_EQ(log_->opened, 1);
+    StopAndJoin();
+}
+
+TEST_F(MonitorWithDriver, EachErrorIsShownOnceAndNothingElseIs) {
+    Start();
+    log_->Append(Joined({Record(EVENTLOG_INFORMATION_TYPE), Record(EVENTLOG_WARNING_TYPE),
+                         Record(EVENTLOG_ERROR_TYPE, L"other"), Record(EVENTLOG_AUDIT_FAILURE),
+                         Record(EVENTLOG_ERROR_TYPE), Record(EVENTLOG_ERROR_TYPE)}));
+    const std::wstring text = L"fenlu3: ERROR: NO STRING FOR EVENT ID";
+    EXPECT_TRUE(Eventually([&] { return box_->Shown().size() >= 2; }));
+    StopAndJoin();
+    EXPECT_EQ(box_->Shown(), (std::vector<std::wstring>{text, text}));
+}
+
+TEST_F(Monitor, MalformedRecordsAreSurvived) {
+    Start();
+    std::vector<std::byte> damaged = Record(EVENTLOG_ERROR_TYPE);
+    damaged.resize(damaged.size() - 3);
+    log_->Append(damaged);
+    EXPECT_TRUE(Eventually([&] { return log_->reads >= 2; })) << "it reads on";
+    StopAndJoin();
+}
+
+TEST_F(Monitor, FailedReadsAreRepeatedWithAPause) {
+    log_->returnNothing = true;
+    Start();
+    ::Sleep(500);
+    EXPECT_LE(log_->reads, 2);
+    const ULONGLONG start = ::GetTickCount64();
+    StopAndJoin();
+    EXPECT_LT(::GetTickCount64() - start, 500u) << "a pause does not hold up the stop";
+}
+
+TEST_F(Monitor, FailureToOpenNeverSignals) {
+    log_->failOpen = true;
+    thread_ = std::thread([this] { result_ = monitor_->Run(); });
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(200));
+    EXPECT_TRUE(Eventually([&] { return result_ == 0; }));
+}
+
+TEST_F(MonitorWithDriver, FailingBoxEndsTheMonitorWithoutASignal) {
+    Start();
+    box_->fail = true;
+    log_->Append(Record(EVENTLOG_ERROR_TYPE));
+    EXPECT_TRUE(Eventually([&] { return result_ == 0; }));
+    monitor_->Stop(false);
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(200));
+    EXPECT_EQ(log_->closed, 0);
+}
+
+TEST_F(MonitorWithDriver, ReleasedMonitorDropsWhatItRead) {
+    Start();
+    log_->ignoreCancel = true;
+    monitor_->Stop(false);
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(100)) << "as the service finds one that hangs";
+    monitorReleased = true;
+    log_->Append(Record(EVENTLOG_ERROR_TYPE));
+    EXPECT_TRUE(monitor_->WaitBlockingForStateChange(10000));
+    EXPECT_TRUE(box_->Shown().empty());
+}
+
+TEST_F(Monitor, StopWithTheFlagWaitsToBeReleased) {
+    Start();
+    monitor_->Stop(true);
+    EXPECT_TRUE(monitor_->WaitBlockingForStateChange(10000)) << "the log is closed and the stop is told";
+    EXPECT_EQ(log_->closed, 1);
+    ::Sleep(300);
+    EXPECT_EQ(result_, 99u) << "it is still there";
+    monitorReleased = true;
+    EXPECT_TRUE(Eventually([&] { return result_ == 0; }));
+}
+
+TEST_F(Monitor, StartClearsTheRelease) {
+    monitorReleased = true;
+    Start();
+    EXPECT_FALSE(monitorReleased);
+    StopAndJoin();
+}
+
+TEST_F(Monitor, FailedWaitsAreTold) {
+    kernel32_->waitResult = WAIT_ABANDONED;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { monitor_->WaitBlockingForStateChange(1); }),
+              "WaitForSingleObject(EventLogMonitor) --> WAIT_ABANDONED");
+    kernel32_->waitResult = WAIT_FAILED;
+    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] { monitor_->WaitBlockingForStateChange(1); })
+                    .starts_with("FAILED! WaitForSingleObject(EventLogMonitor)! LE(6): "));
+    kernel32_->waitResult = WAIT_TIMEOUT;
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(1));
+}
+
+TEST_F(Monitor, RefusedEventIsTold) {
+    EventLogMonitorCollaborators collaborators;
+    collaborators.kernel32 = kernel32_;
+    kernel32_->refuseEvent = true;
+    const std::string text = TextOf<modul_exception::CWindowsApiExcp>(
+        [&] { const EventLogMonitor monitor(std::move(collaborators)); });
+    EXPECT_TRUE(text.starts_with("FAILED! CreateEventW()! LE(5): ")) << text;
+    EXPECT_TRUE(text.ends_with(" Hint: Insufficient rights?\n")) << text;
+}
