@@ -18,8 +18,7 @@ class SystemMessageBox {
     using WtsFactory = std::function<std::unique_ptr<windows_api::CWtsapi32>()>;
 
     /// @param loadWts makes the session library's wrapper when the first box is shown
-    explicit SystemMessageBox(
-        WtsFactory loadWts = [] { return std::make_unique<windows_api::CWtsapi32>(); });
+    explicit SystemMessageBox(WtsFactory loadWts = [] { return std::make_unique<windows_api::CWtsapi32>(); });
     virtual ~SystemMessageBox();
     SystemMessageBox(const SystemMessageBox&) = delete;
     SystemMessageBox& operator=(const SystemMessageBox&) = delete;

@@ -1,6 +1,6 @@
 /**
- * How a kernel driver leaves a record for the System event log where Wine has no error log for drivers. Plain C, for
- * the drivers and for the event log.
+ * How a kernel driver leaves a record for the System event log where Wine has no error log for drivers. Plain
+ * C, for the drivers and for the event log.
  */
 #ifndef ERROR_LOG_RECORD_H
 #define ERROR_LOG_RECORD_H

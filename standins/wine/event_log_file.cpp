@@ -9,8 +9,8 @@
 #include <memory>
 #include <utility>
 
-#include "error_log_record.h"
 #include "data_folder.h"
+#include "error_log_record.h"
 #include "machine_lock.h"
 
 namespace wine_gap {
@@ -25,7 +25,8 @@ constexpr wchar_t kLogsKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\
 
 using Bytes = std::vector<BYTE>;
 
-/// Begins every file. Offsets count from the log's first record ever; the file holds those from `base` to `end`.
+/// Begins every file. Offsets count from the log's first record ever; the file holds those from `base` to
+/// `end`.
 struct Header {
     DWORD signature = kFileSignature;
     LogState state;
@@ -40,8 +41,8 @@ struct FileCloser {
 using File = std::unique_ptr<void, FileCloser>;
 
 File OpenFile(const std::wstring& path, DWORD access, DWORD disposition) {
-    const HANDLE file = ::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, disposition,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE file = ::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     return File(file == INVALID_HANDLE_VALUE ? nullptr : file);
 }
 
@@ -49,8 +50,8 @@ bool ReadAt(HANDLE file, ULONGLONG offset, void* buffer, DWORD size) {
     LARGE_INTEGER at = {};
     at.QuadPart = static_cast<LONGLONG>(offset);
     DWORD read = 0;
-    return ::SetFilePointerEx(file, at, nullptr, FILE_BEGIN) && ::ReadFile(file, buffer, size, &read, nullptr) &&
-           read == size;
+    return ::SetFilePointerEx(file, at, nullptr, FILE_BEGIN) &&
+           ::ReadFile(file, buffer, size, &read, nullptr) && read == size;
 }
 
 bool WriteAt(HANDLE file, ULONGLONG offset, const void* data, std::size_t size) {
@@ -89,7 +90,8 @@ class LockedLog {
     explicit LockedLog(const std::wstring& log)
         : lock_(kLockName), log_(log), path_(DataFolder() + L"\\" + log + L".log") {
         file_ = OpenFile(path_, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-        if (!file_ || !ReadAt(file_.get(), 0, &header_, sizeof header_) || header_.signature != kFileSignature)
+        if (!file_ || !ReadAt(file_.get(), 0, &header_, sizeof header_) ||
+            header_.signature != kFileSignature)
             header_ = {};
         if (::_wcsicmp(log.c_str(), L"System") == 0) TakeKernelRecords();
     }
@@ -110,7 +112,8 @@ class LockedLog {
             AddRecord(event, changed, records);
         if (header_.end - header_.base + records.size() > MaxSize() && !DropOlderHalf(changed))
             return ERROR_DISK_FULL;
-        if (!WriteAt(file_.get(), sizeof(Header) + header_.end - header_.base, records.data(), records.size()))
+        if (!WriteAt(file_.get(), sizeof(Header) + header_.end - header_.base, records.data(),
+                     records.size()))
             return ERROR_DISK_FULL;
         return Commit(changed);
     }
@@ -125,8 +128,8 @@ class LockedLog {
     ULONGLONG MaxSize() const {
         DWORD limit = 0;
         DWORD size = sizeof limit;
-        return ::RegGetValueW(HKEY_LOCAL_MACHINE, (kLogsKey + log_).c_str(), L"MaxSize", RRF_RT_REG_DWORD, nullptr,
-                              &limit, &size) == ERROR_SUCCESS
+        return ::RegGetValueW(HKEY_LOCAL_MACHINE, (kLogsKey + log_).c_str(), L"MaxSize", RRF_RT_REG_DWORD,
+                              nullptr, &limit, &size) == ERROR_SUCCESS
                    ? limit
                    : kDefaultMaxSize;
     }
@@ -136,8 +139,10 @@ class LockedLog {
         if (!WriteAt(file_.get(), 0, &changed, sizeof changed)) return ERROR_DISK_FULL;
         header_ = changed;
         // Wakes the readers of all processes.
-        const ULONGLONG signal = (static_cast<ULONGLONG>(changed.state.generation) << 32) | changed.state.next;
-        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kEventLogChangesKey, log_.c_str(), REG_QWORD, &signal, sizeof signal);
+        const ULONGLONG signal =
+            (static_cast<ULONGLONG>(changed.state.generation) << 32) | changed.state.next;
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kEventLogChangesKey, log_.c_str(), REG_QWORD, &signal,
+                          sizeof signal);
         return ERROR_SUCCESS;
     }
 
@@ -173,15 +178,16 @@ class LockedLog {
     /// Takes over what kernel drivers have left.
     void TakeKernelRecords() {
         HKEY key = nullptr;
-        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKernelRecordsKey, 0, KEY_READ | KEY_WRITE, &key) != ERROR_SUCCESS)
+        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKernelRecordsKey, 0, KEY_READ | KEY_WRITE, &key) !=
+            ERROR_SUCCESS)
             return;
         std::map<std::wstring, ERROR_LOG_RECORD> records;  // in the order of their names
         wchar_t name[64] = {};
         DWORD length = ARRAYSIZE(name);
         ERROR_LOG_RECORD record = {};
         DWORD size = sizeof record;
-        for (DWORD i = 0; ::RegEnumValueW(key, i, name, &length, nullptr, nullptr, reinterpret_cast<BYTE*>(&record),
-                                          &size) == ERROR_SUCCESS;
+        for (DWORD i = 0; ::RegEnumValueW(key, i, name, &length, nullptr, nullptr,
+                                          reinterpret_cast<BYTE*>(&record), &size) == ERROR_SUCCESS;
              ++i, length = ARRAYSIZE(name), size = sizeof record)
             records.emplace(name, record);
         for (auto& [value, left] : records)
@@ -267,7 +273,8 @@ ReadPosition EventLogFile::Start() const {
 bool EventLogFile::Find(DWORD number, ReadPosition& position) const {
     const LockedLog log(log_);
     const Header& header = log.header();
-    if (header.state.Count() == 0 || number < header.state.oldest || number >= header.state.next) return false;
+    if (header.state.Count() == 0 || number < header.state.oldest || number >= header.state.next)
+        return false;
     position = {header.state.generation, header.newest};
     if (number == header.state.next - 1) return true;
     position.offset = header.base;

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-/// The classic event log's storage: one file for each log in %SystemRoot%\winegap, shared by all processes of the
-/// machine under one lock. Records are kept as ReadEventLogW returns them. A writer that is killed leaves what it had
-/// not finished outside of what the file's header tells, and the next one writes over it.
+/// The classic event log's storage: one file for each log in %SystemRoot%\winegap, shared by all processes of
+/// the machine under one lock. Records are kept as ReadEventLogW returns them. A writer that is killed leaves
+/// what it had not finished outside of what the file's header tells, and the next one writes over it.
 namespace wine_gap {
 
 /// What a writer reports.
@@ -40,7 +40,8 @@ class EventLogFile {
     /// @param log e.g. L"System"
     explicit EventLogFile(std::wstring log) : log_(std::move(log)) {}
 
-    /// Appends events. A log over its limit, the value MaxSize of its registry key or 1 MB, drops its older half.
+    /// Appends events. A log over its limit, the value MaxSize of its registry key or 1 MB, drops its older
+    /// half.
     /// @return a system error code
     DWORD Append(const std::vector<Event>& events) const;
     /// Drops all records; numbering starts again at 1.
@@ -51,9 +52,11 @@ class EventLogFile {
     /// The position in front of a record.
     /// @return false if there is no such record
     bool Find(DWORD number, ReadPosition& position) const;
-    /// Reads whole records from a position and moves it behind them. Records that were dropped meanwhile are skipped.
+    /// Reads whole records from a position and moves it behind them. Records that were dropped meanwhile are
+    /// skipped.
     /// @param needed size of the next record if not even one fits
-    /// @return ERROR_SUCCESS, ERROR_HANDLE_EOF, ERROR_INSUFFICIENT_BUFFER, or ERROR_EVENTLOG_FILE_CHANGED if the log
+    /// @return ERROR_SUCCESS, ERROR_HANDLE_EOF, ERROR_INSUFFICIENT_BUFFER, or ERROR_EVENTLOG_FILE_CHANGED if
+    /// the log
     ///         was cleared since the position was taken
     DWORD Read(ReadPosition& position, void* buffer, DWORD size, DWORD& read, DWORD& needed) const;
 
@@ -61,8 +64,8 @@ class EventLogFile {
     std::wstring log_;
 };
 
-/// The registry key, below HKEY_LOCAL_MACHINE, that changes with every change of a log. Kernel drivers leave their
-/// records in its subkey "Kernel", one value for each: error_log_record.h tells the layout.
+/// The registry key, below HKEY_LOCAL_MACHINE, that changes with every change of a log. Kernel drivers leave
+/// their records in its subkey "Kernel", one value for each: error_log_record.h tells the layout.
 inline constexpr wchar_t kEventLogChangesKey[] = L"SOFTWARE\\winegap\\EventLog";
 
 }  // namespace wine_gap

@@ -2,8 +2,9 @@
 
 #include <windows.h>
 
-/// How a program without a desktop has a message box shown: winegapbox.exe, started on the user's desktop, reads this
-/// and the two texts, without terminating zeros, from its standard input, shows the box and ends with the answer.
+/// How a program without a desktop has a message box shown: winegapbox.exe, started on the user's desktop,
+/// reads this and the two texts, without terminating zeros, from its standard input, shows the box and ends
+/// with the answer.
 namespace wine_gap {
 
 struct MessageBoxRequest {

@@ -10,16 +10,17 @@
 #include "message_box_request.h"
 #include "wine_gap.h"
 
-// The sessions of the machine and a message box in one of them. Wine has one desktop: whichever session is meant, the
-// box appears on the display of the machine, shown by a program of its own, as the caller may be a service.
+// The sessions of the machine and a message box in one of them. Wine has one desktop: whichever session is
+// meant, the box appears on the display of the machine, shown by a program of its own, as the caller may be a
+// service.
 //
-// The sessions are those of the registry value HKEY_LOCAL_MACHINE\SOFTWARE\winegap, Sessions, one text for each in the
-// form "1 active" or "2 disconnected"; without it there is one, number 1, active.
+// The sessions are those of the registry value HKEY_LOCAL_MACHINE\SOFTWARE\winegap, Sessions, one text for
+// each in the form "1 active" or "2 disconnected"; without it there is one, number 1, active.
 namespace wine_gap {
 namespace {
 
-constexpr DWORD kTimedOut = 32000;       // IDTIMEOUT
-constexpr DWORD kNotWaitedFor = 32001;   // IDASYNC
+constexpr DWORD kTimedOut = 32000;      // IDTIMEOUT
+constexpr DWORD kNotWaitedFor = 32001;  // IDASYNC
 
 struct HandleCloser {
     void operator()(HANDLE handle) const { ::CloseHandle(handle); }
@@ -35,8 +36,8 @@ wchar_t consoleName[] = L"Console";
 std::vector<WTS_SESSION_INFOW> Sessions() {
     wchar_t texts[1024] = {};
     DWORD size = sizeof texts - sizeof(wchar_t);
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions", RRF_RT_REG_MULTI_SZ, nullptr, texts,
-                       &size) != ERROR_SUCCESS)
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions", RRF_RT_REG_MULTI_SZ, nullptr,
+                       texts, &size) != ERROR_SUCCESS)
         return {{1, consoleName, WTSActive}};
     std::vector<WTS_SESSION_INFOW> sessions;
     for (const wchar_t* text = texts; *text != L'\0'; text += std::wcslen(text) + 1) {
@@ -72,8 +73,9 @@ void WINAPI FreeMemory(PVOID memory) {
 
 std::wstring ProgramBeside(const wchar_t* name) {
     HMODULE self = nullptr;
-    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                         reinterpret_cast<const wchar_t*>(&ProgramBeside), &self);
+    ::GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<const wchar_t*>(&ProgramBeside), &self);
     wchar_t path[MAX_PATH] = {};
     ::GetModuleFileNameW(self, path, MAX_PATH);
     std::wstring program(path);
@@ -120,7 +122,8 @@ BOOL WINAPI SendMessageToSession(HANDLE, DWORD session, LPWSTR title, DWORD titl
     }
     Handle input;
     const Handle process = StartOnDesktop(ProgramBeside(L"winegapbox.exe"), input);
-    const MessageBoxRequest request = {style, titleSize / DWORD{sizeof(wchar_t)}, messageSize / DWORD{sizeof(wchar_t)}};
+    const MessageBoxRequest request = {style, titleSize / DWORD{sizeof(wchar_t)},
+                                       messageSize / DWORD{sizeof(wchar_t)}};
     if (!process || !Send(input.get(), &request, sizeof request) || !Send(input.get(), title, titleSize) ||
         !Send(input.get(), message, messageSize))
         return FALSE;

@@ -27,5 +27,6 @@ int wmain() {
     if (!Read(&request, sizeof request) || !ReadText(title, request.titleLength) ||
         !ReadText(message, request.messageLength))
         return 0;
-    return ::MessageBoxW(nullptr, message.c_str(), title.c_str(), request.style | MB_SETFOREGROUND | MB_TOPMOST);
+    return ::MessageBoxW(nullptr, message.c_str(), title.c_str(),
+                         request.style | MB_SETFOREGROUND | MB_TOPMOST);
 }

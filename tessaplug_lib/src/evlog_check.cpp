@@ -141,8 +141,7 @@ bool EventLog::ReadOnce(HANDLE hEventLog, std::vector<std::byte>& buffer, DWORD 
             TRACE_INFO(16, "Buffer of %llu bytes, %u are needed", buffer.size(), minNumberOfBytesNeeded);
             if (minNumberOfBytesNeeded > MAX_RECORD_BUFFER_SIZE_IN_KB * 1024) {
                 buffer.clear();
-                MODUL_THROW(
-                    std::overflow_error("Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB"));
+                MODUL_THROW(std::overflow_error("Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB"));
             }
             buffer.resize(minNumberOfBytesNeeded);
             return false;
@@ -363,7 +362,8 @@ std::wstring EventLogRecord::GetTimeStampFromRecord() const {
         ((EvRec != nullptr ? EvRec->TimeGenerated : 0) + kSecondsFrom1601To1970) * kIntervalsPerSecond;
     const FILETIME utc = {intervals.LowPart, intervals.HighPart};
     FILETIME local = {};
-    if (!::FileTimeToLocalFileTime(&utc, &local)) MODUL_THROW(CWindowsApiExcp("FileTimeToLocalFileTime()", ""));
+    if (!::FileTimeToLocalFileTime(&utc, &local))
+        MODUL_THROW(CWindowsApiExcp("FileTimeToLocalFileTime()", ""));
     SYSTEMTIME time = {};
     ::FileTimeToSystemTime(&local, &time);
     wchar_t text[24] = {};
@@ -397,8 +397,8 @@ std::wstring EventLogRecord::Print() const {
     const EVENTLOGRECORD fields = tmpPtr != nullptr ? *tmpPtr : EVENTLOGRECORD{};
     return L"{\"Length\":" + std::to_wstring(fields.Length) + L",\"Record Number\":" +
            std::to_wstring(fields.RecordNumber) + L",\"EventID\":" + std::to_wstring(fields.EventID) +
-           L",\"TimeGenerated\":\"" + GetTimeStampFromRecord() + L"\",\"EventType\":\"" +
-           GetEventTypeName() + L"\"}";
+           L",\"TimeGenerated\":\"" + GetTimeStampFromRecord() + L"\",\"EventType\":\"" + GetEventTypeName() +
+           L"\"}";
 }
 
 EventRecordParser::EventRecordParser(std::shared_ptr<FilterChain> filterChain)
@@ -407,8 +407,7 @@ EventRecordParser::EventRecordParser(std::shared_ptr<FilterChain> filterChain)
     if (filterChain_ == nullptr) MODUL_THROW(std::invalid_argument("No Filterchain provided!"));
 }
 
-void EventRecordParser::Process(const std::vector<std::byte>& rawBuffer,
-                                std::vector<UserMessage>& messages) {
+void EventRecordParser::Process(const std::vector<std::byte>& rawBuffer, std::vector<UserMessage>& messages) {
     FUNCTION_TRACE();
     if (rawBuffer.empty()) {
         TRACE_INFO(31, "No records");
@@ -493,8 +492,7 @@ std::wstring MessageRessource::ReadMessage(DWORD messageId, DWORD argc, const wc
     MODUL_ASSERT(argc < 99);
     // As many as a message can refer to: what it refers to beyond argc is null.
     DWORD_PTR arguments[99] = {};
-    DWORD flags =
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM;
+    DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM;
     if (argc > 0) {
         if (argv == nullptr) MODUL_THROW(std::invalid_argument("If argc > 0 => provide argv"));
         const std::size_t used = std::min<std::size_t>(argc, std::size(arguments));
@@ -507,9 +505,8 @@ std::wstring MessageRessource::ReadMessage(DWORD messageId, DWORD argc, const wc
         flags |= FORMAT_MESSAGE_IGNORE_INSERTS;
     }
     wchar_t* text = nullptr;
-    const DWORD length =
-        ::FormatMessageW(flags, module_, messageId, 0, reinterpret_cast<wchar_t*>(&text), 0,
-                         argc > 0 ? reinterpret_cast<va_list*>(arguments) : nullptr);
+    const DWORD length = ::FormatMessageW(flags, module_, messageId, 0, reinterpret_cast<wchar_t*>(&text), 0,
+                                          argc > 0 ? reinterpret_cast<va_list*>(arguments) : nullptr);
     if (length == 0) {
         TRACE_ERROR(39, "FormatMessageW(0x%x) failed, LE(%u)", messageId, ::GetLastError());
         return L"ERROR: NO STRING FOR EVENT ID";
@@ -524,8 +521,7 @@ Fenlu3::Fenlu3(std::unique_ptr<MessageRessource> messages) : messages_(std::move
 
 std::unique_ptr<MessageRessource> Fenlu3::DriverMessages() {
     FUNCTION_TRACE();
-    return std::make_unique<MessageRessource>(windows_api::GetSystem32Directory() +
-                                              L"\\drivers\\fenlu3.sys");
+    return std::make_unique<MessageRessource>(windows_api::GetSystem32Directory() + L"\\drivers\\fenlu3.sys");
 }
 
 bool Fenlu3::Validate(const EventLogRecord& record) {

@@ -18,11 +18,10 @@ class EventLog {
   public:
     /// @param eventSourceName name of the log, e.g. "System"; 1 to 260 characters
     /// @throws std::invalid_argument if the name is empty or too long
-    explicit EventLog(std::wstring eventSourceName,
-                      std::unique_ptr<windows_api::Advapi32> advapi32 =
-                          std::make_unique<windows_api::Advapi32>(),
-                      std::unique_ptr<windows_api::CKernel32> kernel32 =
-                          std::make_unique<windows_api::CKernel32>());
+    explicit EventLog(
+        std::wstring eventSourceName,
+        std::unique_ptr<windows_api::Advapi32> advapi32 = std::make_unique<windows_api::Advapi32>(),
+        std::unique_ptr<windows_api::CKernel32> kernel32 = std::make_unique<windows_api::CKernel32>());
     virtual ~EventLog();
     EventLog(const EventLog&) = delete;
     EventLog& operator=(const EventLog&) = delete;

@@ -1,8 +1,10 @@
 #include "modul_sysadjust.h"
 
 #include <exception>
+#include <memory>
 #include <string>
 
+#include "error_handler.h"
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
@@ -16,6 +18,11 @@ namespace tessaplug {
 namespace {
 
 constexpr wchar_t kProviderName[] = L"tessaplug";
+constexpr wchar_t kModuleName[] = L"tessaplug.dll";
+constexpr wchar_t kBuildDate[] = L"" __DATE__ " " __TIME__;
+constexpr wchar_t kVersion[] = L"V21.00.00.00_52.50.00.04";
+
+std::unique_ptr<trace::ErrorHandler> errorHandler;
 
 std::shared_ptr<logger::EventLogProvider> eventLogProvider;
 
@@ -24,9 +31,24 @@ void ReportFatalError(const wchar_t* expression, const wchar_t* sourcePath, unsi
     const std::wstring text = std::wstring(L"tessaplug: assertion failed: ") + expression + L", " +
                               sourcePath + L"(" + std::to_wstring(line) + L")\n";
     ::OutputDebugStringW(text.c_str());
+    if (errorHandler != nullptr) errorHandler->FatalError(expression, sourcePath, line);
 }
 
 }  // namespace
+
+void CreateErrorHandler() {
+    FUNCTION_TRACE();
+    try {
+        errorHandler = std::make_unique<trace::ErrorHandler>(kModuleName, kBuildDate, kVersion);
+    } catch (const std::exception& error) {
+        TRACE_ERROR(14, "No fatal-error handler: %s", error.what());
+    }
+}
+
+void DeleteErrorHandler() {
+    FUNCTION_TRACE();
+    errorHandler.reset();
+}
 
 void CreateEventLogProvider(HMODULE module) {
     FUNCTION_TRACE();

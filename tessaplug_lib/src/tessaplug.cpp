@@ -33,6 +33,7 @@ Service& TheService() {
     FUNCTION_TRACE();
     const SingletonGuard guard;
     if (service == nullptr) {
+        tessaplug::CreateErrorHandler();
         tessaplug::CreateEventLogProvider(thisModule);
         service = std::make_unique<Service>().release();
     }
@@ -56,6 +57,7 @@ void Detach() {
         service = nullptr;
     }
     tessaplug::DeleteEventLogProvider();
+    tessaplug::DeleteErrorHandler();
     ::DeleteCriticalSection(singletonLock);
     delete singletonLock;
     singletonLock = nullptr;

@@ -60,8 +60,7 @@ DWORD EventLogMonitor::Run() {
 
 void EventLogMonitor::RunInternal() {
     FUNCTION_TRACE();
-    EventRecordParser parser(
-        std::make_shared<FilterChain>(FilterChain{std::make_shared<Fenlu3>()}));
+    EventRecordParser parser(std::make_shared<FilterChain>(FilterChain{std::make_shared<Fenlu3>()}));
     std::vector<UserMessage> messages;
     do {
         if (monitorReleased) return;
@@ -114,8 +113,7 @@ void EventLogMonitor::ThreadChangeState(State state) {
         MODUL_ASSERT("Incremented RunningInstance" && (val == 1));
     }
     if (!kernel32_->SetEvent(threadState_))
-        MODUL_THROW(
-            CWindowsApiExcp("SetEvent(threadState_)", state == State::kRunning ? "UP" : "DOWN"));
+        MODUL_THROW(CWindowsApiExcp("SetEvent(threadState_)", state == State::kRunning ? "UP" : "DOWN"));
 }
 
 void EventLogMonitor::Stop(bool stopFlag) {

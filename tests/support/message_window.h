@@ -2,7 +2,11 @@
 
 #include <windows.h>
 
+#include <atomic>
+#include <iterator>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "command.h"
 
@@ -34,5 +38,36 @@ inline bool Answer(HWND box, WORD button = IDOK) {
     ::PostMessageW(box, WM_COMMAND, button, 0);
     return Eventually([box] { return !::IsWindow(box); });
 }
+
+/// A user who answers every box with a title in the same way, for as long as it lives.
+class User {
+  public:
+    User(std::wstring title, WORD button) : title_(std::move(title)), button_(button) {}
+    ~User() {
+        leaves_ = true;
+        thread_.join();
+    }
+    User(const User&) = delete;
+    User& operator=(const User&) = delete;
+
+    int Answers() const { return answers_; }
+
+  private:
+    void AnswerAll() {
+        while (!leaves_) {
+            const HWND box = FindMessageBox(title_);
+            if (box != nullptr && Answer(box, button_)) ++answers_;
+            ::Sleep(20);
+        }
+    }
+    const std::wstring title_;
+    const WORD button_;
+    std::atomic<bool> leaves_ = false;
+    std::atomic<int> answers_ = 0;
+    std::thread thread_{[this] { AnswerAll(); }};
+};
+
+/// Title of the box of a failed assertion in the plug-in.
+inline constexpr wchar_t kFatalErrorTitle[] = L"Fatal Error: tessaplug.dll !!!";
 
 }  // namespace test_support

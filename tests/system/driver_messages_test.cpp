@@ -7,8 +7,8 @@
 #include "message_window.h"
 #include "station.h"
 
-// From the adapter's driver to the person at the screen: the driver's record, the System event log, the plug-in's
-// monitor and a window on the display of the machine.
+// From the adapter's driver to the person at the screen: the driver's record, the System event log, the
+// plug-in's monitor and a window on the display of the machine.
 namespace {
 
 using adapter_control::Report;
@@ -27,12 +27,15 @@ class DriverMessages : public system_tests::Station {
         while (HWND box = FindMessageBox(kTitle))
             if (!Answer(box)) break;
     }
-    void ReportFromDriver(Severity severity, const std::wstring& text) { Report(fennlinkU3_, severity, text); }
+    void ReportFromDriver(Severity severity, const std::wstring& text) {
+        Report(fennlinkU3_, severity, text);
+    }
     /// The next box says `text`, and is answered.
     static void ExpectBox(const std::wstring& text) {
         const HWND box = WaitForMessageBox(kTitle);
         ASSERT_NE(box, nullptr);
-        EXPECT_EQ(MessageOf(box), L"The adapter Fennlink U3 (\\Device\\TessaAdapterFenlu3) has failed: " + text + L"\r\n");
+        EXPECT_EQ(MessageOf(box),
+                  L"The adapter Fennlink U3 (\\Device\\TessaAdapterFenlu3) has failed: " + text + L"\r\n");
         EXPECT_TRUE(Answer(box));
     }
     static void ExpectNoBox() {

@@ -2,6 +2,7 @@
 #include <regex>
 #include <string>
 
+#include "message_window.h"
 #include "station.h"
 #include "wine_gap_loader.h"
 
@@ -124,6 +125,7 @@ TEST_F(Station, EveryAnswerToAMissingLibraryIsToGoOn) {
 }
 
 TEST_F(Station, FaultInsideTheLibraryEndsOneEventOnly) {
+    const test_support::User user(test_support::kFatalErrorTitle, IDIGNORE);
     for (const auto* variant : {L"faults", L"missing_export"}) {
         ConfigurationLibraryLocation::Set(test_support::FaultyLibrary(variant));
         StartService();
@@ -138,6 +140,7 @@ TEST_F(Station, FaultInsideTheLibraryEndsOneEventOnly) {
             store_.SetValue(L"NX4120." + kind + L".1", L"hidden", L"true");
         Unplug(nx4120_);
     }
+    EXPECT_GT(user.Answers(), 0) << "the fault is an assertion, and the user lets the program go on";
 }
 
 TEST_F(Station, TwoAdaptersOfOneModelAreOneState) {

@@ -119,11 +119,13 @@ TEST_F(MessageBoxOfASession, MissingListIsAsserted) {
 
 TEST_F(MessageBoxOfASession, RefusalsNameTheCall) {
     desk_.refuseMessage = true;
-    EXPECT_TRUE(TextOf<CWindowsApiExcp>([&] { box_.Show(L"t", L"m", 0); })
-                    .starts_with("FAILED! WTSSendMessageW()! LE(5): "));
+    EXPECT_TRUE(TextOf<CWindowsApiExcp>([&] {
+                    box_.Show(L"t", L"m", 0);
+                }).starts_with("FAILED! WTSSendMessageW()! LE(5): "));
     desk_.refuseList = true;
-    EXPECT_TRUE(TextOf<CWindowsApiExcp>([&] { box_.Show(L"t", L"m", 0); })
-                    .starts_with("FAILED! WTSEnumerateSessionsW()! LE(5): "));
+    EXPECT_TRUE(TextOf<CWindowsApiExcp>([&] {
+                    box_.Show(L"t", L"m", 0);
+                }).starts_with("FAILED! WTSEnumerateSessionsW()! LE(5): "));
 }
 
 TEST_F(MessageBoxOfASession, LibraryIsLoadedWithTheFirstAndReleased) {

@@ -1,5 +1,3 @@
-#include "tessaplug_eventlog_monitor.h"
-
 #include <atomic>
 #include <deque>
 #include <gtest/gtest.h>
@@ -12,6 +10,7 @@
 
 #include "command.h"
 #include "event_record.h"
+#include "tessaplug_eventlog_monitor.h"
 #include "text_of.h"
 #include "windows_api_excp.h"
 
@@ -284,8 +283,9 @@ TEST_F(Monitor, FailedWaitsAreTold) {
     EXPECT_EQ(TextOf<std::runtime_error>([&] { monitor_->WaitBlockingForStateChange(1); }),
               "WaitForSingleObject(EventLogMonitor) --> WAIT_ABANDONED");
     kernel32_->waitResult = WAIT_FAILED;
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] { monitor_->WaitBlockingForStateChange(1); })
-                    .starts_with("FAILED! WaitForSingleObject(EventLogMonitor)! LE(6): "));
+    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
+                    monitor_->WaitBlockingForStateChange(1);
+                }).starts_with("FAILED! WaitForSingleObject(EventLogMonitor)! LE(6): "));
     kernel32_->waitResult = WAIT_TIMEOUT;
     EXPECT_FALSE(monitor_->WaitBlockingForStateChange(1));
 }

@@ -17,7 +17,8 @@
 #include "text_of.h"
 #include "windows_api_excp.h"
 
-// The reader against a scripted log, the records, filters and messages. The real log: event_log_reader_test.cpp.
+// The reader against a scripted log, the records, filters and messages. The real log:
+// event_log_reader_test.cpp.
 using modul_exception::CWindowsApiExcp;
 using operating_system::EventLog;
 using operating_system::EventLogFilterIf;
@@ -188,7 +189,8 @@ class Reader : public testing::Test {
 /// Accepts records of one source.
 class SourceFilter : public EventLogFilterIf {
   public:
-    explicit SourceFilter(std::wstring source, DWORD severity) : source_(std::move(source)), severity_(severity) {}
+    explicit SourceFilter(std::wstring source, DWORD severity)
+        : source_(std::move(source)), severity_(severity) {}
     bool Validate(const EventLogRecord& record) override { return record.GetSourceName() == source_; }
     UserMessage CreateMessageFrom(const EventLogRecord& record) override {
         return {severity_, std::to_wstring(record.GetMessageId()), source_};
@@ -303,7 +305,8 @@ TEST_F(Reader, NotificationIsResetOnlyWhenNothingWasRead) {
     system_->reads = {{ERROR_HANDLE_EOF}, {ERROR_SUCCESS, 10}};
     kernel32_->waits = {kChanged, kChanged};
     EXPECT_EQ(log_->BlockingRead().size(), 10u);
-    EXPECT_EQ(journal_, (Journal{"wait", "read 5 from 0 into 65536", "reset", "wait", "read 5 from 0 into 65536"}));
+    EXPECT_EQ(journal_,
+              (Journal{"wait", "read 5 from 0 into 65536", "reset", "wait", "read 5 from 0 into 65536"}));
 }
 
 TEST_F(Reader, BufferGrowsAsNeeded) {
@@ -335,8 +338,8 @@ TEST_F(Reader, ClearedLogIsOpenedAndPositionedAgainWithoutAnError) {
 
     EXPECT_EQ(log_->BlockingRead().size(), 10u);
 
-    EXPECT_EQ(journal_, (Journal{"wait", "read 5 from 0 into 65536", "close", "open", "reset", kPositioning[0],
-                                 kPositioning[1], "wait", "read 5 from 0 into 65536"}));
+    EXPECT_EQ(journal_, (Journal{"wait", "read 5 from 0 into 65536", "close", "open", "reset",
+                                 kPositioning[0], kPositioning[1], "wait", "read 5 from 0 into 65536"}));
 }
 
 TEST_F(Reader, LogWithoutRecordsIsWatchedFromItsStart) {
@@ -415,7 +418,7 @@ TEST(EventLogRecord, GivesItsFieldsFromACopy) {
 
 TEST(EventLogRecord, NamesItsType) {
     const std::vector<std::pair<WORD, std::wstring>> names = {
-        {1, L"EVENTLOG_ERROR_TYPE"},  {2, L"EVENTLOG_WARNING_TYPE"},   {4, L"EVENTLOG_INFORMATION_TYPE"},
+        {1, L"EVENTLOG_ERROR_TYPE"},    {2, L"EVENTLOG_WARNING_TYPE"},   {4, L"EVENTLOG_INFORMATION_TYPE"},
         {8, L"EVENTLOG_AUDIT_SUCCESS"}, {16, L"EVENTLOG_AUDIT_FAILURE"}, {3, L"!! INVALID !!"},
         {0, L"!! INVALID !!"}};
     for (const auto& [type, name] : names) {
@@ -434,9 +437,10 @@ TEST(EventLogRecord, PrintsItsFieldsWithTheLocalTime) {
     ASSERT_EQ(::GetTimeZoneInformation(&zone), static_cast<DWORD>(TIME_ZONE_ID_UNKNOWN))
         << "the expected time is that of a machine in UTC";
     ASSERT_EQ(zone.Bias, 0);
-    EXPECT_EQ(RecordFrom(bytes).Print(), L"{\"Length\":" + std::to_wstring(bytes.size()) +
-                                             L",\"Record Number\":9,\"EventID\":7,\"TimeGenerated\":\"1.1.1970 "
-                                             L"00:00:00\",\"EventType\":\"EVENTLOG_ERROR_TYPE\"}");
+    EXPECT_EQ(RecordFrom(bytes).Print(),
+              L"{\"Length\":" + std::to_wstring(bytes.size()) +
+                  L",\"Record Number\":9,\"EventID\":7,\"TimeGenerated\":\"1.1.1970 "
+                  L"00:00:00\",\"EventType\":\"EVENTLOG_ERROR_TYPE\"}");
     raw.timeGenerated = 1795257005;  // 2026-11-21 10:30:05 UTC
     EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"21.11.2026 10:30:05");
 }
@@ -511,7 +515,8 @@ TEST_F(Parser, EmptyBufferLeavesTheMessagesAlone) {
 
 TEST_F(Parser, OnlyOurRecordsBecomeMessages) {
     messages_ = {{3, L"99", L"of an earlier buffer"}};
-    EXPECT_EQ(IdsOf(Joined({Record(1, L"other"), Record(2), Record(3, L"another")})), (std::vector<DWORD>{2}));
+    EXPECT_EQ(IdsOf(Joined({Record(1, L"other"), Record(2), Record(3, L"another")})),
+              (std::vector<DWORD>{2}));
     EXPECT_EQ(IdsOf(Joined({Record(4), Record(5)})), (std::vector<DWORD>{4, 5}));
 }
 
@@ -592,8 +597,7 @@ TEST(MessageFile, TextsAreFilledIn) {
     messages.Open();
     EXPECT_EQ(messages.ReadMessage(kErrorId, 2, L"port 0\0no voltage\0"),
               L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n");
-    EXPECT_EQ(messages.ReadMessage(kErrorId, 0, nullptr),
-              L"The adapter Fennlink U3 (%1) has failed: %2\r\n")
+    EXPECT_EQ(messages.ReadMessage(kErrorId, 0, nullptr), L"The adapter Fennlink U3 (%1) has failed: %2\r\n")
         << "inserts are ignored";
     EXPECT_EQ(messages.ReadMessage(0xC0040999, 0, nullptr), L"ERROR: NO STRING FOR EVENT ID");
     EXPECT_EQ(TextOf<std::invalid_argument>([&] { messages.ReadMessage(kErrorId, 1, nullptr); }),
@@ -625,9 +629,9 @@ TEST(DriverFilter, AcceptsTheDriversRecordsOnly) {
 TEST(DriverFilter, MakesAMessageOfEachType) {
     EventRecord record;
     record.strings = {L"port 0", L"no voltage"};
-    for (const auto& [type, id, severity, text] :
-         std::vector<std::tuple<WORD, DWORD, DWORD, std::wstring>>{
-             {WORD{EVENTLOG_ERROR_TYPE}, kErrorId, 3, L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n"},
+    for (const auto& [type, id, severity, text] : std::vector<std::tuple<WORD, DWORD, DWORD, std::wstring>>{
+             {WORD{EVENTLOG_ERROR_TYPE}, kErrorId, 3,
+              L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n"},
              {WORD{EVENTLOG_WARNING_TYPE}, kWarningId, 2,
               L"The adapter Fennlink U3 (port 0) works, but not as it should: no voltage\r\n"},
              {WORD{EVENTLOG_INFORMATION_TYPE}, kInformationId, 1,
@@ -655,7 +659,8 @@ TEST(DriverFilter, InvalidTypeIsAsserted) {
     record.id = kErrorId;
     const ModuleHooks hooks;
     EXPECT_EQ(DriverMessage(record).severity, 0u);
-    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Invalid EventType in EVENTLOGRECORD\""}));
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"!\"Invalid EventType in EVENTLOGRECORD\""}));
 }
 
 TEST(DriverFilter, StringsOutsideOfTheRecordAreLeftOut) {
@@ -675,7 +680,9 @@ TEST(DriverFilter, ClosesTheFileAlsoAfterAFailure) {
         explicit Failing(int& closed) : MessageRessource(L"x"), closed_(closed) {}
         void Open() override {}
         void Close() override { ++closed_; }
-        std::wstring ReadMessage(DWORD, DWORD, const wchar_t*) override { throw std::runtime_error("unreadable"); }
+        std::wstring ReadMessage(DWORD, DWORD, const wchar_t*) override {
+            throw std::runtime_error("unreadable");
+        }
 
       private:
         int& closed_;
