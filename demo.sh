@@ -81,7 +81,10 @@ grep -q 'RUNNING' "$log" || fail "the service did not report RUNNING"
 [ "$(grep -c 'START_PENDING' "$log")" -eq 6 ] || fail "the start did not report its steps"
 
 heading "Plugging in an NX4120"
+run tessactl status >"$WINEPREFIX/status"
 plug plug NX4120 NX4120 visible
+echo "what tessactl status tells, before and after:"
+run tessactl status | diff "$WINEPREFIX/status" - || true
 
 heading "Plugging in a Fennlink U3, with its trace"
 run tessactl trace start --level 4 --flags 9
@@ -118,6 +121,34 @@ echo "and the first access point was hidden:"
 head -1 "$WINEPREFIX/changes"
 [[ "$(tail -1 "$WINEPREFIX/diagnostics" | cut -c1-12)" > "$(head -1 "$WINEPREFIX/changes" | cut -c1-12)" ]] &&
     fail "an access point was hidden before the components were stopped"
+
+heading "A failed assertion: the station manager has more components than there can be"
+for number in $(seq 4 33); do
+    run stationmgr add "$number" OTHER "Other $number"
+done
+run tessactl trace start --level 4 --flags 9
+run adapterctl plug NX4120
+wait_for NX4120 visible
+run adapterctl unplug NX4120
+box=$(display_find 'Fatal Error: tessaplug.dll !!!' 150) || fail "the assertion was not shown"
+sleep 0.3
+display_shot build/demo-assertion.png
+echo "the box is shown, its picture is build/demo-assertion.png; answered with Retry, it writes a dump"
+display_press "$box" Return || fail "the box was not answered"
+box=$(display_find 'Wrote Memory dump.' 600) || fail "no dump was written"
+display_press "$box" Return || fail "the box with the dump's path was not answered"
+wait_for NX4120 hidden
+run tessactl trace stop
+dump=$(run tessactl trace decode | sed -n 's/.* error_handler  *Dump //p')
+echo "the dump: $dump"
+run tessactl dump info "$dump"
+run tessactl dump history "$dump" || fail "the dump has no history"
+echo "the trace of it:"
+run tessactl trace decode | awk '{ count[$4]++ } END { for (source in count) printf "  %4d messages of %s\n", count[source], source }' | sort -k3 -rn
+rm -f "$WINEPREFIX/drive_c/$(tr '\\' / <<<"${dump#?:\\}")"
+for number in $(seq 4 33); do
+    run stationmgr remove "$number"
+done
 
 heading "Plugging it in again with one access point deleted: the panel makes it"
 run q5config delete 'NX4120(XLI)'

@@ -22,8 +22,10 @@
 #include "exception_history.h"
 #include "function_trace.h"
 #include "log_device_store.h"
+#include "memory_dump.h"
 #include "station_manager.h"
 #include "tessaplug_intern.h"
+#include "trace_decoder.h"
 #include "trace_point.h"
 #include "wine_gap_loader.h"
 
@@ -523,6 +525,47 @@ void MeasureStartAndStop() {
     Print("stop with the monitor, two seconds of it fixed", Median(stops[true]), "ms");
 }
 
+void MeasureDump() {
+    operating_system::MemoryDump dump;
+    const double time = MillisecondsOf([&dump] {
+        if (!dump.Create(L"tessabench.exe")) throw std::runtime_error("no dump can be written");
+    });
+    const std::wstring path = dump.GetMemoryDumpAbsFileName();
+    WIN32_FILE_ATTRIBUTE_DATA file = {};
+    ::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &file);
+    ::DeleteFileW(path.c_str());
+    Print("a full dump of this process", time, "ms");
+    Print("  its size", file.nFileSizeLow / 1048576.0, "MB");
+    const std::runtime_error exception("the text of an exception");
+    Print("filing one exception into the history",
+          NanosecondsOf(100000,
+                        [&exception] {
+                            modul_exception::RecordException(exception, "std::runtime_error(text)",
+                                                             kSourcePath, "Class::Function", 1);
+                        }),
+          "ns");
+}
+
+void MeasureDecoding() {
+    wchar_t self[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring folder(self);
+    folder.replace(folder.rfind(L'\\') + 1, std::wstring::npos, L"tmf");
+    const auto catalog = tessactl::TmfCatalog::FromFolder(folder);
+    // "Unhide %S" of tessaplug_pnp, as it is recorded.
+    constexpr wchar_t kName[] = L"Fennlink U3(FWL_FAST_LOAD)";
+    const auto* bytes = reinterpret_cast<const BYTE*>(kName);
+    tessactl::RecordedMessage message;
+    message.messageGuid = trace::GuidFrom("a4c8e2b6-7f1d-4e35-8c90-2d6b9f3a1e12");
+    message.number = 22;
+    message.arguments.assign(bytes, bytes + sizeof kName);
+    if (tessactl::Decode(catalog, message).text != "Unhide Fennlink U3(FWL_FAST_LOAD)")
+        throw std::runtime_error("the message is not decoded");
+    const double line =
+        NanosecondsOf(20000, [&] { tessactl::TextLine(message, tessactl::Decode(catalog, message)); });
+    Print("trace messages decoded to text", 1e6 / line, "thousand/s");
+}
+
 /// One process, one init: prints "bare init kilobytes" for the script to take the median of.
 void MeasureInitOnce() {
     wchar_t path[MAX_PATH] = {};
@@ -568,6 +611,10 @@ int wmain(int argc, wchar_t** argv) {
             MeasureForeignRecords();
         else if (what == L"lifecycle")
             MeasureStartAndStop();
+        else if (what == L"dump")
+            MeasureDump();
+        else if (what == L"decode")
+            MeasureDecoding();
         else if (what == L"init")
             MeasureInitOnce();
         else

@@ -26,6 +26,10 @@ run tessabench messages
 run tessabench records
 run tessabench lifecycle
 echo
+echo "When something breaks"
+run tessabench dump
+run tessabench decode
+echo
 echo "An adapter of the running service"
 run tessahost install >/dev/null
 run tessahost start >/dev/null

@@ -6,7 +6,7 @@ packages=(
     clang-19 lld-19 clang-tidy-19 clang-format-19
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
     ninja-build cmake googletest python3 git
-    wine64 xvfb xdotool imagemagick
+    wine64 xvfb xdotool imagemagick lldb-19
 )
 
 missing=()

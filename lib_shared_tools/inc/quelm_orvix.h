@@ -102,6 +102,7 @@ class Q5orvix : public Q5orvixIf {
 };
 
 /// Path from which Q5orvix loads its library. Empty if the system cannot name the default folder.
-std::wstring ConfigurationLibraryPath();
+/// @param isRegistered if given, whether the path comes from the registry and not from the default folder
+std::wstring ConfigurationLibraryPath(bool* isRegistered = nullptr);
 
 }  // namespace quelm

@@ -86,11 +86,13 @@ void CheckLoaded(Function* entry) {
 
 }  // namespace
 
-std::wstring ConfigurationLibraryPath() {
+std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     FUNCTION_TRACE();
-    if (IsEmulated32BitProcess()) return kFileName;
     PathBuffer path = {};
-    if (!ReadBaseFolderFromRegistry(path) && !DefaultBaseFolder(path)) return {};
+    const bool registered = !IsEmulated32BitProcess() && ReadBaseFolderFromRegistry(path);
+    if (isRegistered != nullptr) *isRegistered = registered;
+    if (IsEmulated32BitProcess()) return kFileName;
+    if (!registered && !DefaultBaseFolder(path)) return {};
     // A path that does not fit ends the process here: the bounded functions do not cut off.
     ::wcscat_s(path, MAX_PATH, L"\\");
     ::wcscat_s(path, MAX_PATH, L"bin");

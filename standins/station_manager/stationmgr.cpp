@@ -24,7 +24,9 @@ int Usage() {
         L"  init                             makes the list: the station and two components of an NX4120\n"
         L"  wipe                             deletes the list and the diagnostics\n"
         L"  list [--json]                    shows the components\n"
-        L"  add VMD CATALOGUE NAME           adds a running component; VMD is its virtual device number\n"
+        L"  add VMD CATALOGUE NAME           adds a running component; VMD is its virtual device number, 1 "
+        L"to 32\n"
+        L"                                   (to 99 for tests)\n"
         L"  remove VMD                       removes it\n"
         L"  start VMD | stop VMD             starts or stops it\n"
         L"  diagnostics [--clear]            shows or clears the diagnostic entries\n"
@@ -140,11 +142,11 @@ int Init() {
                   L"init");
 }
 
-/// @return false if it is no virtual device number
+/// @return false if it is no virtual device number; those above 32, which cannot be, are for tests
 bool VirtualDevice(const std::wstring& text, LONG& number) {
     wchar_t* end = nullptr;
     number = std::wcstol(text.c_str(), &end, 10);
-    return !text.empty() && *end == L'\0' && number >= 1 && number <= 32;
+    return !text.empty() && *end == L'\0' && number >= 1 && number <= 99;
 }
 
 int Run(const std::vector<std::wstring>& arguments) {

@@ -10,6 +10,7 @@ enum class ExitCode {
     kSuccess = 0,
     kFailed = 1,
     kUsage = 2,
+    kProblems = 3,  ///< doctor found some
     kNoRights = 5,
 };
 
@@ -19,10 +20,30 @@ using Arguments = std::vector<std::wstring>;
 /// Tells what was wrong with the arguments.
 ExitCode UsageError(const std::wstring& what);
 
+/// Takes "--json" out of the arguments.
+/// @return whether it was there
+bool TakeJson(Arguments& arguments);
+
 /// trace start, stop and decode.
 ExitCode Trace(const Arguments& arguments);
 
 /// Entries of the event log as sentences.
 ExitCode Log(const Arguments& arguments);
+
+/// dump info and history.
+ExitCode Dump(const Arguments& arguments);
+
+/// What the station is like at this moment.
+ExitCode Status(const Arguments& arguments);
+
+/// What has to be true for an access point to show, and what to do where it is not.
+ExitCode Doctor(const Arguments& arguments);
+
+/// Shows or hides one access point.
+ExitCode ShowAccessPoint(const Arguments& arguments);
+ExitCode HideAccessPoint(const Arguments& arguments);
+
+/// What happens, as it happens.
+ExitCode Watch(const Arguments& arguments);
 
 }  // namespace tessactl

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "json.h"
 #include "tmf_catalog.h"
 #include "toolbox.h"
 #include "unique_handle.h"
@@ -141,15 +142,6 @@ std::wstring LocalTimeText(DWORD seconds) {
     return text;
 }
 
-std::wstring JsonText(const std::wstring& text) {
-    std::wstring json = L"\"";
-    for (const wchar_t c : text) {
-        if (c == L'"' || c == L'\\') json += L'\\';
-        json += c < 0x20 ? L' ' : c;
-    }
-    return json + L"\"";
-}
-
 }  // namespace
 
 ExitCode Log(const Arguments& arguments) {
@@ -170,19 +162,21 @@ ExitCode Log(const Arguments& arguments) {
     const UniqueModule messages(::LoadLibraryExW(MessageFileOf(logName, source).c_str(), nullptr,
                                                  LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
     const auto entries = ReadEntries(logName, source);
-    if (json) std::fputws(L"[", stdout);
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        const Entry& entry = entries[i];
+    std::vector<std::string> elements;
+    for (const Entry& entry : entries) {
         const std::wstring sentence = Sentence(messages.get(), entry);
         if (json)
-            std::wprintf(L"%ls{\"time\":\"%ls\",\"type\":\"%ls\",\"id\":%lu,\"text\":%ls}",
-                         i > 0 ? L",\n" : L"", LocalTimeText(entry.time).c_str(), TypeName(entry.type),
-                         entry.eventId, JsonText(sentence).c_str());
+            elements.push_back(JsonObject()
+                                   .Add("time", LocalTimeText(entry.time))
+                                   .Add("type", std::wstring(TypeName(entry.type)))
+                                   .Add("id", entry.eventId)
+                                   .Add("text", sentence)
+                                   .Text());
         else
             std::wprintf(L"%ls  %-11ls  0x%08lX  %ls\n", LocalTimeText(entry.time).c_str(),
                          TypeName(entry.type), entry.eventId, sentence.c_str());
     }
-    if (json) std::fputws(L"]\n", stdout);
+    if (json) std::printf("%s\n", JsonArray(elements).c_str());
     return ExitCode::kSuccess;
 }
 

@@ -17,9 +17,34 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
+    {L"status", &Status,
+     L"  status [--json]\n"
+     L"      shows the instance lock, the models' mutexes and shared memories, the adapters with their "
+     L"device paths,\n"
+     L"      every access point, and the configuration library\n"},
+    {L"doctor", &Doctor,
+     L"  doctor [--service NAME] [--json]\n"
+     L"      goes through what has to be true for an access point to show; says what is wrong and what to "
+     L"do\n"},
+    {L"show", &ShowAccessPoint,
+     L"  show NAME\n"
+     L"      makes an installed access point visible, e.g. show \"NX4120(XLI)\"\n"},
+    {L"hide", &HideAccessPoint,
+     L"  hide NAME\n"
+     L"      hides it\n"},
+    {L"watch", &Watch,
+     L"  watch [--seconds N] [--json]\n"
+     L"      prints arrivals, removals, changes of access points and messages of the driver as they happen, "
+     L"until\n"
+     L"      Ctrl+C or for N seconds\n"},
     {L"log", &Log,
      L"  log [--source NAME] [--log NAME] [--json]\n"
      L"      shows the plug-in's entries of the Application log as sentences\n"},
+    {L"dump", &Dump,
+     L"  dump info FILE [--json]\n"
+     L"      shows what a memory dump holds: the captured exception, threads and modules\n"
+     L"  dump history FILE [--json]\n"
+     L"      prints the exceptions that the plug-in threw last, oldest first, from the dump alone\n"},
     {L"trace", &Trace,
      L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS]\n"
      L"      starts recording the plug-in's trace; LEVEL 2 errors, 3 warnings, 4 information, 5 everything "
@@ -37,6 +62,8 @@ void PrintHelp() {
     std::fputws(L"tessactl: looks after the adapter plug-in\n\n", stdout);
     for (const Command& command : kCommands)
         std::fputws(command.help, stdout);
+    std::fputws(L"\nExit codes: 0 done, 1 failed, 2 not understood, 3 doctor found problems, 5 no rights.\n",
+                stdout);
 }
 
 ExitCode Run(const Arguments& arguments) {
@@ -51,6 +78,10 @@ ExitCode Run(const Arguments& arguments) {
 }
 
 }  // namespace
+
+bool TakeJson(Arguments& arguments) {
+    return std::erase(arguments, L"--json") > 0;
+}
 
 ExitCode UsageError(const std::wstring& what) {
     std::fwprintf(stderr, L"tessactl: %ls\nTry \"tessactl help\".\n", what.c_str());

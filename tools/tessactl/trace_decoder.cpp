@@ -9,6 +9,7 @@
 #include <optional>
 #include <regex>
 
+#include "json.h"
 #include "toolbox.h"
 
 namespace tessactl {
@@ -88,19 +89,6 @@ std::string HexOf(const std::vector<BYTE>& bytes) {
 const char* LevelName(unsigned int level) {
     static constexpr const char* kNames[] = {"?", "?", "error", "warning", "info", "verbose"};
     return level < std::size(kNames) ? kNames[level] : "?";
-}
-
-std::string JsonText(const std::string& text) {
-    std::string json = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\')
-            json += std::string("\\") + c;
-        else if (static_cast<unsigned char>(c) < 0x20)
-            json += Printed("\\u%04x", static_cast<unsigned int>(c));
-        else
-            json += c;
-    }
-    return json + "\"";
 }
 
 void WINAPI OnEvent(EVENT_RECORD* event) {

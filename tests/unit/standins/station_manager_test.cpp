@@ -160,7 +160,7 @@ TEST_F(StationManagerProgram, RefusalsSayWhatToDo) {
               "stationmgr: 9: there is no such component; see stationmgr list\n");
     EXPECT_EQ(RunCommand(L"stationmgr.exe add 2 A B").output,
               "stationmgr: add: this virtual device is taken; see stationmgr list\n");
-    EXPECT_EQ(RunCommand(L"stationmgr.exe add 33 A B").exitCode, 2u);
+    EXPECT_EQ(RunCommand(L"stationmgr.exe add 100 A B").exitCode, 2u);
     EXPECT_EQ(RunCommand(L"stationmgr.exe nonsense").exitCode, 2u);
     EXPECT_EQ(RunCommand(L"stationmgr.exe").exitCode, 2u);
 }

@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""A memory dump that a failed assertion wrote is readable: with a stock debugger and the PDB files, and with the
+operator's tool from the file alone. Arguments: the emulator and the folder of the programs."""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+emulator, programs = sys.argv[1:3]
+
+
+def run(program, *arguments):
+    done = subprocess.run([emulator, os.path.join(programs, program), *arguments], capture_output=True, text=True,
+                          errors="replace", timeout=120)
+    return done.returncode, (done.stdout + done.stderr).replace("\r", "")
+
+
+def host_path(path):
+    """C:\\folder\\file as the debugger on this side sees it."""
+    return os.path.join(os.environ["WINEPREFIX"], "drive_c", *path.split("\\")[1:])
+
+
+def head_of(path, length):
+    with open(path, "rb") as file:
+        return file.read(length)
+
+
+class Dump(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        code, output = run("asserts_and_dumps.exe")
+        assert code == 0, output
+        cls.path = output.splitlines()[0]
+        cls.file = host_path(cls.path)
+
+    @classmethod
+    def tearDownClass(cls):
+        os.remove(cls.file)
+
+    def test_debugger_shows_exception_threads_functions_and_lines(self):
+        output = subprocess.run(
+            ["lldb-19", "--batch", "--core", self.file, "-o", "thread list", "-o", "bt all"], cwd=programs,
+            capture_output=True, text=True, timeout=60).stdout
+        self.assertIn("Exception 0xc0000005", output)
+        self.assertIn("thread #2", output)
+        self.assertRegex(output, r"MemoryDump::Create.* at memory_dump\.cpp:\d+")
+        self.assertRegex(output, r"ErrorHandler::FatalError.* at error_handler\.cpp:\d+")
+        self.assertRegex(output, r"FunctionThatAsserts.* at asserts_and_dumps\.cpp:\d+")
+
+    def test_history_is_printed_oldest_first(self):
+        code, output = run("tessactl.exe", "dump", "history", self.path)
+        self.assertEqual(code, 0, output)
+        self.assertEqual(re.findall(r"exception number (\d)$", output, re.M), ["3", "4", "5", "6", "7"])
+        code, output = run("tessactl.exe", "dump", "history", self.path, "--json")
+        records = json.loads(output)
+        self.assertEqual([record["what"] for record in records], [f"exception number {i}" for i in range(3, 8)])
+        self.assertEqual(records[0]["file"], "asserts_and_dumps")
+        self.assertEqual(records[0]["module"], "asserts_and_dumps.exe")
+        self.assertIn("ThrowNumber", records[0]["function"])
+
+    def test_info_tells_of_the_exception(self):
+        code, output = run("tessactl.exe", "dump", "info", self.path)
+        self.assertEqual(code, 0, output)
+        self.assertRegex(output, r"exception  0xC0000005 access violation at asserts_and_dumps\.exe\+0x")
+        code, output = run("tessactl.exe", "dump", "info", self.path, "--json")
+        info = json.loads(output)
+        self.assertEqual(info["threads"], 2)
+        self.assertEqual(info["bytes"], os.path.getsize(self.file))
+
+    def test_files_that_are_no_whole_dumps_are_refused(self):
+        whole = head_of(self.file, 200000)
+        with tempfile.TemporaryDirectory(dir=os.path.dirname(self.file)) as folder:
+            for name, content, told in [("empty", b"", "is no memory dump"),
+                                        ("foreign", b"MZ" + bytes(5000), "is no memory dump"),
+                                        ("head", whole[:100], "is cut off"),
+                                        ("half", whole, "is cut off")]:
+                path = os.path.join(folder, name)
+                with open(path, "wb") as file:
+                    file.write(content)
+                windows = self.path[:self.path.rindex("\\")] + "\\" + os.path.basename(folder) + "\\" + name
+                for what in "info", "history":
+                    code, output = run("tessactl.exe", "dump", what, windows)
+                    self.assertEqual(code, 1, output)
+                    self.assertIn(told, output)
+
+    def test_every_cut_of_the_head_is_refused_or_read(self):
+        whole = head_of(self.file, 8192)
+        path = self.file + ".cut"
+        for length in range(0, len(whole), 509):
+            with open(path, "wb") as file:
+                file.write(whole[:length])
+            code, output = run("tessactl.exe", "dump", "history", self.path + ".cut")
+            self.assertEqual(code, 1, f"{length}: {output}")
+        os.remove(path)
+
+    def test_missing_file_is_named(self):
+        code, output = run("tessactl.exe", "dump", "info", "C:\\no such.dmp")
+        self.assertEqual(code, 1)
+        self.assertIn("C:\\no such.dmp cannot be opened, error 2", output)
+
+    def test_wrong_arguments_are_told(self):
+        for arguments in ([], ["info"], ["print", "x"], ["info", "a", "b"]):
+            self.assertEqual(run("tessactl.exe", "dump", *arguments)[0], 2)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

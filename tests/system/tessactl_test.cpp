@@ -1,0 +1,176 @@
+#include <windows.h>
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+#include "station.h"
+
+// The operator's tool beside a real station.
+namespace {
+
+using adapter_control::Plug;
+using adapter_control::Report;
+using adapter_control::Unplug;
+using test_support::CommandResult;
+using test_support::ConfigurationLibraryLocation;
+using test_support::Eventually;
+using test_support::RunCommand;
+
+CommandResult Tool(const std::wstring& arguments) {
+    return RunCommand(L"tessactl.exe " + arguments);
+}
+
+bool Contains(const CommandResult& result, const std::string& text) {
+    return result.output.find(text) != std::string::npos;
+}
+
+using Tessactl = system_tests::Station;
+
+}  // namespace
+
+TEST_F(Tessactl, StatusFollowsAPlug) {
+    StartService();
+    const CommandResult before = Tool(L"status");
+    EXPECT_EQ(before.exitCode, 0u);
+    EXPECT_TRUE(Contains(before, "plug-in runs on this machine   yes")) << before.output;
+    EXPECT_TRUE(Contains(before, "NX4120(XLI)                   yes        yes     hidden")) << before.output;
+    EXPECT_TRUE(Contains(before, "NX4120        -\n")) << before.output;
+    EXPECT_TRUE(Contains(before, "Global\\NX3307_SHM__{9C4C3B75-CA8D-481E-92B8-0424C0B296F1}     yes"))
+        << before.output;
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    const CommandResult after = Tool(L"status");
+    EXPECT_TRUE(Contains(after, "NX4120(XLI)                   yes        yes     visible")) << after.output;
+    EXPECT_FALSE(Contains(after, "NX4120        -\n")) << after.output;
+    EXPECT_TRUE(Contains(after, "its path comes from            the registry"));
+}
+
+TEST_F(Tessactl, StatusTellsWhatIsNotInstalledAndWhatIsMissing) {
+    std::erase(entries_, L"LDT-NX4120.fwl");
+    store_.SetTemplateEntries(entries_);
+    store_.Delete(L"NX4120.XLI.1");
+    const CommandResult status = Tool(L"status --json");
+    EXPECT_TRUE(Contains(status, R"j({"name":"NX4120(FWL)","installed":false,"exists":true,"hidden":true})j"))
+        << status.output;
+    EXPECT_TRUE(
+        Contains(status, R"j({"name":"NX4120(XLI)","installed":true,"exists":false,"hidden":false})j"))
+        << status.output;
+    EXPECT_TRUE(Contains(status, R"j({"plugInRuns":false,)j"));
+}
+
+TEST_F(Tessactl, DoctorFindsNothingOnASoundStation) {
+    EXPECT_EQ(RunCommand(L"stationmgr.exe register").exitCode, 0u);
+    Plug(nx4120_);
+    Plug(fennlinkU3_);
+    StartService();
+    const CommandResult doctor = Tool(L"doctor");
+    EXPECT_EQ(doctor.exitCode, 0u) << doctor.output;
+    EXPECT_FALSE(Contains(doctor, "PROBLEM")) << doctor.output;
+    RunCommand(L"stationmgr.exe unregister");
+}
+
+TEST_F(Tessactl, DoctorSaysWhatIsWrongAndWhatToDo) {
+    store_.Delete(L"NX4120.XLI.1");
+    const CommandResult doctor = Tool(L"doctor");
+    EXPECT_EQ(doctor.exitCode, 3u);
+    EXPECT_TRUE(Contains(doctor, "PROBLEM  service running ")) << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "missing: NX4120(XLI)\n         -> plug the adapter in")) << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "PROBLEM  NX4120: adapter present and active")) << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "PROBLEM  station manager registered")) << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "ok       driver message file")) << doctor.output;
+    EXPECT_TRUE(Contains(Tool(L"doctor --service \"no such\""), "\"no such\" cannot be opened, error 1060"));
+}
+
+TEST_F(Tessactl, ShowsAndHidesOneAccessPoint) {
+    EXPECT_EQ(Tool(L"show NX4120(XLI)").output, "NX4120(XLI) is visible now.\n");
+    EXPECT_EQ(State(L"NX4120.XLI.1"), L"visible");
+    EXPECT_EQ(State(L"NX4120.AUTO.1"), L"hidden");
+    EXPECT_EQ(Tool(L"hide NX4120(XLI)").output, "NX4120(XLI) is hidden now.\n");
+    EXPECT_EQ(State(L"NX4120.XLI.1"), L"hidden");
+}
+
+TEST_F(Tessactl, RefusesAccessPointsThatAreNotThere) {
+    const CommandResult unknown = Tool(L"show nx4120(xli)");
+    EXPECT_EQ(unknown.exitCode, 1u);
+    EXPECT_TRUE(Contains(unknown, "tessactl: nx4120(xli) is not installed; ")) << unknown.output;
+    store_.Delete(L"NX4120.XLI.1");
+    const CommandResult missing = Tool(L"hide NX4120(XLI)");
+    EXPECT_EQ(missing.exitCode, 1u);
+    EXPECT_TRUE(Contains(missing, "is installed but does not exist; ")) << missing.output;
+    EXPECT_EQ(Tool(L"show").exitCode, 2u);
+    EXPECT_EQ(Tool(L"show A B").exitCode, 2u);
+}
+
+TEST_F(Tessactl, WatchPrintsWhatHappens) {
+    StartService();
+    CommandResult watched;
+    std::thread watcher([&watched] { watched = Tool(L"watch --seconds 5 --json"); });
+    ::Sleep(2000);  // until it watches
+    Plug(nx4120_);
+    Report(fennlinkU3_, 2, L"hot");
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    ::Sleep(500);
+    Unplug(nx4120_);
+    watcher.join();
+    EXPECT_EQ(watched.exitCode, 0u);
+    for (const auto* event : {R"j("event":"arrival","what":"NX4120")j",
+                              R"j("event":"access point","what":"NX4120(XLI)","text":"visible")j",
+                              R"j("event":"message","what":"fenlu3","text":"warning: The adapter)j",
+                              R"j("event":"removal","what":"NX4120")j"})
+        EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
+}
+
+TEST_F(Tessactl, EveryCommandSaysThatTheLibraryIsMissing) {
+    ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+    const CommandResult status = Tool(L"status");
+    EXPECT_EQ(status.exitCode, 0u) << "the rest is shown";
+    EXPECT_TRUE(Contains(status, "not known: FAILED! LoadLibraryW()!")) << status.output;
+    const CommandResult doctor = Tool(L"doctor");
+    EXPECT_EQ(doctor.exitCode, 3u);
+    EXPECT_TRUE(Contains(doctor, "PROBLEM  configuration library found ")) << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "-> install the configuration library, or let HKEY_LOCAL_MACHINE"))
+        << doctor.output;
+    for (const auto* command : {L"show NX4120(XLI)", L"hide NX4120(XLI)"}) {
+        const CommandResult refused = Tool(command);
+        EXPECT_EQ(refused.exitCode, 1u);
+        EXPECT_TRUE(Contains(refused, "FAILED! LoadLibraryW()!")) << refused.output;
+    }
+    const CommandResult watched = Tool(L"watch --seconds 1");
+    EXPECT_EQ(watched.exitCode, 0u);
+    EXPECT_TRUE(Contains(watched, "adapters and messages only")) << watched.output;
+}
+
+TEST_F(Tessactl, WorksWithoutTheService) {
+    EXPECT_EQ(RunCommand(L"tessahost.exe uninstall").exitCode, 0u);
+    EXPECT_EQ(Tool(L"status").exitCode, 0u);
+    EXPECT_TRUE(Contains(Tool(L"doctor"), "PROBLEM  service installed")) << "and what to do";
+    EXPECT_EQ(Tool(L"show NX4120(XLI)").exitCode, 0u);
+    EXPECT_EQ(Tool(L"hide NX4120(XLI)").exitCode, 0u);
+    EXPECT_EQ(Tool(L"watch --seconds 1").exitCode, 0u);
+    EXPECT_EQ(Tool(L"log").exitCode, 0u);
+    EXPECT_EQ(Tool(L"trace start").exitCode, 0u);
+    EXPECT_EQ(Tool(L"trace start").exitCode, 1u) << "one recording at a time";
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    EXPECT_TRUE(Contains(Tool(L"trace stop"), "no recording is running"));
+    EXPECT_EQ(Tool(L"trace decode").exitCode, 0u);
+}
+
+TEST_F(Tessactl, RecordingsThatCannotBeReadAreTold) {
+    EXPECT_EQ(Tool(L"trace decode \"C:\\no such.etl\"").exitCode, 1u);
+    const std::wstring path = L"C:\\windows\\temp\\foreign.etl";
+    std::ofstream(std::string(path.begin(), path.end()), std::ios::binary) << "something else";
+    EXPECT_EQ(Tool(L"trace decode " + path).exitCode, 1u);
+    ::DeleteFileW(path.c_str());
+}
+
+TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {
+    for (const auto* arguments :
+         {L"", L"nonsense", L"status x", L"doctor x", L"watch --seconds x", L"trace", L"log x"})
+        EXPECT_EQ(Tool(arguments).exitCode, 2u) << arguments;
+    const CommandResult help = Tool(L"help");
+    EXPECT_EQ(help.exitCode, 0u);
+    for (const auto* command : {"status", "doctor", "show", "hide", "watch", "dump", "trace", "log"})
+        EXPECT_TRUE(Contains(help, std::string("  ") + command)) << command;
+}

@@ -1,0 +1,58 @@
+#include <windows.h>
+#include <shlobj.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "commands.h"
+#include "logdevice_db.h"
+#include "tmf_catalog.h"
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+ExitCode Refuse(const std::string& name, const char* why) {
+    std::fprintf(stderr, "tessactl: %s %s\n", name.c_str(), why);
+    return ExitCode::kFailed;
+}
+
+ExitCode SetHidden(const Arguments& arguments, bool hidden) {
+    if (arguments.size() != 1) return UsageError(L"the name of one access point, please");
+    const std::string name = toolbox::WstringToString(arguments[0]);
+    const auto installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
+    if (std::ranges::find(installed, name) == installed.end())
+        return Refuse(
+            name,
+            "is not installed; \"tessactl status\" lists the access points, spelled as they have to be");
+    const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device(name);
+    if (!logDevice->Exists())
+        return Refuse(
+            name, "is installed but does not exist; plug its adapter in, or run the interface-setup panel");
+    try {
+        if (hidden)
+            logDevice->EnableFlagNdi(L"hidden");
+        else
+            logDevice->DisableFlagNdi(L"hidden");
+    } catch (const std::exception& error) {
+        if (::IsUserAnAdmin()) throw;
+        std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", error.what());
+        return ExitCode::kNoRights;
+    }
+    std::printf("%s is %s now.\n", name.c_str(), hidden ? "hidden" : "visible");
+    return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+ExitCode ShowAccessPoint(const Arguments& arguments) {
+    return SetHidden(arguments, false);
+}
+
+ExitCode HideAccessPoint(const Arguments& arguments) {
+    return SetHidden(arguments, true);
+}
+
+}  // namespace tessactl

@@ -1,0 +1,120 @@
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "dump_file.h"
+#include "json.h"
+#include "tmf_catalog.h"
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+using modul_exception::ExceptionRecord;
+
+std::wstring FileName(const std::wstring& path) {
+    return path.substr(path.rfind(L'\\') + 1);
+}
+
+/// A text of a record, which may fill its field.
+template <std::size_t N>
+std::string Text(const char (&field)[N]) {
+    return {field, ::strnlen(field, N)};
+}
+
+std::string PlaceOf(const DumpFile& dump, ULONG64 address) {
+    const DumpFile::Module* module = dump.ModuleAt(address);
+    char place[64] = {};
+    if (module == nullptr) {
+        std::snprintf(place, sizeof place, "0x%016llx", address);
+        return place;
+    }
+    std::snprintf(place, sizeof place, "+0x%llx", address - module->base);
+    return toolbox::WstringToString(FileName(module->path)) + place;
+}
+
+ExitCode Info(const DumpFile& dump, bool json) {
+    const auto& exception = dump.CapturedException();
+    char code[16] = "";
+    if (exception) std::snprintf(code, sizeof code, "0x%08lX", exception->code);
+    if (json) {
+        JsonObject object;
+        object.Add("bytes", dump.Size())
+            .Add("threads", dump.ThreadCount())
+            .Add("modules", dump.Modules().size());
+        if (exception)
+            object.Add("exceptionCode", code)
+                .Add("exceptionName", ExceptionName(exception->code))
+                .Add("exceptionPlace", PlaceOf(dump, exception->address))
+                .Add("exceptionThread", exception->threadId);
+        std::printf("%s\n", object.Text().c_str());
+        return ExitCode::kSuccess;
+    }
+    std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / (1024 * 1024),
+                static_cast<unsigned long long>(dump.ThreadCount()),
+                static_cast<unsigned long long>(dump.Modules().size()));
+    if (!exception) {
+        std::printf("exception  none\n");
+        return ExitCode::kSuccess;
+    }
+    std::printf("exception  %s %s at %s in thread %lu\n", code, ExceptionName(exception->code).c_str(),
+                PlaceOf(dump, exception->address).c_str(), exception->threadId);
+    return ExitCode::kSuccess;
+}
+
+std::string JsonOf(const std::wstring& module, const ExceptionRecord& record) {
+    JsonObject object;
+    object.Add("module", FileName(module))
+        .Add("time", Text(record.timeStamp))
+        .Add("thread", record.threadId)
+        .Add("processor", record.processorNumber)
+        .Add("expression", Text(record.expression))
+        .Add("what", Text(record.what))
+        .Add("file", Text(record.file))
+        .Add("function", Text(record.function))
+        .Add("line", record.line);
+    return object.Text();
+}
+
+void Print(const ExceptionRecord& record) {
+    std::printf("  %s  thread %lu, processor %lu\n    %s\n    thrown by %s in %s(%lu)\n    as %s\n",
+                Text(record.timeStamp).c_str(), record.threadId, record.processorNumber,
+                Text(record.what).c_str(), Text(record.function).c_str(), Text(record.file).c_str(),
+                record.line, Text(record.expression).c_str());
+}
+
+ExitCode History(const DumpFile& dump, bool json) {
+    bool found = false;
+    std::vector<std::string> elements;
+    for (const DumpFile::Module& module : dump.Modules()) {
+        const auto records = dump.HistoryOf(module);
+        if (!records) continue;
+        found = true;
+        if (!json) std::printf("%ls: %llu exceptions, oldest first\n", module.path.c_str(), records->size());
+        for (const ExceptionRecord& record : *records) {
+            if (json)
+                elements.push_back(JsonOf(module.path, record));
+            else
+                Print(record);
+        }
+    }
+    if (!found)
+        throw ToolError(
+            "no module of the dump has an exception history; was the dump written with the full memory?");
+    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+ExitCode Dump(const Arguments& arguments) {
+    Arguments rest = arguments;
+    const bool json = TakeJson(rest);
+    if (rest.size() != 2 || (rest[0] != L"info" && rest[0] != L"history"))
+        return UsageError(L"dump info FILE or dump history FILE?");
+    const DumpFile dump(rest[1]);
+    return rest[0] == L"info" ? Info(dump, json) : History(dump, json);
+}
+
+}  // namespace tessactl

@@ -1,0 +1,186 @@
+#include "dump_file.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "tmf_catalog.h"
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+constexpr char kHistorySection[] = ".exhist";
+
+}  // namespace
+
+DumpFile::DumpFile(const std::wstring& path) : name_(toolbox::WstringToString(path)) {
+    Map(path);
+    ReadStreams();
+}
+
+DumpFile::~DumpFile() {
+    if (bytes_.data() != nullptr) ::UnmapViewOfFile(bytes_.data());
+}
+
+void DumpFile::Map(const std::wstring& path) {
+    file_.reset(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_EXISTING, 0, nullptr));
+    LARGE_INTEGER size = {};
+    if (!file_ || !::GetFileSizeEx(file_.get(), &size))
+        throw ToolError(name_ + " cannot be opened, error " + std::to_string(::GetLastError()));
+    if (size.QuadPart < static_cast<LONGLONG>(sizeof(MINIDUMP_HEADER)))
+        throw ToolError(name_ + " is no memory dump");
+    mapping_.reset(::CreateFileMappingW(file_.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
+    const void* view = mapping_ ? ::MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, 0) : nullptr;
+    if (view == nullptr)
+        throw ToolError(name_ + " cannot be read, error " + std::to_string(::GetLastError()));
+    bytes_ = {static_cast<const std::byte*>(view), static_cast<std::size_t>(size.QuadPart)};
+}
+
+template <typename T>
+T DumpFile::Get(std::size_t at) const {
+    if (at > bytes_.size() || bytes_.size() - at < sizeof(T)) throw ToolError(name_ + " is cut off");
+    T value;
+    std::memcpy(&value, bytes_.data() + at, sizeof value);
+    return value;
+}
+
+void DumpFile::ReadStreams() {
+    const auto header = Get<MINIDUMP_HEADER>(0);
+    if (header.Signature != MINIDUMP_SIGNATURE) throw ToolError(name_ + " is no memory dump");
+    for (ULONG i = 0; i < header.NumberOfStreams; ++i) {
+        const auto directory =
+            Get<MINIDUMP_DIRECTORY>(header.StreamDirectoryRva + std::size_t{i} * sizeof(MINIDUMP_DIRECTORY));
+        const std::size_t at = directory.Location.Rva;
+        switch (directory.StreamType) {
+            case ModuleListStream:
+                ReadModules(at);
+                break;
+            case ExceptionStream:
+                ReadException(at);
+                break;
+            case ThreadListStream:
+                threadCount_ = Get<ULONG32>(at);
+                break;
+            case Memory64ListStream:
+                ReadMemoryRanges(at);
+                break;
+            default:
+                break;
+        }
+    }
+}
+
+void DumpFile::ReadModules(std::size_t at) {
+    const auto count = Get<ULONG32>(at);
+    at += sizeof(ULONG32);
+    for (ULONG32 i = 0; i < count; ++i, at += sizeof(MINIDUMP_MODULE)) {
+        const auto module = Get<MINIDUMP_MODULE>(at);
+        modules_.push_back({StringAt(module.ModuleNameRva), module.BaseOfImage, module.SizeOfImage});
+    }
+}
+
+std::wstring DumpFile::StringAt(std::size_t at) const {
+    const std::size_t length = Get<ULONG32>(at) / sizeof(wchar_t);
+    at += sizeof(ULONG32);
+    if (at > bytes_.size() || (bytes_.size() - at) / sizeof(wchar_t) < length)
+        throw ToolError(name_ + " is cut off");
+    std::wstring text(length, L'\0');
+    std::memcpy(text.data(), bytes_.data() + at, length * sizeof(wchar_t));
+    return text;
+}
+
+void DumpFile::ReadException(std::size_t at) {
+    const auto stream = Get<MINIDUMP_EXCEPTION_STREAM>(at);
+    const MINIDUMP_EXCEPTION& raw = stream.ExceptionRecord;
+    Exception exception = {stream.ThreadId, raw.ExceptionCode, raw.ExceptionAddress, {}};
+    for (ULONG32 i = 0; i < std::min<ULONG32>(raw.NumberParameters, EXCEPTION_MAXIMUM_PARAMETERS); ++i)
+        exception.parameters.push_back(raw.ExceptionInformation[i]);
+    exception_ = exception;
+}
+
+void DumpFile::ReadMemoryRanges(std::size_t at) {
+    const auto count = Get<ULONG64>(at);
+    ULONG64 offset = Get<ULONG64>(at + sizeof(ULONG64));
+    at += 2 * sizeof(ULONG64);
+    for (ULONG64 i = 0; i < count; ++i, at += sizeof(MINIDUMP_MEMORY_DESCRIPTOR64)) {
+        const auto range = Get<MINIDUMP_MEMORY_DESCRIPTOR64>(at);
+        if (offset > bytes_.size() || bytes_.size() - offset < range.DataSize)
+            throw ToolError(name_ + " is cut off");
+        ranges_.push_back({range.StartOfMemoryRange, range.DataSize, offset});
+        offset += range.DataSize;
+    }
+}
+
+const DumpFile::Module* DumpFile::ModuleAt(ULONG64 address) const {
+    const auto found = std::ranges::find_if(modules_, [address](const Module& module) {
+        return address >= module.base && address - module.base < module.size;
+    });
+    return found != modules_.end() ? &*found : nullptr;
+}
+
+std::span<const std::byte> DumpFile::Memory(ULONG64 address, ULONG64 size) const {
+    for (const Range& range : ranges_)
+        if (address >= range.address && address - range.address <= range.size &&
+            range.size - (address - range.address) >= size)
+            return bytes_.subspan(static_cast<std::size_t>(range.offset + (address - range.address)),
+                                  static_cast<std::size_t>(size));
+    return {};
+}
+
+std::optional<std::vector<modul_exception::ExceptionRecord>> DumpFile::HistoryOf(const Module& module) const {
+    using modul_exception::ExceptionHistory;
+    const auto read = [this]<typename T>(ULONG64 address, T& value) {
+        const auto bytes = Memory(address, sizeof value);
+        if (bytes.empty()) return false;
+        std::memcpy(&value, bytes.data(), sizeof value);
+        return true;
+    };
+    IMAGE_DOS_HEADER dos = {};
+    IMAGE_NT_HEADERS64 nt = {};
+    if (!read(module.base, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE || dos.e_lfanew < 0)
+        return std::nullopt;
+    const ULONG64 headers = module.base + static_cast<ULONG64>(dos.e_lfanew);
+    if (!read(headers, nt) || nt.Signature != IMAGE_NT_SIGNATURE) return std::nullopt;
+    const ULONG64 sections =
+        headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader;
+    for (WORD i = 0; i < nt.FileHeader.NumberOfSections; ++i) {
+        IMAGE_SECTION_HEADER section = {};
+        if (!read(sections + ULONG64{i} * sizeof section, section)) return std::nullopt;
+        if (std::strncmp(reinterpret_cast<const char*>(section.Name), kHistorySection, sizeof section.Name) !=
+            0)
+            continue;
+        ExceptionHistory history = {};
+        if (!read(module.base + section.VirtualAddress, history) ||
+            history.writeIndex >= ExceptionHistory::kCapacity)
+            return std::nullopt;
+        std::vector<modul_exception::ExceptionRecord> records;
+        for (ULONG64 n = 0; n < ExceptionHistory::kCapacity; ++n) {
+            const auto& record = history.records[(history.writeIndex + n) % ExceptionHistory::kCapacity];
+            if (record.threadId != 0) records.push_back(record);
+        }
+        return records;
+    }
+    return std::nullopt;
+}
+
+std::string ExceptionName(DWORD code) {
+    switch (code) {
+        case EXCEPTION_ACCESS_VIOLATION:
+            return "access violation";
+        case EXCEPTION_BREAKPOINT:
+            return "breakpoint";
+        case EXCEPTION_ILLEGAL_INSTRUCTION:
+            return "illegal instruction";
+        case EXCEPTION_INT_DIVIDE_BY_ZERO:
+            return "integer division by zero";
+        case EXCEPTION_STACK_OVERFLOW:
+            return "stack overflow";
+        case EXCEPTION_IN_PAGE_ERROR:
+            return "page cannot be read";
+        default:
+            return {};
+    }
+}
+
+}  // namespace tessactl

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <concepts>
+#include <cstdio>
+#include <string>
+
+#include "toolbox.h"
+
+namespace tessactl {
+
+/// A text as JSON, in quotes.
+inline std::string JsonText(const std::string& text) {
+    std::string json = "\"";
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20) {
+            char escape[8] = {};
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(c));
+            json += escape;
+            continue;
+        }
+        if (c == '"' || c == '\\') json += '\\';
+        json += c;
+    }
+    return json + "\"";
+}
+
+/// The same of a wide text, in UTF-8.
+inline std::string JsonText(const std::wstring& text) {
+    return JsonText(toolbox::WstringToString(text, CP_UTF8));
+}
+
+/// A JSON object, built member by member.
+class JsonObject {
+  public:
+    JsonObject& Add(const std::string& name, const std::string& text) { return AddRaw(name, JsonText(text)); }
+    JsonObject& Add(const std::string& name, const std::wstring& text) {
+        return AddRaw(name, JsonText(text));
+    }
+    JsonObject& Add(const std::string& name, const char* text) { return Add(name, std::string(text)); }
+    JsonObject& Add(const std::string& name, bool value) { return AddRaw(name, value ? "true" : "false"); }
+    template <std::integral T>
+    JsonObject& Add(const std::string& name, T value) {
+        return AddRaw(name, std::to_string(value));
+    }
+    /// @param json is JSON already
+    JsonObject& AddRaw(const std::string& name, const std::string& json) {
+        members_ += (members_.empty() ? "" : ",") + JsonText(name) + ":" + json;
+        return *this;
+    }
+    std::string Text() const { return "{" + members_ + "}"; }
+
+  private:
+    std::string members_;
+};
+
+/// Elements that are JSON already, as an array of one line each.
+template <typename Texts>
+std::string JsonArray(const Texts& elements) {
+    std::string all;
+    for (const std::string& element : elements)
+        all += (all.empty() ? "" : ",\n ") + element;
+    return "[" + all + "]";
+}
+
+}  // namespace tessactl

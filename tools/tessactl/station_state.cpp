@@ -1,0 +1,97 @@
+#include "station_state.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+
+#include "logdevice_db.h"
+#include "quelm_orvix.h"
+#include "tessaplug_cp_environ.h"
+#include "tessaplug_database.h"
+#include "toolbox.h"
+#include "unique_handle.h"
+#include "win_interprocess.h"
+#include "win_pnp.h"
+
+namespace tessactl {
+namespace {
+
+constexpr wchar_t kGlobal[] = L"Global\\";
+
+std::vector<StationState::InterprocessObjects> ReadInterprocessObjects() {
+    interprocess::CSystemMutex mutexes;
+    std::vector<StationState::InterprocessObjects> all;
+    const auto models = tessaplug::CpInterprocessDatabaseIf::get_supported_cps();
+    for (const auto& model : *models) {
+        StationState::InterprocessObjects objects;
+        objects.mutex = kGlobal + model->Get_GlobalCiApiMutexName();
+        objects.mutexExists = static_cast<bool>(UniqueKernelHandle(mutexes.OpenMutexInstance(objects.mutex)));
+        objects.sharedMemory = kGlobal + model->Get_GlobalCiSharedMemoryName();
+        objects.sharedMemoryExists = interprocess::CSharedMemory().Exists(objects.sharedMemory);
+        all.push_back(objects);
+    }
+    return all;
+}
+
+StationState::AccessPoint ReadAccessPoint(const std::wstring& name,
+                                          const std::vector<std::string>& installed) {
+    const std::string narrow = toolbox::WstringToString(name);
+    StationState::AccessPoint point;
+    point.name = name;
+    point.installed = std::ranges::find(installed, narrow) != installed.end();
+    const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device(narrow);
+    point.exists = logDevice->Exists();
+    // Without the flag it is visible.
+    try {
+        point.hidden = point.exists && logDevice->ReadStringParameter(L"hidden") == L"true";
+    } catch (const std::runtime_error&) {
+        point.hidden = false;
+    }
+    return point;
+}
+
+}  // namespace
+
+const char* StationState::AccessPoint::State() const {
+    if (!installed) return "not installed";
+    if (!exists) return "missing";
+    return hidden ? "hidden" : "visible";
+}
+
+std::vector<StationState::Model> ReadModels(std::string& libraryError) {
+    std::vector<StationState::Model> models;
+    std::vector<std::string> installed;
+    libraryError.clear();
+    try {
+        installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
+    } catch (const std::exception& error) {
+        libraryError = error.what();
+    }
+    for (const auto& record : tessaplug::CommunicationProcessorDbIf::create_database()) {
+        StationState::Model model;
+        model.name = record->DisplayedDeviceName();
+        operating_system::plug_and_play::DeviceInterfaceFactory()
+            .create_from(record->DeviceInterfaceGuid())
+            ->Get_DeviceInterfaceDetails(model.devicePaths);
+        try {
+            for (const std::wstring& name : record->SupportedLogDevices())
+                if (libraryError.empty()) model.accessPoints.push_back(ReadAccessPoint(name, installed));
+        } catch (const std::exception& error) {
+            libraryError = error.what();
+        }
+        models.push_back(std::move(model));
+    }
+    return models;
+}
+
+StationState ReadStation() {
+    StationState state;
+    state.plugInRuns = interprocess::CSystemMutex().ProbeInstanceLock(
+        tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
+    state.interprocess = ReadInterprocessObjects();
+    state.libraryPath = quelm::ConfigurationLibraryPath(&state.libraryIsRegistered);
+    state.models = ReadModels(state.libraryError);
+    return state;
+}
+
+}  // namespace tessactl

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tessactl {
+
+/// The station at one moment, as the plug-in sees it: through the same classes.
+struct StationState {
+    struct InterprocessObjects {
+        std::wstring mutex;
+        bool mutexExists = false;
+        std::wstring sharedMemory;
+        bool sharedMemoryExists = false;
+    };
+    struct AccessPoint {
+        std::wstring name;
+        bool installed = false;
+        bool exists = false;
+        bool hidden = false;
+        /// "visible", "hidden", "missing" or "not installed".
+        const char* State() const;
+        bool operator==(const AccessPoint&) const = default;
+    };
+    struct Model {
+        std::wstring name;
+        std::vector<std::wstring> devicePaths;
+        std::vector<AccessPoint> accessPoints;
+    };
+
+    bool plugInRuns = false;
+    std::vector<InterprocessObjects> interprocess;
+    std::vector<Model> models;
+    std::wstring libraryPath;
+    bool libraryIsRegistered = false;
+    std::string libraryError;  ///< why the access points are not known; empty if they are
+};
+
+/// Looks at everything. What cannot be had is missing in the result; nothing is thrown for it.
+StationState ReadStation();
+
+/// Adapters and access points only.
+std::vector<StationState::Model> ReadModels(std::string& libraryError);
+
+}  // namespace tessactl

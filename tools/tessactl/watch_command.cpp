@@ -1,0 +1,156 @@
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cwchar>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+#include "evlog_check.h"
+#include "json.h"
+#include "station_state.h"
+#include "toolbox.h"
+
+namespace tessactl {
+namespace {
+
+using Models = std::vector<StationState::Model>;
+
+/// Prints events, from any thread.
+class Printer {
+  public:
+    explicit Printer(bool json) : json_(json) {}
+    void Print(const char* event, const std::wstring& what, const std::wstring& text) {
+        const std::lock_guard guard(lock_);
+        SYSTEMTIME now = {};
+        ::GetLocalTime(&now);
+        char time[16] = {};
+        std::snprintf(time, sizeof time, "%02d:%02d:%02d.%03d", now.wHour, now.wMinute, now.wSecond,
+                      now.wMilliseconds);
+        if (json_)
+            std::printf("%s\n", JsonObject()
+                                    .Add("time", time)
+                                    .Add("event", event)
+                                    .Add("what", what)
+                                    .Add("text", text)
+                                    .Text()
+                                    .c_str());
+        else
+            std::printf("%s  %-12s  %-28ls  %ls\n", time, event, what.c_str(), text.c_str());
+        std::fflush(stdout);
+    }
+
+  private:
+    const bool json_;
+    std::mutex lock_;
+};
+
+/// Prints the driver's records on a thread of its own, while it lives.
+class DriverMessages {
+  public:
+    explicit DriverMessages(Printer& printer) : printer_(printer) {
+        log_.Open();
+        thread_ = std::thread([this] { Read(); });
+    }
+    ~DriverMessages() {
+        ends_ = true;
+        log_.CancelRead();
+        thread_.join();
+    }
+    DriverMessages(const DriverMessages&) = delete;
+    DriverMessages& operator=(const DriverMessages&) = delete;
+
+  private:
+    void Read() {
+        operating_system::EventRecordParser parser(std::make_shared<operating_system::FilterChain>(
+            operating_system::FilterChain{std::make_shared<operating_system::Fenlu3>()}));
+        std::vector<operating_system::UserMessage> messages;
+        while (!ends_) {
+            try {
+                const auto buffer = log_.BlockingRead();
+                if (buffer.empty() && !ends_) ::Sleep(1000);  // the log cannot be read just now
+                parser.Process(buffer, messages);
+            } catch (const std::exception& error) {
+                printer_.Print("problem", L"driver messages", toolbox::StringToWstring(error.what()));
+            }
+            for (const auto& message : messages)
+                printer_.Print("message", message.source,
+                               SeverityName(message.severity) + WithoutLineEnd(message.message));
+            messages.clear();
+        }
+    }
+    static std::wstring SeverityName(DWORD severity) {
+        switch (severity) {
+            case 1:
+                return L"information: ";
+            case 2:
+                return L"warning: ";
+            case 3:
+                return L"error: ";
+            default:
+                return L"";
+        }
+    }
+    static std::wstring WithoutLineEnd(std::wstring text) {
+        while (text.ends_with(L'\n') || text.ends_with(L'\r'))
+            text.pop_back();
+        return text;
+    }
+
+    Printer& printer_;
+    operating_system::EventLog log_{L"System"};
+    std::atomic<bool> ends_ = false;
+    std::thread thread_;
+};
+
+void PrintMissing(Printer& printer, const char* event, const std::wstring& model,
+                  const std::vector<std::wstring>& paths, const std::vector<std::wstring>& without) {
+    for (const std::wstring& path : paths)
+        if (std::ranges::find(without, path) == without.end()) printer.Print(event, model, path);
+}
+
+void PrintChanges(Printer& printer, const Models& before, const Models& after) {
+    for (std::size_t i = 0; i < after.size(); ++i) {
+        PrintMissing(printer, "arrival", after[i].name, after[i].devicePaths, before[i].devicePaths);
+        PrintMissing(printer, "removal", after[i].name, before[i].devicePaths, after[i].devicePaths);
+        for (const auto& point : after[i].accessPoints)
+            if (std::ranges::find(before[i].accessPoints, point) == before[i].accessPoints.end())
+                printer.Print("access point", point.name, toolbox::StringToWstring(point.State()));
+    }
+}
+
+}  // namespace
+
+ExitCode Watch(const Arguments& arguments) {
+    Arguments rest = arguments;
+    const bool json = TakeJson(rest);
+    ULONGLONG seconds = 0;
+    if (rest.size() == 2 && rest[0] == L"--seconds") {
+        seconds = std::wcstoul(rest[1].c_str(), nullptr, 10);
+        if (seconds == 0) return UsageError(L"the number of seconds is not understood: " + rest[1]);
+    } else if (!rest.empty()) {
+        return UsageError(L"not understood: " + rest[0]);
+    }
+    constexpr DWORD kStepMs = 100;
+    const ULONGLONG end = ::GetTickCount64() + 1000 * seconds;
+    Printer printer(json);
+    const DriverMessages messages(printer);
+    std::string error;
+    Models before = ReadModels(error);
+    printer.Print("watching", error.empty() ? L"everything" : L"adapters and messages only",
+                  toolbox::StringToWstring(error));
+    while (seconds == 0 || ::GetTickCount64() < end) {
+        ::Sleep(kStepMs);
+        Models after = ReadModels(error);
+        PrintChanges(printer, before, after);
+        before = std::move(after);
+    }
+    return ExitCode::kSuccess;
+}
+
+}  // namespace tessactl
