@@ -51,7 +51,7 @@ PYTHON
 }
 # Plugs or unplugs a model and waits for its access points.
 plug() { # plug|unplug MODEL LISTED-NAME visible|hidden
-    run q5config watch 3 >"$WINEPREFIX/changes" &
+    run q5config watch 10 5 >"$WINEPREFIX/changes" &
     local watcher=$!
     sleep 0.5 # until the watch has begun
     local request

@@ -28,7 +28,9 @@ int Usage() {
         L"                                   with --empty without log devices and template\n"
         L"  wipe                             deletes the store\n"
         L"  list [--json]                    shows the log devices\n"
-        L"  watch [SECONDS]                  prints every change as it happens\n"
+        L"  watch [SECONDS [COUNT]]          prints every change as it happens, until the time is over or so "
+        L"many\n"
+        L"                                   were seen\n"
         L"  create NAME [PARAMETER=VALUE...] makes a log device\n"
         L"  delete NAME                      deletes it\n"
         L"  get NAME PARAMETER               prints a parameter\n"
@@ -146,15 +148,25 @@ void PrintChange(const std::wstring& name, const std::wstring& state) {
     std::fflush(stdout);
 }
 
-void PrintChanges(const States& before, const States& after) {
-    for (const auto& entry : after)
-        if (std::ranges::find(before, entry) == before.end()) PrintChange(entry.first, entry.second);
-    for (const auto& entry : before)
-        if (std::ranges::find(after, entry.first, &States::value_type::first) == after.end())
-            PrintChange(entry.first, L"deleted");
+/// @return how many there are
+unsigned long PrintChanges(const States& before, const States& after) {
+    unsigned long count = 0;
+    for (const auto& entry : after) {
+        if (std::ranges::find(before, entry) != before.end()) continue;
+        PrintChange(entry.first, entry.second);
+        ++count;
+    }
+    for (const auto& entry : before) {
+        if (std::ranges::find(after, entry.first, &States::value_type::first) != after.end()) continue;
+        PrintChange(entry.first, L"deleted");
+        ++count;
+    }
+    return count;
 }
 
-int Watch(DWORD seconds) {
+/// @param seconds, count 0 for no limit
+int Watch(DWORD seconds, unsigned long count) {
+    unsigned long seen = 0;
     const LogDeviceStore store;
     HKEY key = nullptr;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, store.LogDevicesKey().c_str(), 0, KEY_READ, &key) !=
@@ -168,10 +180,10 @@ int Watch(DWORD seconds) {
                                       TRUE) != ERROR_SUCCESS)
             break;                        // the store was wiped
         States after = AllStates(store);  // after the registration, so that no change falls between
-        PrintChanges(before, after);
+        seen += PrintChanges(before, after);
         before = std::move(after);
         const ULONGLONG now = ::GetTickCount64();
-        if (seconds != 0 && now >= end) break;
+        if ((seconds != 0 && now >= end) || (count != 0 && seen >= count)) break;
         ::WaitForSingleObject(changed, seconds == 0 ? INFINITE : static_cast<DWORD>(end - now));
     }
     ::CloseHandle(changed);
@@ -224,7 +236,9 @@ int Run(const std::vector<std::wstring>& arguments) {
     if (command == L"init") return Init(count == 2 && arguments[1] == L"--empty");
     if (command == L"wipe") return Report(LogDeviceStore().Wipe(), L"wipe");
     if (command == L"list") return List(count == 2 && arguments[1] == L"--json");
-    if (command == L"watch") return Watch(count == 2 ? std::wcstoul(arguments[1].c_str(), nullptr, 10) : 0);
+    if (command == L"watch" && count <= 3)
+        return Watch(count >= 2 ? std::wcstoul(arguments[1].c_str(), nullptr, 10) : 0,
+                     count == 3 ? std::wcstoul(arguments[2].c_str(), nullptr, 10) : 0);
     if (command == L"create" && count >= 2) return CreateLogDevice(arguments);
     if (command == L"delete" && count == 2)
         return Report(LogDeviceStore().Delete(Stored(arguments[1])), arguments[1]);
