@@ -141,7 +141,7 @@ void Deliver(const Consumer& consumer, const TraceFileRecord& record) {
     consumer.callback(&event);
 }
 
-/// A record that is cut off at the end, by a process that was killed, ends the reading.
+/// A record that is cut off, by a process that was killed, ends the reading; what is before it is delivered.
 ULONG WINAPI Process(PTRACEHANDLE handles, ULONG count, LPFILETIME, LPFILETIME) {
     if (handles == nullptr || count != 1) return ERROR_INVALID_PARAMETER;
     Consumer consumer;
@@ -162,7 +162,7 @@ ULONG WINAPI Process(PTRACEHANDLE handles, ULONG count, LPFILETIME, LPFILETIME) 
         Deliver(consumer, *reinterpret_cast<const TraceFileRecord*>(aligned.data()));
         at += head.size;
     }
-    return ERROR_SUCCESS;
+    return at == consumer.recording.size() ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
 }
 
 ULONG WINAPI Close(TRACEHANDLE handle) {

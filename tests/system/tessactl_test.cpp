@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -26,7 +27,20 @@ bool Contains(const CommandResult& result, const std::string& text) {
     return result.output.find(text) != std::string::npos;
 }
 
-using Tessactl = system_tests::Station;
+const std::wstring kFile = L"C:\\windows\\temp\\tessactl_test.etl";
+
+class Tessactl : public system_tests::Station {
+  protected:
+    ~Tessactl() override { ::DeleteFileW(kFile.c_str()); }
+    static std::string NarrowFile() { return {kFile.begin(), kFile.end()}; }
+    static void WriteFile(const std::string& content) {
+        std::ofstream(NarrowFile(), std::ios::binary) << content;
+    }
+    static std::string ReadFile() {
+        std::ifstream file(NarrowFile(), std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+};
 
 }  // namespace
 
@@ -159,10 +173,27 @@ TEST_F(Tessactl, WorksWithoutTheService) {
 
 TEST_F(Tessactl, RecordingsThatCannotBeReadAreTold) {
     EXPECT_EQ(Tool(L"trace decode \"C:\\no such.etl\"").exitCode, 1u);
-    const std::wstring path = L"C:\\windows\\temp\\foreign.etl";
-    std::ofstream(std::string(path.begin(), path.end()), std::ios::binary) << "something else";
-    EXPECT_EQ(Tool(L"trace decode " + path).exitCode, 1u);
-    ::DeleteFileW(path.c_str());
+    WriteFile("something else");
+    EXPECT_TRUE(Contains(Tool(L"trace decode " + kFile), "is no trace recording"));
+    WriteFile("");
+    EXPECT_TRUE(Contains(Tool(L"trace decode " + kFile), "is no trace recording"));
+}
+
+TEST_F(Tessactl, RecordingThatIsCutOffIsShownUpToThere) {
+    EXPECT_EQ(Tool(L"trace start --file " + kFile).exitCode, 0u);
+    StartService();
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    const CommandResult whole = Tool(L"trace decode " + kFile);
+    EXPECT_EQ(whole.exitCode, 0u);
+    const std::string recording = ReadFile();
+    for (const std::size_t missing : {std::size_t{1}, recording.size() / 2}) {
+        WriteFile(recording.substr(0, recording.size() - missing));
+        const CommandResult cut = Tool(L"trace decode " + kFile);
+        EXPECT_EQ(cut.exitCode, 1u);
+        EXPECT_TRUE(Contains(cut, "is cut off or damaged; what comes before that is shown."));
+        EXPECT_TRUE(Contains(cut, whole.output.substr(0, whole.output.find('\n'))));
+    }
+    EXPECT_TRUE(Contains(Tool(L"trace decode --format chrome " + kFile), "\"traceEvents\""));
 }
 
 TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {

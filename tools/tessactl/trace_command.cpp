@@ -137,15 +137,22 @@ ExitCode DecodeRecording(const Arguments& arguments) {
     }
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
-    ReadRecording(file, [&](const RecordedMessage& message) {
-        const DecodedMessage decoded = Decode(catalog, message);
-        if (format == L"chrome")
-            chrome.Add(message, decoded);
-        else
-            output << TextLine(message, decoded) << "\n";
-    });
+    ExitCode result = ExitCode::kSuccess;
+    try {
+        ReadRecording(file, [&](const RecordedMessage& message) {
+            const DecodedMessage decoded = Decode(catalog, message);
+            if (format == L"chrome")
+                chrome.Add(message, decoded);
+            else
+                output << TextLine(message, decoded) << "\n";
+        });
+    } catch (const ToolError& error) {
+        // What was read so far is written all the same.
+        std::fprintf(stderr, "tessactl: %s\n", error.what());
+        result = ExitCode::kFailed;
+    }
     if (format == L"chrome") output << chrome.Finish();
-    return ExitCode::kSuccess;
+    return result;
 }
 
 }  // namespace

@@ -120,6 +120,9 @@ void ReadRecording(const std::wstring& file, const std::function<void(const Reco
     }
     const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
     ::CloseTrace(handle);
+    if (result == ERROR_FILE_CORRUPT)
+        throw ToolError(toolbox::WstringToString(file) +
+                        " is cut off or damaged; what comes before that is shown.");
     if (result != ERROR_SUCCESS)
         throw ToolError("Reading " + toolbox::WstringToString(file) + " failed with error " +
                         std::to_string(result));

@@ -21,7 +21,8 @@ struct RecordedMessage {
 };
 
 /// Calls `use` with every message of a recording, in order.
-/// @throws ToolError if the file cannot be opened or is no recording
+/// @throws ToolError if the file cannot be opened or is no recording; if it is damaged, after the messages
+/// before that
 void ReadRecording(const std::wstring& file, const std::function<void(const RecordedMessage&)>& use);
 
 /// A message in words.

@@ -204,7 +204,7 @@ TEST_F(Tracing, FileThatIsCutOffIsReadAsFarAsItGoes) {
     ::SetEndOfFile(file);
     ::CloseHandle(file);
 
-    EXPECT_EQ(ReadBack(), 0u);
+    EXPECT_EQ(ReadBack(), static_cast<ULONG>(ERROR_FILE_CORRUPT));
     EXPECT_EQ(records.size(), 1u);
 }
 
