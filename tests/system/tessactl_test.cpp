@@ -103,6 +103,7 @@ TEST_F(Tessactl, ShowsAndHidesOneAccessPoint) {
     EXPECT_EQ(State(L"NX4120.AUTO.1"), L"hidden");
     EXPECT_EQ(Tool(L"hide NX4120(XLI)").output, "NX4120(XLI) is hidden now.\n");
     EXPECT_EQ(State(L"NX4120.XLI.1"), L"hidden");
+    EXPECT_EQ(Tool(L"show NX4120(XLI) --json").output, "{\"name\":\"NX4120(XLI)\",\"hidden\":false}\n");
 }
 
 TEST_F(Tessactl, RefusesAccessPointsThatAreNotThere) {

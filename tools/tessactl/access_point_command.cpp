@@ -7,6 +7,7 @@
 #include <string>
 
 #include "commands.h"
+#include "json.h"
 #include "logdevice_db.h"
 #include "tmf_catalog.h"
 #include "toolbox.h"
@@ -20,8 +21,10 @@ ExitCode Refuse(const std::string& name, const char* why) {
 }
 
 ExitCode SetHidden(const Arguments& arguments, bool hidden) {
-    if (arguments.size() != 1) return UsageError(L"the name of one access point, please");
-    const std::string name = toolbox::WstringToString(arguments[0]);
+    Arguments rest = arguments;
+    const bool json = TakeJson(rest);
+    if (rest.size() != 1) return UsageError(L"the name of one access point, please");
+    const std::string name = toolbox::WstringToString(rest[0]);
     const auto installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
     if (std::ranges::find(installed, name) == installed.end())
         return Refuse(
@@ -41,7 +44,10 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
         std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", error.what());
         return ExitCode::kNoRights;
     }
-    std::printf("%s is %s now.\n", name.c_str(), hidden ? "hidden" : "visible");
+    if (json)
+        std::printf("%s\n", JsonObject().Add("name", rest[0]).Add("hidden", hidden).Text().c_str());
+    else
+        std::printf("%s is %s now.\n", name.c_str(), hidden ? "hidden" : "visible");
     return ExitCode::kSuccess;
 }
 

@@ -27,10 +27,10 @@ constexpr Command kCommands[] = {
      L"      goes through what has to be true for an access point to show; says what is wrong and what to "
      L"do\n"},
     {L"show", &ShowAccessPoint,
-     L"  show NAME\n"
+     L"  show NAME [--json]\n"
      L"      makes an installed access point visible, e.g. show \"NX4120(XLI)\"\n"},
     {L"hide", &HideAccessPoint,
-     L"  hide NAME\n"
+     L"  hide NAME [--json]\n"
      L"      hides it\n"},
     {L"watch", &Watch,
      L"  watch [--seconds N] [--json]\n"
