@@ -18,7 +18,6 @@ using adapter_control::Unplug;
 using station_manager::ComponentStore;
 using station_manager::MakeComponent;
 using test_support::Answer;
-using test_support::Eventually;
 using test_support::FindMessageBox;
 using test_support::kFatalErrorTitle;
 using test_support::MessageOf;

@@ -16,7 +16,6 @@ using adapter_control::Report;
 using adapter_control::Unplug;
 using test_support::CommandResult;
 using test_support::ConfigurationLibraryLocation;
-using test_support::Eventually;
 using test_support::RunCommand;
 
 CommandResult Tool(const std::wstring& arguments) {

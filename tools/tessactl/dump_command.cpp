@@ -51,7 +51,7 @@ ExitCode Info(const DumpFile& dump, bool json) {
         std::printf("%s\n", object.Text().c_str());
         return ExitCode::kSuccess;
     }
-    std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / (1024 * 1024),
+    std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / 1024 / 1024,
                 static_cast<unsigned long long>(dump.ThreadCount()),
                 static_cast<unsigned long long>(dump.Modules().size()));
     if (!exception) {
