@@ -84,7 +84,8 @@ heading "Plugging in an NX4120"
 run tessactl status >"$WINEPREFIX/status"
 plug plug NX4120 NX4120 visible
 echo "what tessactl status tells, before and after:"
-run tessactl status | diff "$WINEPREFIX/status" - || true
+run tessactl status >"$WINEPREFIX/status.new"
+diff "$WINEPREFIX/status" "$WINEPREFIX/status.new" && fail "tessactl status shows no difference"
 
 heading "Plugging in a Fennlink U3, with its trace"
 run tessactl trace start --level 4 --flags 9
@@ -140,6 +141,7 @@ display_press "$box" Return || fail "the box with the dump's path was not answer
 wait_for NX4120 hidden
 run tessactl trace stop
 dump=$(run tessactl trace decode | sed -n 's/.* error_handler  *Dump //p')
+[ -n "$dump" ] || fail "the trace does not tell of the dump"
 echo "the dump: $dump"
 run tessactl dump info "$dump"
 run tessactl dump history "$dump" || fail "the dump has no history"

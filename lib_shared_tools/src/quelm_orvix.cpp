@@ -89,9 +89,10 @@ void CheckLoaded(Function* entry) {
 std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     FUNCTION_TRACE();
     PathBuffer path = {};
-    const bool registered = !IsEmulated32BitProcess() && ReadBaseFolderFromRegistry(path);
+    const bool emulated = IsEmulated32BitProcess();
+    const bool registered = !emulated && ReadBaseFolderFromRegistry(path);
     if (isRegistered != nullptr) *isRegistered = registered;
-    if (IsEmulated32BitProcess()) return kFileName;
+    if (emulated) return kFileName;
     if (!registered && !DefaultBaseFolder(path)) return {};
     // A path that does not fit ends the process here: the bounded functions do not cut off.
     ::wcscat_s(path, MAX_PATH, L"\\");

@@ -16,8 +16,7 @@ namespace {
 
 /// The two states in which a component may be stopped.
 bool MayBeStopped(const StationComponentInfo& component) {
-    constexpr ULONG kStoppable[] = {0x201, 0x205};
-    return component.ulStatus == kStoppable[0] || component.ulStatus == kStoppable[1];
+    return component.ulStatus == 0x201 || component.ulStatus == 0x205;
 }
 
 }  // namespace

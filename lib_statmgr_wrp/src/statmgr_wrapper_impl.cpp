@@ -1,6 +1,5 @@
 #include "statmgr_wrapper_impl.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>

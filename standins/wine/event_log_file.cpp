@@ -97,7 +97,6 @@ class LockedLog {
     }
 
     const Header& header() const { return header_; }
-    explicit operator bool() const { return static_cast<bool>(file_); }
 
     bool ReadBytes(ULONGLONG offset, void* buffer, DWORD size) const {
         return offset >= header_.base && offset + size <= header_.end &&
