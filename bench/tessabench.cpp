@@ -526,6 +526,7 @@ void MeasureStartAndStop() {
 }
 
 void MeasureDump() {
+    LoadWineGap();
     operating_system::MemoryDump dump;
     const double time = MillisecondsOf([&dump] {
         if (!dump.Create(L"tessabench.exe")) throw std::runtime_error("no dump can be written");
@@ -618,9 +619,7 @@ int wmain(int argc, wchar_t** argv) {
         else if (what == L"init")
             MeasureInitOnce();
         else
-            return std::fputs("usage: tessabench trace|handler|visible|hidden|init; see scripts/bench.sh\n",
-                              stderr),
-                   2;
+            return std::fputs("usage: tessabench WHAT; scripts/bench.sh runs them all\n", stderr), 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tessabench: %s\n", error.what());
         return 1;

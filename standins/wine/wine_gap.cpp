@@ -16,8 +16,8 @@ DWORD Start() {
     ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
                          reinterpret_cast<const wchar_t*>(&Start), &self);
     for (const auto& replacements :
-         {DeviceNotificationReplacements(), EventLogReplacements(), SessionReplacements(),
-          TraceProviderReplacements(), TraceControllerReplacements()})
+         {DeviceNotificationReplacements(), EventLogReplacements(), MemoryDumpReplacements(),
+          SessionReplacements(), TraceProviderReplacements(), TraceControllerReplacements()})
         if (const DWORD result = ReplaceAll(replacements); result != ERROR_SUCCESS) return result;
     if (const DWORD result = StartDeviceNotifications(); result != ERROR_SUCCESS) return result;
     return StartTraceProviders();

@@ -15,6 +15,8 @@ DWORD StartDeviceNotifications();
 
 std::vector<Replacement> EventLogReplacements();
 
+std::vector<Replacement> MemoryDumpReplacements();
+
 std::vector<Replacement> SessionReplacements();
 
 std::vector<Replacement> TraceProviderReplacements();

@@ -10,6 +10,7 @@
 #include "exception_history.h"
 #include "modul_assert.h"
 #include "trace_point.h"
+#include "wine_gap_loader.h"
 
 TRACE_SOURCE("tests\\support\\programs\\asserts_and_dumps", "4b6d0c92-8f17-4e3a-a5c1-9d2e7f60b834",
              trace::kModule);
@@ -49,6 +50,7 @@ void _ModulAssert(const wchar_t* expression, const wchar_t* sourcePath, unsigned
 void _ModulSysLog_00(unsigned int, unsigned int) {}
 
 int wmain() {
+    LoadWineGap();
     modul_exception::InitializeExceptionHistory();
     for (int number = 1; number <= 7; ++number)
         ThrowNumber(number);
