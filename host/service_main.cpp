@@ -31,13 +31,13 @@ class HostService {
 
     void Run() {
         LoadWineGap();
+        stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         statusHandle_ = ::RegisterServiceCtrlHandlerExW(options_.name.c_str(), &HandleControl, this);
         if (statusHandle_ == nullptr) {
             Log().Write(L"The service handler cannot be registered, error " +
                         std::to_wstring(::GetLastError()));
             return;
         }
-        stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         Report(SERVICE_START_PENDING, 1, 3000);
         try {
             Serve();
@@ -68,12 +68,17 @@ class HostService {
         plugIn->cleanup();
         SetPlugIn(nullptr);
         plugIn.reset();
-        Log().Write(L"The plug-in is unloaded");
+        const bool unloaded = ::GetModuleHandleW(options_.plugIn.c_str()) == nullptr;
+        Log().Write(unloaded ? L"The plug-in is unloaded"
+                             : L"The plug-in stays loaded: a thread is still in it");
         // Last of all: the service manager may end the process from here on.
         if (started)
             ReportStopped(NO_ERROR, 0);
         else
             ReportStopped(ERROR_SERVICE_SPECIFIC_ERROR, kPlugInRefused);
+        // The thread ends with the process. An orderly end would have the plug-in wait for it once more and
+        // keep its instance lock meanwhile: a restart would be refused.
+        if (!unloaded) ::TerminateProcess(::GetCurrentProcess(), NO_ERROR);
     }
 
     /// The plug-in as the control handler sees it. The handler holds a reference of its own while it

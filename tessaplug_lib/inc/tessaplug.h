@@ -3,7 +3,7 @@
  *
  * A host service loads the library, resolves the three functions below and drives it with them. The host owns
  * the service: its status handle, the control dispatcher and the transitions to running and stopped. The
- * plug-in starts two threads at most and returns from tessaplug_cleanup when they have ended.
+ * plug-in starts two threads at most and ends them in tessaplug_cleanup.
  *
  * Life cycle, once per load of the library:
  *
@@ -56,14 +56,18 @@ typedef void(WINAPI* TESSAPLUG_STATUS_CALLBACK)(void* hostContext, SERVICE_STATU
  * @return 1 if started. 0 if not: a parameter was refused, another process on this machine runs the plug-in,
  *     the plug-in was started before in this process (also if it was cleaned up since: unload and load the
  *     library), or a start step failed, in which case what it had built is undone. The reason is in the
- * trace; either outcome is in the Application log.
+ *     trace; either outcome is in the Application log.
  */
 DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatusHandle,
                             TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved);
 
 /**
  * Stops the plug-in: waits for a device event that is being handled, then closes what tessaplug_init opened.
- * Returns quietly if the plug-in does not run. The single-instance lock is held until the process ends.
+ * Takes two to three seconds. Returns quietly if the plug-in does not run. The single-instance lock is held
+ * until the process ends.
+ *
+ * While a driver's error is shown, one thread waits for the user's answer: it is left, and the library stays
+ * loaded from then on, whoever frees it.
  */
 void WINAPI tessaplug_cleanup(void);
 

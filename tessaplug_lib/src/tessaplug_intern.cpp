@@ -72,6 +72,15 @@ const char* PowerSettingName(const GUID& setting) {
     return "UNKNOWN! PWR SETTING GUID!";
 }
 
+/// The host frees the library after the clean-up: a thread that is still in it, as while a message box of its
+/// is open, would come back to code that is gone.
+void KeepModuleLoaded() {
+    HMODULE module = nullptr;
+    if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                              reinterpret_cast<const wchar_t*>(&KeepModuleLoaded), &module))
+        TRACE_ERROR(37, "GetModuleHandleExW() failed, LE(%u)", ::GetLastError());
+}
+
 }  // namespace
 
 Service::Service(ServiceCollaborators collaborators)
@@ -302,7 +311,10 @@ void Service::DeleteMonitorThread(bool failSafe) {
     }
     TRACE_WARNING(36, "The event-log monitor's thread is still there");
     eventLogMonitor_->Stop(true);
-    if (!failSafe) return;
+    if (!failSafe) {
+        KeepModuleLoaded();
+        return;
+    }
     // The library's code is about to go: release the monitor and let it leave that code. Its thread cannot
     // end before the loader's lock is free, so it cannot be joined.
     constexpr DWORD kStepMs = 50;
