@@ -51,6 +51,11 @@ std::optional<Options> ParseOptions(const std::vector<std::wstring>& arguments) 
             UsageError(L"option " + argument + L" needs a value");
             return std::nullopt;
         }
+        // Either would end the quotes of the service's command line in the wrong place.
+        if (arguments[i + 1].find(L'"') != std::wstring::npos || arguments[i + 1].ends_with(L'\\')) {
+            UsageError(L"the value of " + argument + L" may neither hold a quotation mark nor end in \\");
+            return std::nullopt;
+        }
         *value = arguments[++i];
     }
     return options;

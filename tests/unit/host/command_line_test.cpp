@@ -73,6 +73,8 @@ TEST_F(CommandLine, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(Run({L"install", L"--plug-in", L"x"}), ExitCode::kUsage);
     EXPECT_EQ(Run({L"install", L"--plugin"}), ExitCode::kUsage);
     EXPECT_EQ(Run({L"install", L"--plugin", L""}), ExitCode::kUsage);
+    EXPECT_EQ(Run({L"install", L"--name", L"a\" b"}), ExitCode::kUsage);
+    EXPECT_EQ(Run({L"install", L"--log", L"C:\\logs\\"}), ExitCode::kUsage);
     EXPECT_EQ(handlers_.called, L"");
 }
 
