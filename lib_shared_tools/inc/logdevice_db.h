@@ -18,8 +18,7 @@ namespace korvane {
 class LogDeviceName {
   public:
     /// @throws std::invalid_argument if the name is empty, has 128 characters or more, or begins like a
-    /// temporary
-    ///     name without being one
+    ///     temporary name without being one
     explicit LogDeviceName(const std::string& name);
     virtual ~LogDeviceName() = default;
 

@@ -10,9 +10,8 @@ namespace interprocess {
 /// Creates and opens named mutexes and events that every user may open. A name has at most 260 characters
 /// (MAX_PATH), with "Global\" where that is put in front.
 ///
-/// Every handle it returns belongs to the
-/// caller, who closes it with CloseHandle. Has no state; safe from any thread. Each narrow overload widens
-/// the name and forwards.
+/// Every handle it returns belongs to the caller, who closes it with CloseHandle. Has no state; safe from any
+/// thread. Each narrow overload widens the name and forwards.
 class CSystemMutex {
   public:
     virtual ~CSystemMutex() = default;

@@ -56,8 +56,7 @@ class EventLogFile {
     /// skipped.
     /// @param needed size of the next record if not even one fits
     /// @return ERROR_SUCCESS, ERROR_HANDLE_EOF, ERROR_INSUFFICIENT_BUFFER, or ERROR_EVENTLOG_FILE_CHANGED if
-    /// the log
-    ///         was cleared since the position was taken
+    ///     the log was cleared since the position was taken
     DWORD Read(ReadPosition& position, void* buffer, DWORD size, DWORD& read, DWORD& needed) const;
 
   private:

@@ -30,6 +30,7 @@ inline CommandResult RunCommand(const std::wstring& commandLine) {
     CommandResult result;
     const BOOL created = ::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                           &startup, &process);
+    const DWORD createError = ::GetLastError();
     ::CloseHandle(write);
     if (created) {
         char buffer[4096];
@@ -42,6 +43,7 @@ inline CommandResult RunCommand(const std::wstring& commandLine) {
         ::CloseHandle(process.hThread);
         ::CloseHandle(process.hProcess);
     }
+    if (!created) result.output = "not started, error " + std::to_string(createError);
     ::CloseHandle(read);
     return result;
 }
