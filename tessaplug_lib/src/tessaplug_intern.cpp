@@ -75,6 +75,7 @@ const char* PowerSettingName(const GUID& setting) {
 /// The host frees the library after the clean-up: a thread that is still in it, as while a message box of its
 /// is open, would come back to code that is gone.
 void KeepModuleLoaded() {
+    FUNCTION_TRACE();
     HMODULE module = nullptr;
     if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
                               reinterpret_cast<const wchar_t*>(&KeepModuleLoaded), &module))
