@@ -11,9 +11,13 @@ namespace trace {
 
 /// Traces entry and exit of the function on whose stack it stands; an exit by exception is traced too. Every
 /// function of the program that has a name opens one first (FUNCTION_TRACE). The names are copied into the
-/// object, without allocation; what does not fit is cut off.
+/// object, without allocation; what does not fit is cut off, which FUNCTION_TRACE lets no function's name be.
 class FunctionTrace {
   public:
+    /// Room for a name with its terminating zero.
+    static constexpr std::size_t kNameSize = 128;
+    static constexpr std::size_t kFileSize = 48;
+
     /// @param functionName full name, e.g. "operating_system::EventLog::Open"
     /// @param sourcePath built-in source path; only the part behind its last backslash is kept
     FunctionTrace(const char* functionName, const char* sourcePath) noexcept
@@ -44,8 +48,8 @@ class FunctionTrace {
     void TraceEntry() const noexcept;
     void TraceExit() const noexcept;
 
-    char functionName_[128];
-    char fileName_[48];
+    char functionName_[kNameSize];
+    char fileName_[kFileSize];
 };
 
 }  // namespace trace
@@ -53,5 +57,6 @@ class FunctionTrace {
 /// Opens the function trace of the function it stands in.
 #define FUNCTION_TRACE()                                                                        \
     DECLARE_FUNCTION_NAME(tracedFunction);                                                      \
+    static_assert(sizeof tracedFunction.text <= trace::FunctionTrace::kNameSize);               \
     static constexpr trace::FunctionTrace::SourceFile tracedFile{trace::BaseName(kSourcePath)}; \
     const trace::FunctionTrace functionTrace(tracedFunction.text, tracedFile)

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "function_trace.h"
 #include "modul_assert.h"
 
 namespace interprocess {
@@ -31,6 +32,7 @@ class Executor {
     /// @throws std::system_error if the thread cannot be created
     template <typename... Args>
     explicit Executor(Args&&... args) : stopFlag_(std::make_shared<std::atomic<bool>>(true)) {
+        const trace::FunctionTrace functionTrace("interprocess::Executor::Executor", kSource);
         ThreadBody::HandleThreadStart(std::forward<Args>(args)...);
         *stopFlag_ = false;
         try {
@@ -43,6 +45,7 @@ class Executor {
 
     /// Asks the thread to end and waits for it.
     ~Executor() {
+        const trace::FunctionTrace functionTrace("interprocess::Executor::~Executor", kSource);
         try {
             *stopFlag_ = true;
             ThreadBody::HandleThreadStop();
@@ -57,6 +60,8 @@ class Executor {
     }
 
   private:
+    static constexpr char kSource[] = "lib_shared_tools\\inc\\thread_executor";
+
     StopFlag stopFlag_;
     std::thread thread_;
 };

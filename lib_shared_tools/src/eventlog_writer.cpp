@@ -18,6 +18,7 @@ namespace {
 constexpr wchar_t kApplicationLogKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\Application";
 
 WORD EventLogTypeFrom(unsigned int level) {
+    FUNCTION_TRACE();
     switch (level) {
         case 1:
             return EVENTLOG_INFORMATION_TYPE;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "function_trace.h"
 #include "trace_point.h"
 
 TRACE_SOURCE("lib_shared_tools\\src\\exception_history", "9d6ce0aa-32f5-4a3c-8a53-5a0c6a1c1f02",
@@ -53,6 +54,7 @@ void CleanupExceptionHistory() {
 
 void RecordException(const std::exception& exception, const char* expressionText, const char* sourcePath,
                      const char* functionName, unsigned int line) noexcept {
+    FUNCTION_TRACE();
     const char* file = sourcePath != nullptr ? trace::BaseName(sourcePath) : nullptr;
     TRACE_VERBOSE(10, "throw %s in %s(%u) %s", expressionText, file, line, functionName);
     const HistoryLock lock;

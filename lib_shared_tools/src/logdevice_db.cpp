@@ -24,23 +24,27 @@ namespace {
 constexpr std::size_t kMaxNameLength = 128;
 
 std::string Trimmed(const std::string& text) {
+    FUNCTION_TRACE();
     const std::size_t first = text.find_first_not_of(' ');
     if (first == std::string::npos) return {};
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
 bool IsClassicLogName(const std::string& normalised) {
+    FUNCTION_TRACE();
     static const std::regex kClassic(R"(^.*\(.*\)$)");
     return std::regex_match(normalised, kClassic);
 }
 
 bool IsNewLogName(const std::string& normalised) {
+    FUNCTION_TRACE();
     static const std::regex kNew(R"(^.*\..*\.\d$)");
     return std::regex_match(normalised, kNew);
 }
 
 /// Each 8-bit character widened.
 std::wstring Widened(const std::string& text) {
+    FUNCTION_TRACE();
     std::wstring wide;
     for (const char c : text)
         wide += static_cast<wchar_t>(static_cast<unsigned char>(c));

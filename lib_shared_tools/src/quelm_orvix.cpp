@@ -34,11 +34,13 @@ constexpr wchar_t kOnlyTemplateType[] = L"DefaultLogDevices";
 using PathBuffer = wchar_t[MAX_PATH];
 
 bool IsEmulated32BitProcess() {
+    FUNCTION_TRACE();
     BOOL emulated = FALSE;
     return ::IsWow64Process(::GetCurrentProcess(), &emulated) && emulated;
 }
 
 bool ReadBaseFolderFromRegistry(PathBuffer& folder) {
+    FUNCTION_TRACE();
     HKEY opened = nullptr;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kBaseFolderKey, 0, KEY_READ, &opened) != ERROR_SUCCESS)
         return false;
@@ -54,6 +56,7 @@ bool ReadBaseFolderFromRegistry(PathBuffer& folder) {
 }
 
 bool DefaultBaseFolder(PathBuffer& folder) {
+    FUNCTION_TRACE();
     if (!::SHGetSpecialFolderPathW(nullptr, folder, CSIDL_PROGRAM_FILES_COMMON, FALSE)) return false;
     ::wcscat_s(folder, MAX_PATH, L"\\");
     ::wcscat_s(folder, MAX_PATH, kDefaultBaseFolder);
@@ -61,6 +64,7 @@ bool DefaultBaseFolder(PathBuffer& folder) {
 }
 
 void CheckLogDevice(const wchar_t* LogDevice) {
+    FUNCTION_TRACE();
     if (LogDevice == nullptr) MODUL_THROW(std::invalid_argument("LogDevice == nullptr"));
     constexpr std::size_t kLimit = Q5orvix::MAX_LOG_DEVICE_NAME_LEN + 1;
     if (::wcsnlen(LogDevice, kLimit) >= kLimit)
@@ -68,6 +72,7 @@ void CheckLogDevice(const wchar_t* LogDevice) {
 }
 
 void CheckParameter(const wchar_t* Parameter) {
+    FUNCTION_TRACE();
     if (Parameter == nullptr) MODUL_THROW(std::invalid_argument("Parameter == nullptr"));
     constexpr std::size_t kLimit = Q5orvix::MAX_XML_PARAM_NAME_LEN + 1;
     // The text names the wrong pair of limits; scripts that search logs for it know it so.
@@ -76,6 +81,7 @@ void CheckParameter(const wchar_t* Parameter) {
 }
 
 void CheckLoaded(const void* entry) {
+    FUNCTION_TRACE();
     if (entry == nullptr) MODUL_THROW(std::runtime_error("Q5Orvix-DLL not loaded!"));
 }
 

@@ -41,6 +41,7 @@ const char* ButtonsName(DWORD style) {
 }
 
 DWORD SizeInBytes(const std::wstring& text) {
+    FUNCTION_TRACE();
     return static_cast<DWORD>(text.length() * sizeof(wchar_t));
 }
 

@@ -14,6 +14,7 @@ namespace windows_api {
 namespace {
 
 HMODULE Load(CKernel32& kernel32, const wchar_t* fileName, const char* hint) {
+    FUNCTION_TRACE();
     const HMODULE module = kernel32.LoadLibraryW(fileName);
     if (module == nullptr) MODUL_THROW(modul_exception::CWindowsApiExcp("LoadLibraryW", hint));
     return module;
@@ -21,12 +22,14 @@ HMODULE Load(CKernel32& kernel32, const wchar_t* fileName, const char* hint) {
 
 template <typename Function>
 void Resolve(CKernel32& kernel32, HMODULE module, Function*& pointer, const char* name) {
+    FUNCTION_TRACE();
     const FARPROC address = kernel32.GetProcAddress(module, name);
     if (address == nullptr) MODUL_THROW(modul_exception::CWindowsApiExcp("GetProcAddress", name));
     pointer = reinterpret_cast<Function*>(reinterpret_cast<void*>(address));
 }
 
 void Unload(CKernel32& kernel32, HMODULE& module, const wchar_t* fileName) {
+    FUNCTION_TRACE();
     if (module == nullptr) return;
     if (kernel32.FreeLibrary(module))
         TRACE_INFO(10, "%S freed", fileName);

@@ -21,27 +21,32 @@ namespace interprocess {
 namespace {
 
 std::wstring Widened(const std::string& name) {
+    FUNCTION_TRACE();
     std::wostringstream wide;
     wide << name.c_str();
     return wide.str();
 }
 
 void CloseObject(HANDLE handle) {
+    FUNCTION_TRACE();
     if (!::CloseHandle(handle)) TRACE_ERROR(10, "CloseHandle(%p) failed, LE(%u)", handle, ::GetLastError());
 }
 
 /// At most MAX_PATH characters: mutexes and events may have one more than mappings, and callers rely on it.
 void ValidateObjectName(const std::wstring& name) {
+    FUNCTION_TRACE();
     if (name.empty()) MODUL_THROW(std::invalid_argument("Parameter FullMutexName is empty"));
     if (name.length() > MAX_PATH) MODUL_THROW(std::invalid_argument("Parameter FullMutexName is > MAX_PATH"));
 }
 
 /// True if a handle that was just created belongs to somebody else's object.
 bool IsSomebodyElses(DWORD lastError) {
+    FUNCTION_TRACE();
     return lastError == ERROR_ALREADY_EXISTS || lastError == ERROR_ACCESS_DENIED;
 }
 
 std::wstring GlobalName(const std::wstring& name) {
+    FUNCTION_TRACE();
     if (name.empty()) MODUL_THROW(std::invalid_argument("GlobalName is empty!"));
     std::wstring fullName = L"Global\\" + name;
     if (fullName.length() > MAX_PATH) MODUL_THROW(std::invalid_argument("Global\\GlobalName > MAX_PATH!"));

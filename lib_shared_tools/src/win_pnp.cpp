@@ -24,6 +24,7 @@ constexpr GUID kNoGuid = {};
 constexpr DWORD kPresentInterfaces = DIGCF_PRESENT | DIGCF_DEVICEINTERFACE;
 
 void Reset(SP_DEVICE_INTERFACE_DATA& DevIfData) {
+    FUNCTION_TRACE();
     static_assert(sizeof DevIfData == 32);
     DevIfData = {};
     DevIfData.cbSize = sizeof DevIfData;
@@ -31,6 +32,7 @@ void Reset(SP_DEVICE_INTERFACE_DATA& DevIfData) {
 
 /// The size field holds the size of the fixed part, whatever the size of the buffer.
 SP_DEVICE_INTERFACE_DETAIL_DATA_W* DetailIn(std::vector<BYTE>& buffer) {
+    FUNCTION_TRACE();
     static_assert(sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W) == 8);
     auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(buffer.data());
     detail->cbSize = sizeof *detail;
@@ -100,6 +102,7 @@ void DeviceInterface::Register(const GUID& guid) {
 
 template <typename Query>
 void DeviceInterface::WithDeviceInfoSet(Query query) {
+    FUNCTION_TRACE();
     CheckObjectState(devIf_);
     deviceInfo_->Open(devIf_, kPresentInterfaces);
     try {

@@ -12,11 +12,13 @@ namespace modul_exception {
 namespace {
 
 std::string ComposeFromLastError(const char* apiName, DWORD lastError, const char* hint) {
+    FUNCTION_TRACE();
     return std::string("FAILED! ") + apiName + "! LE(" + std::to_string(lastError) +
            "): " + GetSystemErrorText(lastError) + " Hint: " + hint + "\n";
 }
 
 std::string ComposeFromReturnValue(const char* apiName, DWORD returnValue, const char* hint) {
+    FUNCTION_TRACE();
     return std::string("FAILED! ") + apiName + "! ReturnValue(" + std::to_string(returnValue) +
            "): " + GetSystemErrorText(returnValue) + " Hint: " + hint + "\n";
 }

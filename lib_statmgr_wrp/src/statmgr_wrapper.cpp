@@ -16,6 +16,7 @@ namespace {
 
 /// The two states in which a component may be stopped.
 bool MayBeStopped(const StationComponentInfo& component) {
+    FUNCTION_TRACE();
     return component.ulStatus == 0x201 || component.ulStatus == 0x205;
 }
 

@@ -15,6 +15,7 @@ TRACE_SOURCE("lib_statmgr_wrp\\src\\statmgr_wrapper_impl", "1d7b9e40-52c6-4f8a-b
 
 // The run time of this tool chain declares it and leaves it out.
 void WINAPI _com_issue_errorex(HRESULT code, IUnknown* object, REFIID iid) {
+    FUNCTION_TRACE();
     IErrorInfo* description = nullptr;
     ISupportErrorInfo* support = nullptr;
     if (object != nullptr &&
@@ -29,6 +30,7 @@ namespace korvane {
 namespace {
 
 std::string Bounded(const char* text, std::size_t size) {
+    FUNCTION_TRACE();
     return {text, ::strnlen(text, size)};
 }
 
@@ -68,14 +70,17 @@ std::vector<StationComponentInfo> RecordsIn(const VARIANT& data) {
 }  // namespace
 
 std::string StationComponentInfo::CatalogEntry() const {
+    FUNCTION_TRACE();
     return Bounded(szCatalogEntry, sizeof szCatalogEntry);
 }
 
 std::string StationComponentInfo::Name() const {
+    FUNCTION_TRACE();
     return Bounded(szName, sizeof szName);
 }
 
 std::string StationComponentInfo::Print() const {
+    FUNCTION_TRACE();
     char numbers[64] = {};
     std::snprintf(numbers, sizeof numbers, ", ulStatus=0x%lx, dwFlags=0x%lx", ulStatus, dwFlags);
     return "StationComponentInfo: lVmdID=" + std::to_string(lVmdID) + ", szCatalogEntry=" + CatalogEntry() +

@@ -67,7 +67,7 @@ DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatu
  * until the process ends.
  *
  * While a driver's error is shown, one thread waits for the user's answer: it is left, and the library stays
- * loaded from then on, whoever frees it.
+ * loaded from then on, whoever frees it; a later start in this process is refused.
  */
 void WINAPI tessaplug_cleanup(void);
 

@@ -32,6 +32,7 @@ constexpr DWORD kEmptyLog = 0xFFFFFFFF;  // number of the newest record of a log
 /// Length of the zero-terminated text at `data`, with its zero, in characters; 0 if it does not end within
 /// `size` bytes.
 std::size_t LengthWithZero(const std::byte* data, std::size_t size) {
+    FUNCTION_TRACE();
     const auto* text = reinterpret_cast<const wchar_t*>(data);
     const std::size_t capacity = size / sizeof(wchar_t);
     const std::size_t length = ::wcsnlen(text, capacity);

@@ -28,6 +28,7 @@ std::shared_ptr<logger::EventLogProvider> eventLogProvider;
 
 /// What becomes of a failed assertion beyond its trace.
 void ReportFatalError(const wchar_t* expression, const wchar_t* sourcePath, unsigned int line) {
+    FUNCTION_TRACE();
     const std::wstring text = std::wstring(L"tessaplug: assertion failed: ") + expression + L", " +
                               sourcePath + L"(" + std::to_wstring(line) + L")\n";
     ::OutputDebugStringW(text.c_str());
@@ -38,6 +39,7 @@ void ReportFatalError(const wchar_t* expression, const wchar_t* sourcePath, unsi
 
 void CreateErrorHandler() {
     FUNCTION_TRACE();
+    if (errorHandler != nullptr) return;
     try {
         errorHandler = std::make_unique<trace::ErrorHandler>(kModuleName, kBuildDate, kVersion);
     } catch (const std::exception& error) {
@@ -52,6 +54,7 @@ void DeleteErrorHandler() {
 
 void CreateEventLogProvider(HMODULE module) {
     FUNCTION_TRACE();
+    if (eventLogProvider != nullptr) return;
     try {
         eventLogProvider = std::make_shared<logger::EventLogProvider>(
             kProviderName, windows_api::GetModuleFileNameW(module));

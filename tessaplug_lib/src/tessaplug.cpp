@@ -41,6 +41,7 @@ Service& TheService() {
 }
 
 void Attach(HMODULE module) {
+    FUNCTION_TRACE();
     modul_exception::InitializeExceptionHistory();
     trace::RegisterProvider();
     if (singletonLock == nullptr) {
@@ -51,16 +52,17 @@ void Attach(HMODULE module) {
 }
 
 void Detach() {
+    FUNCTION_TRACE();
     {
         const SingletonGuard guard;
         delete service;
         service = nullptr;
     }
-    tessaplug::DeleteEventLogProvider();
-    tessaplug::DeleteErrorHandler();
     ::DeleteCriticalSection(singletonLock);
     delete singletonLock;
     singletonLock = nullptr;
+    tessaplug::DeleteEventLogProvider();
+    tessaplug::DeleteErrorHandler();
     modul_exception::CleanupExceptionHistory();
     trace::UnregisterProvider();
 }

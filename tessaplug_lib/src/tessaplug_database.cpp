@@ -16,6 +16,7 @@ constexpr char kFennlinkU3Name[] = "Fennlink U3";
 /// The checks that both constructors of a model make; each has fixed lines of its own.
 void CheckNames(const std::wstring& Displayed_Device_Name, unsigned int displayedNameLine,
                 const std::vector<std::wstring>& Supported_Log_Devices, unsigned int logDeviceLine) {
+    FUNCTION_TRACE();
     MODUL_ASSERT_AT(displayedNameLine, Displayed_Device_Name.length() > 0);
     MODUL_ASSERT_AT(displayedNameLine + 1, Displayed_Device_Name.length() < 128);
     for (auto it = Supported_Log_Devices.begin(); it != Supported_Log_Devices.end(); ++it) {

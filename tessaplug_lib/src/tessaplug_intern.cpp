@@ -31,6 +31,7 @@ class Guard {
 };
 
 const char* PowerEventName(DWORD eventType) {
+    FUNCTION_TRACE();
     switch (eventType) {
         case PBT_APMQUERYSUSPEND:
             return "PBT_APMQUERYSUSPEND";
@@ -56,6 +57,7 @@ const char* PowerEventName(DWORD eventType) {
 }
 
 const char* PowerSettingName(const GUID& setting) {
+    FUNCTION_TRACE();
     static constexpr struct {
         const GUID& guid;
         const char* name;
@@ -305,8 +307,12 @@ void Service::StopEventLogMonitor(bool failSafe, bool rollBack) {
 
 void Service::DeleteMonitorThread(bool failSafe) {
     FUNCTION_TRACE();
-    if (!failSafe && *evMonEnded_) {
-        evMonTh_->join();
+    if (*evMonEnded_) {
+        // In the fail-safe form the thread's very end waits for the loader's lock, which is held here.
+        if (failSafe)
+            evMonTh_->detach();
+        else
+            evMonTh_->join();
         evMonTh_.reset();
         return;
     }

@@ -23,10 +23,12 @@ namespace {
 constexpr wchar_t kHiddenFlag[] = L"hidden";
 
 std::string NarrowName(const ModelRecord& model) {
+    FUNCTION_TRACE();
     return toolbox::WstringToString(model->DisplayedDeviceName());
 }
 
 std::wstring Joined(const std::vector<std::wstring>& names) {
+    FUNCTION_TRACE();
     std::wstring text;
     for (const std::wstring& name : names)
         text += name + L"; ";
@@ -301,11 +303,13 @@ struct PnpRequests {
 } pnpRequests;
 
 void WakeWorker() {
+    FUNCTION_TRACE();
     if (!pnpRequests.kernel32->SetEvent(pnpRequests.ghPnPEvent))
         TRACE_ERROR(27, "SetEvent(PnPEvent) failed, LE(%u)", ::GetLastError());
 }
 
 bool HasRequests(const RequestQueue& queue) {
+    FUNCTION_TRACE();
     const std::lock_guard guard(pnpRequests.lock);
     return !queue.empty();
 }

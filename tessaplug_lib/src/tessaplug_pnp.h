@@ -60,13 +60,13 @@ class DeviceContainer {
 /// What a DeviceNotifier works with.
 struct DeviceNotifierCollaborators {
     std::shared_ptr<windows_api::CUser32> user32 = std::make_shared<windows_api::CUser32>();
+    std::shared_ptr<quelm::TvorPanel> panel = std::make_shared<quelm::TvorPanel>();
     std::shared_ptr<operating_system::plug_and_play::DeviceInterfaceFactory> deviceInterfaces =
         std::make_shared<operating_system::plug_and_play::DeviceInterfaceFactory>();
     std::shared_ptr<korvane::LogDeviceDatabaseFactory> logDevices =
         std::make_shared<korvane::LogDeviceDatabaseFactory>();
     std::function<std::unique_ptr<korvane::DefaultLogDeviceDatabaseIf>()> createDefaultLogDevices =
         &korvane::DefaultLogDeviceDatabaseIf::Create;
-    std::shared_ptr<quelm::TvorPanel> panel = std::make_shared<quelm::TvorPanel>();
     std::shared_ptr<korvane::StationManagerFactory> stationManagers =
         std::make_shared<korvane::StationManagerFactory>();
 };

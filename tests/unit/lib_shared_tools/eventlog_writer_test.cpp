@@ -7,6 +7,7 @@
 #include <string>
 
 #include "module_hooks.h"
+#include "trace_recorder.h"
 
 using logger::EventLogProvider;
 using logger::EventLogWriter;
@@ -143,13 +144,18 @@ TEST_F(Provider, ReportsTheThreeTypesOnly) {
         provider_.Report(type, 3, 77);
 }
 
-TEST_F(Provider, ReportAfterUnregisterReturnsQuietly) {
+TEST_F(Provider, ReportAfterUnregisterIsTracedAndReturns) {
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kMessage, 1);
     provider_.Register();
     EXPECT_CALL(advapi32_, DeregisterEventSource(kSource)).Times(1);
     EXPECT_CALL(advapi32_, ReportEventW).Times(0);
     provider_.Unregister();
-    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1);
+    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 77);
     provider_.Unregister();
+    const auto records = test_support::TakeTraceRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].Integer(0), 77u);
 }
 
 TEST_F(Provider, FailuresToReportAndToCloseAreIgnored) {

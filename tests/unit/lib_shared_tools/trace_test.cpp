@@ -9,23 +9,16 @@
 
 TRACE_SOURCE("tests\\unit\\trace_test", "0f2b5f1e-9c4d-4f5a-8a57-6f1f0c9d1e01", trace::kModule);
 
+using test_support::kModuleGuid;
+using test_support::kSharedToolsGuid;
 using test_support::TakeTraceRecords;
 
 namespace {
 
-constexpr GUID kSharedToolsGuid = {
-    0xadc03568, 0x3c4e, 0x4804, {0x97, 0x10, 0x96, 0x8b, 0x39, 0x9e, 0x7f, 0x56}};
-constexpr GUID kModuleGuid = {0xee8c6c7c, 0x3531, 0x4072, {0xa8, 0x29, 0xd7, 0x41, 0xb5, 0x89, 0xe5, 0xa2}};
 constexpr TRACEHANDLE kLogger = 0x1234;
 
-/// The provider registered, as between module attach and detach.
 class Trace : public testing::Test {
-  protected:
-    Trace() { trace::RegisterProvider(); }
-    ~Trace() override {
-        trace::UnregisterProvider();
-        TakeTraceRecords();
-    }
+    const test_support::Tracing tracing_;
 };
 
 namespace worker {

@@ -120,6 +120,8 @@ TEST(DeviceInterface, RefusesTheEmptyGuidAndASecondRegistration) {
     deviceInterface.Register(kClass);
     EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface.Register(kClass); }),
               "GUID already registered!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface.Register(GUID{1, 2, 3, {}}); }),
+              "GUID already registered!");
 }
 
 TEST_F(DeviceInterfaces, InactiveOnesCountAsAbsent) {

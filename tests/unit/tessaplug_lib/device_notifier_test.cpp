@@ -11,6 +11,7 @@
 #include "module_hooks.h"
 #include "tessaplug_pnp.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 #include "windows_api_excp.h"
 
 using operating_system::plug_and_play::DeviceInterface;
@@ -424,8 +425,14 @@ TEST_F(ModelWithThreeLogDevices, PanelRunsOncePerArrival) {
     configuration_.hiddenByName.clear();
     RegisterQuietly(model_);
     const Journal once = {"missing DEV(A)", "panel", "missing DEV(B)", "missing DEV(C)"};
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kWarning, trace::kMessage, 1);
     notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
     EXPECT_EQ(journal_, once);
+    const auto traced = test_support::TakeTraceRecords();
+    ASSERT_EQ(traced.size(), 3u) << "each missing one is traced";
+    EXPECT_EQ(traced[0].WideText(0), L"DEV(A)");
+    EXPECT_EQ(traced[2].WideText(0), L"DEV(C)");
     journal_.clear();
     notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
     EXPECT_EQ(journal_, once) << "each arrival anew";

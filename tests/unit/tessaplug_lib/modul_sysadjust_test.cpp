@@ -9,23 +9,21 @@
 #include "trace_recorder.h"
 #include "unique_handle.h"
 
+using test_support::kModuleGuid;
+
 // The plug-in's own entries; this program links them instead of the test programs' usual ones.
 namespace {
 
-constexpr GUID kModuleGuid = {0xee8c6c7c, 0x3531, 0x4072, {0xa8, 0x29, 0xd7, 0x41, 0xb5, 0x89, 0xe5, 0xa2}};
-
 class ModuleEntries : public testing::Test {
   protected:
-    ModuleEntries() {
-        modul_exception::InitializeExceptionHistory();
-        trace::RegisterProvider();
-    }
+    ModuleEntries() { modul_exception::InitializeExceptionHistory(); }
     ~ModuleEntries() override {
         tessaplug::DeleteEventLogProvider();
-        trace::UnregisterProvider();
         modul_exception::CleanupExceptionHistory();
-        test_support::TakeTraceRecords();
     }
+
+  private:
+    const test_support::Tracing tracing_;
 };
 
 }  // namespace
@@ -75,6 +73,7 @@ TEST_F(ModuleEntries, UnknownEventTypeIsAssertedAndStillReturns) {
 
 TEST_F(ModuleEntries, ProviderRegistersThisModuleAsTheMessageFile) {
     tessaplug::CreateEventLogProvider(nullptr);
+    tessaplug::CreateEventLogProvider(::GetModuleHandleW(L"kernel32.dll"));  // there is one already
 
     wchar_t file[MAX_PATH] = {};
     DWORD size = sizeof file;

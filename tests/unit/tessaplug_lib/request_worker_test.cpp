@@ -12,6 +12,7 @@
 
 #include "module_hooks.h"
 #include "tessaplug_pnp.h"
+#include "trace_recorder.h"
 
 using tessaplug::DeviceMonitor;
 using tessaplug::kFennlinkU3InterfaceGuid;
@@ -91,12 +92,33 @@ std::unique_ptr<Request> RequestOfType(DWORD eventType) {
     return RequestFor(nullptr, kFennlinkU3InterfaceGuid, eventType);
 }
 
+/// Has the plug-in's own files trace what they handle, for as long as it lives.
+class TracedWorker {
+  public:
+    TracedWorker() {
+        test_support::EnableTracing(test_support::kModuleGuid, trace::kInformation, trace::kMessage, 1);
+    }
+
+    /// The event types that the worker has said it handles.
+    static std::vector<std::string> Handled() {
+        constexpr USHORT kHandling = 32;
+        std::vector<std::string> names;
+        for (const test_support::TraceRecord& record : test_support::TakeTraceRecords())
+            if (record.number == kHandling) names.push_back(record.Text(0));
+        return names;
+    }
+
+  private:
+    const test_support::Tracing tracing_;
+};
+
 /// Fails one system call on demand.
 class FailingKernel32 : public windows_api::CKernel32 {
   public:
     bool failCreateEvent = false;
     bool failWait = false;
     bool failSetEvent = false;
+    Gate* opensWhenWaiting = nullptr;
     Gate* gateBeforeFirstWaitReturns = nullptr;
     int closed = 0;
 
@@ -108,6 +130,7 @@ class FailingKernel32 : public windows_api::CKernel32 {
     }
     DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) override {
         if (failWait) return WAIT_FAILED;
+        if (opensWhenWaiting != nullptr) opensWhenWaiting->Open();
         const DWORD result = CKernel32::WaitForSingleObject(handle, milliseconds);
         if (Gate* gate = std::exchange(gateBeforeFirstWaitReturns, nullptr)) gate->Wait();
         return result;
@@ -126,13 +149,15 @@ class FailingKernel32 : public windows_api::CKernel32 {
 
 TEST(RequestQueue, SecondRequestIsAppendedAndThirdReplacesIt) {
     RequestQueue queue;
+    const auto ofTheFirst = std::make_shared<RecordingNotifier>();
 
-    EXPECT_EQ(queue.Push(RequestOfType(1)), nullptr);
+    EXPECT_EQ(queue.Push(RequestFor(ofTheFirst, kFennlinkU3InterfaceGuid, 1)), nullptr);
     EXPECT_EQ(queue.Push(RequestOfType(2)), nullptr);
     const auto replaced = queue.Push(RequestOfType(3));
 
     ASSERT_NE(replaced, nullptr);
     EXPECT_EQ(replaced->eventType, 2u);
+    EXPECT_EQ(ofTheFirst.use_count(), 2) << "the first is still queued";
     EXPECT_EQ(queue.Take()->eventType, 3u);  // the first is stale
     EXPECT_TRUE(queue.empty());
 }
@@ -212,7 +237,8 @@ TEST(RequestWorker, ModelsNeverDisplaceEachOther) {
     EXPECT_EQ(notifier->WaitForEvents(3), (std::vector<std::string>{kU3Removal, kU3Arrival, kNxArrival}));
 }
 
-TEST(RequestWorker, UnknownEventTypeIsDiscarded) {
+TEST(RequestWorker, UnknownEventTypeIsTracedAndDiscarded) {
+    const TracedWorker worker;
     const auto notifier = std::make_shared<RecordingNotifier>();
     const DeviceMonitor monitor;
 
@@ -220,14 +246,21 @@ TEST(RequestWorker, UnknownEventTypeIsDiscarded) {
     DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
 
     EXPECT_EQ(notifier->WaitForEvents(1), (std::vector<std::string>{kU3Arrival}));
+    const std::vector<std::string> handled = TracedWorker::Handled();
+    ASSERT_FALSE(handled.empty());
+    EXPECT_EQ(handled[0], "DBT_DEVICEQUERYREMOVE");
 }
 
 TEST(RequestWorker, StopWhileWaitingHandlesNothing) {
-    const auto notifier = std::make_shared<RecordingNotifier>();
+    const TracedWorker worker;
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    Gate waiting;
+    kernel32->opensWhenWaiting = &waiting;
     {
-        const DeviceMonitor monitor;
+        const DeviceMonitor monitor(kernel32);
+        waiting.Wait();
     }
-    EXPECT_TRUE(notifier->WaitForEvents(0).empty());
+    EXPECT_TRUE(TracedWorker::Handled().empty());
 }
 
 TEST(RequestWorker, RequestsQueuedWhenItStopsAreFreedUnhandled) {

@@ -86,7 +86,10 @@ TEST(CpEnvironment, CreatesThreeMutexesAndMappingsAndReleasesThem) {
     }  // what the system opens once for the process stays out of the comparison
     const std::size_t handles = test_support::HandleCount();
     {
-        const CpEnvironment environment;
+        const auto records = CpInterprocessDatabaseIf::get_supported_cps();
+        const CpEnvironment environment(records);
+        for (const auto& record : *records)
+            EXPECT_EQ(record->Get_GlobalIpcShm()->GetShmLength(), 24u);
         for (const auto& name : kMutexes)
             EXPECT_TRUE(MutexExists(name));
         for (const auto& name : kMemories)
@@ -113,6 +116,7 @@ TEST(CpEnvironment, OpensWhatAnInterfaceLibraryMadeFirst) {
     {
         const CpEnvironment environment(records);
         EXPECT_EQ(static_cast<char*>((*records)[1]->Get_GlobalIpcShm()->GetShmPtr())[0], 'x');
+        EXPECT_EQ((*records)[1]->Get_GlobalIpcShm()->GetShmLength(), 24u);
     }
     ::UnmapViewOfFile(view);
     EXPECT_TRUE(MutexExists(kMutexes[1])) << "the library's own handle keeps it";

@@ -57,9 +57,11 @@ class FakeNotifier : public tessaplug::DeviceNotifier {
     void OnDeviceArrival(const GUID& guid, DWORD) override {
         lastGuid = guid;
         ::SetEvent(arrived.get());
+        if (keepsTheWorker) ::Sleep(INFINITE);
     }
 
     bool failInitialize = false;
+    bool keepsTheWorker = false;
     bool throwInCleanup = false;
     SERVICE_STATUS_HANDLE initializedWith = nullptr;
     int cleanups = 0;
@@ -207,8 +209,11 @@ TEST_F(ServiceTest, StartRegistersTheModelsAndCreatesTheirObjects) {
 
 TEST_F(ServiceTest, SecondInitIsRefusedAndLeavesThePlugInRunning) {
     ASSERT_EQ(Init(), 1u);
-    EXPECT_EQ(Init(), 0u);
+    Host other;
+    EXPECT_EQ(service_->init(0x00010001, kStatusHandle, &Host::Callback, &other, 0), 0u);
 
+    EXPECT_EQ(host_.reports.size(), 5u) << "no step of a start was begun";
+    EXPECT_TRUE(other.reports.empty());
     EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kStarted, kStartFailed}));
     EXPECT_EQ(notifier_->cleanups, 0);
     auto data = EventDataOf(kNx4120InterfaceGuid);
@@ -222,6 +227,7 @@ TEST_F(ServiceTest, InitAfterCleanupIsRefused) {
     ASSERT_EQ(Init(), 1u);
     service_->cleanup();
     EXPECT_EQ(Init(), 0u);
+    EXPECT_EQ(host_.reports.size(), 5u) << "refused as started before, not by the instance lock";
 }
 
 TEST_F(ServiceTest, CleanupWithoutInitReturnsQuietly) {
@@ -315,6 +321,19 @@ TEST_F(ServiceTest, FailSafeReleasesTheMonitorAndDoesNotJoinIt) {
     EXPECT_EXIT(destroyWithoutCleanup(), testing::ExitedWithCode(0), "");
 }
 
+// In a process of its own, like the one before.
+TEST_F(ServiceTest, FailSafeLeavesAMonitorAloneThatHasEnded) {
+    const auto destroyWithoutCleanup = [this] {
+        const bool started = Init() == 1;
+        monitor_->Stop(false);  // it ends by itself, as after a failure
+        service_.reset();
+        const bool asExpected =
+            monitor_->stops == std::vector<bool>{false, true} && !tessaplug::monitorReleased;
+        std::_Exit(started && asExpected ? 0 : 1);
+    };
+    EXPECT_EXIT(destroyWithoutCleanup(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ServiceTest, MissingModelsAreAsserted) {
     auto collaborators = Collaborators();
     collaborators.models.clear();
@@ -331,8 +350,13 @@ TEST_F(ServiceTest, MissingModelsAreAsserted) {
 
 // In a process of its own, as the worker is left running: at library unload the process is what ends it.
 TEST_F(ServiceTest, DestructionWithoutCleanupNeverWaitsForTheWorker) {
+    notifier_->keepsTheWorker = true;
     const auto destroyWithoutCleanup = [this] {
-        const bool started = Init() == 1;
+        auto data = EventDataOf(kNx4120InterfaceGuid);
+        const bool started = Init() == 1 &&
+                             service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL,
+                                                            &data, nullptr) == 0 &&
+                             Arrived();
         service_.reset();
         std::_Exit(started && notifier_->cleanups == 1 && !Exists(kNx4120Mutex) ? 0 : 1);
     };
