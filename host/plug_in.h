@@ -18,9 +18,9 @@ class PlugInError : public std::runtime_error {
     DWORD code_;
 };
 
-/// Limits where libraries are searched, for the rest of the process: System32 and the folder of a library
-/// that is loaded by its full path. The current folder and PATH are open to anybody, and a service runs with
-/// all rights: a library planted there must not be found. Called before anything is loaded.
+/// Limits where libraries are searched, for the rest of the process, to System32; the plug-in is loaded with
+/// its own folder added. The current folder and PATH are open to anybody, and a service runs with all rights:
+/// a library planted there must not be found. Called before anything is loaded.
 void LimitLibrarySearch();
 
 /// A loaded plug-in; freed with the object.

@@ -7,6 +7,7 @@
 
 #include "service_main.h"
 #include "status_log.h"
+#include "unique_handle.h"
 #include "win_convenience.h"
 
 namespace host {
@@ -57,6 +58,10 @@ ExitCode Failed(const Options& options, const wchar_t* what, DWORD error) {
         case ERROR_SERVICE_ALREADY_RUNNING:
             std::fwprintf(stderr, L"tessahost: the service \"%ls\" is running already.\n", name);
             return ExitCode::kAlreadyRunning;
+        case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
+            std::fwprintf(stderr,
+                          L"tessahost: the service \"%ls\" is just starting or stopping; try again.\n", name);
+            return ExitCode::kFailed;
         case ERROR_SERVICE_NOT_ACTIVE:
             std::fwprintf(stderr, L"tessahost: the service \"%ls\" is not running.\n", name);
             return ExitCode::kNotRunning;
@@ -90,12 +95,23 @@ std::wstring DisplayName(const Options& options) {
     return options.name == Options().name ? L"Tessaplug host" : L"Tessaplug host (" + options.name + L")";
 }
 
+/// The log's full path: the service runs in another folder. Empty if it cannot be written.
+std::wstring LogPath(const Options& options) {
+    wchar_t path[MAX_PATH] = {};
+    const std::wstring given = options.log.empty() ? DefaultLogPath() : options.log;
+    const DWORD length = ::GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
+    if (length > 0 && length < MAX_PATH && StatusLog().Open(path)) return path;
+    std::fwprintf(stderr,
+                  L"tessahost: the log file %ls cannot be written, error %lu; name another with --log.\n",
+                  given.c_str(), ::GetLastError());
+    return {};
+}
+
 /// Quoted whole, so that a path with blanks cannot run another program.
-std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn) {
+std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn, const std::wstring& log) {
     const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
     return quoted(windows_api::GetModuleFileNameW(nullptr)) + L" run --name " + quoted(options.name) +
-           L" --plugin " + quoted(plugIn) + L" --log " +
-           quoted(options.log.empty() ? DefaultLogPath() : options.log);
+           L" --plugin " + quoted(plugIn) + L" --log " + quoted(log);
 }
 
 void PrintState(const SERVICE_STATUS_PROCESS& status) {
@@ -124,11 +140,13 @@ ExitCode ServiceControl::WithService(const Options& options, DWORD access, Use u
 ExitCode ServiceControl::Install(const Options& options) {
     const std::wstring plugIn = PlugInPath(options);
     if (plugIn.empty()) return ExitCode::kFailed;
+    const std::wstring log = LogPath(options);
+    if (log.empty()) return ExitCode::kFailed;
     return WithManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE, [&](SC_HANDLE manager) {
         const ServiceHandle service(*advapi32_,
                                     advapi32_->CreateServiceW_Reduced(
                                         manager, options.name.c_str(), DisplayName(options).c_str(),
-                                        ServiceCommandLine(options, plugIn).c_str(),
+                                        ServiceCommandLine(options, plugIn, log).c_str(),
                                         options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
         if (!service) return Failed(options, L"installing the service", ::GetLastError());
         std::wprintf(L"Service \"%ls\" installed with %ls\n", options.name.c_str(), plugIn.c_str());
@@ -141,7 +159,7 @@ ExitCode ServiceControl::Uninstall(const Options& options) {
         SERVICE_STATUS_PROCESS status = {};
         if (Query(service, status) && status.dwCurrentState != SERVICE_STOPPED) {
             const ExitCode stopped = StopAndWait(service, options);
-            if (stopped != ExitCode::kSuccess) return stopped;
+            if (stopped != ExitCode::kSuccess && stopped != ExitCode::kNotRunning) return stopped;
         }
         if (!advapi32_->DeleteService(service))
             return Failed(options, L"removing the service", ::GetLastError());
@@ -152,6 +170,11 @@ ExitCode ServiceControl::Uninstall(const Options& options) {
 
 ExitCode ServiceControl::Start(const Options& options) {
     return WithService(options, SERVICE_START | SERVICE_QUERY_STATUS, [&](SC_HANDLE service) {
+        SERVICE_STATUS_PROCESS status = {};
+        if (Query(service, status) && status.dwCurrentState == SERVICE_STOP_PENDING) {
+            const ExitCode stopped = StopAndWait(service, options);
+            if (stopped != ExitCode::kSuccess) return stopped;
+        }
         if (!advapi32_->StartServiceW(service, 0, nullptr))
             return Failed(options, L"starting the service", ::GetLastError());
         return WaitFor(service, SERVICE_RUNNING, options);
@@ -164,10 +187,22 @@ ExitCode ServiceControl::Stop(const Options& options) {
 }
 
 ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) {
-    SERVICE_STATUS status = {};
-    if (!advapi32_->ControlService(service, SERVICE_CONTROL_STOP, &status))
+    SERVICE_STATUS_PROCESS status = {};
+    if (!Query(service, status)) return Failed(options, L"asking for the service's state", ::GetLastError());
+    if (status.dwCurrentState == SERVICE_START_PENDING) {
+        const ExitCode running = WaitFor(service, SERVICE_RUNNING, options);  // it takes no stop before
+        if (running != ExitCode::kSuccess) return running;
+    }
+    const UniqueKernelHandle process(::OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+    SERVICE_STATUS ignored = {};
+    if (status.dwCurrentState != SERVICE_STOP_PENDING &&
+        !advapi32_->ControlService(service, SERVICE_CONTROL_STOP, &ignored))
         return Failed(options, L"stopping the service", ::GetLastError());
-    return WaitFor(service, SERVICE_STOPPED, options);
+    const ExitCode stopped = WaitFor(service, SERVICE_STOPPED, options);
+    // The process holds the plug-in's instance lock a little longer: a start right now would be refused.
+    if (stopped == ExitCode::kSuccess && process)
+        ::WaitForSingleObject(process.get(), static_cast<DWORD>(timeOut_.count()));
+    return stopped;
 }
 
 ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options& options) {

@@ -30,6 +30,7 @@ class ServiceControl : public CommandHandlersIf {
     template <typename Use>
     ExitCode WithManager(DWORD access, Use use);
     bool Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
+    /// Stops the service, or waits if it is stopping already, until its process has ended.
     ExitCode StopAndWait(SC_HANDLE service, const Options& options);
     ExitCode WaitFor(SC_HANDLE service, DWORD wanted, const Options& options);
 

@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <winsvc.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,8 @@ class HostService {
     }
 
     void SetOptions(const Options& options) { options_ = options; }
+    /// Whether a thread is still in the plug-in when the service has stopped.
+    bool LeavesThread() const { return leavesThread_; }
 
     void Run() {
         LoadWineGap();
@@ -71,14 +74,12 @@ class HostService {
         const bool unloaded = ::GetModuleHandleW(options_.plugIn.c_str()) == nullptr;
         Log().Write(unloaded ? L"The plug-in is unloaded"
                              : L"The plug-in stays loaded: a thread is still in it");
+        leavesThread_ = !unloaded;
         // Last of all: the service manager may end the process from here on.
         if (started)
             ReportStopped(NO_ERROR, 0);
         else
             ReportStopped(ERROR_SERVICE_SPECIFIC_ERROR, kPlugInRefused);
-        // The thread ends with the process. An orderly end would have the plug-in wait for it once more and
-        // keep its instance lock meanwhile: a restart would be refused.
-        if (!unloaded) ::TerminateProcess(::GetCurrentProcess(), NO_ERROR);
     }
 
     /// The plug-in as the control handler sees it. The handler holds a reference of its own while it
@@ -168,6 +169,7 @@ class HostService {
     SERVICE_STATUS status_ = {};
     std::mutex plugInLock_;  // guards plugIn_
     std::shared_ptr<PlugIn> plugIn_;
+    std::atomic<bool> leavesThread_ = false;
 };
 
 void WINAPI ServiceMain(DWORD /*argc*/, wchar_t** /*argv*/) noexcept {
@@ -181,7 +183,12 @@ ExitCode RunService(const Options& options) {
     HostService::Instance().SetOptions(options);
     std::wstring name = options.name;
     const SERVICE_TABLE_ENTRYW services[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
-    if (::StartServiceCtrlDispatcherW(services)) return ExitCode::kSuccess;
+    if (::StartServiceCtrlDispatcherW(services)) {
+        // The thread ends with the process. An orderly end would have the plug-in wait for it once more and
+        // keep its instance lock meanwhile: a restart would be refused.
+        if (HostService::Instance().LeavesThread()) ::TerminateProcess(::GetCurrentProcess(), NO_ERROR);
+        return ExitCode::kSuccess;
+    }
     if (::GetLastError() == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT)
         std::fputws(L"tessahost: \"run\" is for the service manager; use \"tessahost start\".\n", stderr);
     else

@@ -7,12 +7,13 @@
 
 namespace host {
 
-void StatusLog::Open(const std::wstring& path) {
+bool StatusLog::Open(const std::wstring& path) {
     const std::lock_guard guard(lock_);
-    const std::size_t folderEnd = path.rfind(L'\\');
-    if (folderEnd != std::wstring::npos) ::CreateDirectoryW(path.substr(0, folderEnd).c_str(), nullptr);
+    for (std::size_t end = path.find(L'\\'); end != std::wstring::npos; end = path.find(L'\\', end + 1))
+        ::CreateDirectoryW(path.substr(0, end).c_str(), nullptr);  // most are there already
     file_.reset(::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return static_cast<bool>(file_);
 }
 
 void StatusLog::Write(const std::wstring& line) {

@@ -13,8 +13,10 @@ namespace host {
 /// Logging never fails its caller; without a file it does nothing.
 class StatusLog {
   public:
-    /// Opens or creates the file and its folder.
-    void Open(const std::wstring& path);
+    /// Opens or creates the file and the folders above it.
+    /// @param path full path
+    /// @return false, with the last error set, if it cannot be written
+    bool Open(const std::wstring& path);
     void Write(const std::wstring& line);
 
   private:

@@ -95,6 +95,31 @@ TEST_F(Control, InstallRefusesAMissingPlugIn) {
     EXPECT_EQ(control_.Install(options), ExitCode::kFailed);
 }
 
+TEST_F(Control, InstallMakesTheLogsPathFull) {
+    std::wstring commandLine;
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced)
+        .WillOnce([&](SC_HANDLE, const wchar_t*, const wchar_t*, const wchar_t* path, DWORD) {
+            commandLine = path;
+            return reinterpret_cast<SC_HANDLE>(0x20);
+        });
+    Options options = WithPlugIn();
+    options.log = L"relative.log";
+    wchar_t full[MAX_PATH] = {};
+    ::GetFullPathNameW(options.log.c_str(), MAX_PATH, full, nullptr);
+
+    EXPECT_EQ(control_.Install(options), ExitCode::kSuccess);
+
+    EXPECT_TRUE(commandLine.ends_with(L"--log \"" + std::wstring(full) + L"\""));
+    ::DeleteFileW(full);
+}
+
+TEST_F(Control, InstallRefusesALogThatCannotBeWritten) {
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced).Times(0);
+    Options options = WithPlugIn();
+    options.log = L"C:\\windows";
+    EXPECT_EQ(control_.Install(options), ExitCode::kFailed);
+}
+
 TEST_F(Control, InstallTellsOfAnInstalledService) {
     ON_CALL(*advapi32_, CreateServiceW_Reduced).WillByDefault(FailWith(ERROR_SERVICE_EXISTS, kNone));
     EXPECT_EQ(control_.Install(WithPlugIn()), ExitCode::kAlreadyInstalled);
@@ -113,13 +138,14 @@ TEST_F(Control, InstalledCommandLineIsQuotedAndComplete) {
             return reinterpret_cast<SC_HANDLE>(0x20);
         });
     Options options = WithPlugIn();
-    options.log = L"C:\\log file";
+    options.log = L"C:\\windows\\temp\\logs of a test\\new\\log file";
     options.automaticStart = true;
 
     EXPECT_EQ(control_.Install(options), ExitCode::kSuccess);
 
     EXPECT_TRUE(commandLine.starts_with(L"\"" + options.plugIn + L"\" run --name \"tessahost\" --plugin \""));
-    EXPECT_TRUE(commandLine.ends_with(L"--log \"C:\\log file\""));
+    EXPECT_TRUE(commandLine.ends_with(L"--log \"" + options.log + L"\""));
+    EXPECT_TRUE(::DeleteFileW(options.log.c_str())) << "it can be written";
     EXPECT_EQ(startType, static_cast<DWORD>(SERVICE_AUTO_START));
 }
 
@@ -130,8 +156,43 @@ TEST_F(Control, StartAndStopTellOfTheStateTheyFind) {
     EXPECT_EQ(control_.Stop({}), ExitCode::kNotRunning);
 }
 
+TEST_F(Control, StopOfAServiceThatIsStoppingWaitsForItsEnd) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOPPED));
+    EXPECT_CALL(*advapi32_, ControlService).Times(0);
+    EXPECT_EQ(control_.Stop({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, StopOfAServiceThatIsStartingWaitsUntilItRuns) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_START_PENDING))
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_STOPPED));
+    EXPECT_CALL(*advapi32_, ControlService).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, ServiceThatTakesNoControlIsTold) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_RUNNING));
+    ON_CALL(*advapi32_, ControlService).WillByDefault(FailWith(ERROR_SERVICE_CANNOT_ACCEPT_CTRL, FALSE));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kFailed);
+}
+
+TEST_F(Control, StartOfAServiceThatIsStoppingWaitsForItsEndFirst) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOPPED))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    EXPECT_CALL(*advapi32_, StartServiceW).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Start({}), ExitCode::kSuccess);
+}
+
 TEST_F(Control, StartWaitsForRunning) {
     EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOPPED))
         .WillOnce(AnswerState(SERVICE_START_PENDING))
         .WillOnce(AnswerState(SERVICE_RUNNING));
     EXPECT_EQ(control_.Start({}), ExitCode::kSuccess);
@@ -147,8 +208,16 @@ TEST_F(Control, StartGivesUpInTheEnd) {
     EXPECT_EQ(control_.Start({}), ExitCode::kTimedOut);
 }
 
+TEST_F(Control, UninstallOfAServiceThatEndsMeanwhileRemovesIt) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_RUNNING));
+    ON_CALL(*advapi32_, ControlService).WillByDefault(FailWith(ERROR_SERVICE_NOT_ACTIVE, FALSE));
+    EXPECT_CALL(*advapi32_, DeleteService).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Uninstall({}), ExitCode::kSuccess);
+}
+
 TEST_F(Control, UninstallStopsARunningServiceFirst) {
     EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_RUNNING))
         .WillOnce(AnswerState(SERVICE_RUNNING))
         .WillOnce(AnswerState(SERVICE_STOPPED));
     const testing::InSequence inSequence;
