@@ -1,3 +1,4 @@
+#include <clocale>
 #include <cstdio>
 #include <exception>
 
@@ -8,6 +9,7 @@
 
 int wmain(int argc, wchar_t** argv) {
     host::LimitLibrarySearch();
+    std::setlocale(LC_CTYPE, "");  // so that names and paths are printed whole
     modul_exception::InitializeExceptionHistory();
     host::ExitCode result = host::ExitCode::kFailed;
     try {

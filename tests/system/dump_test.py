@@ -5,6 +5,7 @@ operator's tool from the file alone. Arguments: the emulator and the folder of t
 import json
 import os
 import re
+import struct
 import subprocess
 import sys
 import tempfile
@@ -92,6 +93,25 @@ class Dump(unittest.TestCase):
                     code, output = run("tessactl.exe", "dump", what, windows)
                     self.assertEqual(code, 1, output)
                     self.assertIn(told, output)
+
+    def test_damaged_numbers_are_refused(self):
+        head = bytearray(head_of(self.file, 200000))
+        directory = struct.unpack_from("<I", head, 12)[0]
+        streams = [struct.unpack_from("<III", head, directory + 12 * i)
+                   for i in range(struct.unpack_from("<I", head, 8)[0])]
+        modules = next(at for kind, _, at in streams if kind == 4)
+        name = struct.unpack_from("<I", head, modules + 4 + 20)[0]
+        path = self.file + ".bad"
+        for place, told in (modules, "modules"), (name, "characters"):
+            damaged = head[:]
+            struct.pack_into("<I", damaged, place, 0x7FFFFFFF)
+            with open(path, "wb") as file:
+                file.write(damaged)
+            code, output = run("tessactl.exe", "dump", "info", self.path + ".bad")
+            self.assertEqual(code, 1, output)
+            self.assertIn("is damaged", output)
+            self.assertIn(told, output)
+        os.remove(path)
 
     def test_every_cut_of_the_head_is_refused_or_read(self):
         whole = head_of(self.file, 8192)

@@ -16,6 +16,7 @@ using adapter_control::Report;
 using adapter_control::Unplug;
 using test_support::CommandResult;
 using test_support::ConfigurationLibraryLocation;
+using test_support::ProgramFolder;
 using test_support::RunCommand;
 
 CommandResult Tool(const std::wstring& arguments) {
@@ -136,8 +137,23 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
         EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
 }
 
+TEST_F(Tessactl, WatchTellsOfALibraryThatFailsForAWhile) {
+    CommandResult watched;
+    std::thread watcher([&] { watched = Tool(L"watch --seconds 4"); });
+    ::Sleep(1500);
+    ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+    ::Sleep(1000);
+    ConfigurationLibraryLocation::Set(ProgramFolder() + L"station");
+    watcher.join();
+    EXPECT_TRUE(Contains(watched, "problem       configuration library         FAILED! LoadLibraryW()!"))
+        << watched.output;
+    EXPECT_TRUE(Contains(watched, "well again")) << watched.output;
+    EXPECT_FALSE(Contains(watched, "access point  NX4120")) << "none has changed\n" << watched.output;
+}
+
 TEST_F(Tessactl, EveryCommandSaysThatTheLibraryIsMissing) {
     ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+    Plug(nx4120_);
     const CommandResult status = Tool(L"status");
     EXPECT_EQ(status.exitCode, 0u) << "the rest is shown";
     EXPECT_TRUE(Contains(status, "not known: FAILED! LoadLibraryW()!")) << status.output;
@@ -146,6 +162,8 @@ TEST_F(Tessactl, EveryCommandSaysThatTheLibraryIsMissing) {
     EXPECT_TRUE(Contains(doctor, "PROBLEM  configuration library found ")) << doctor.output;
     EXPECT_TRUE(Contains(doctor, "-> install the configuration library, or let HKEY_LOCAL_MACHINE"))
         << doctor.output;
+    EXPECT_TRUE(Contains(doctor, "ok       NX4120: adapter present and active")) << doctor.output;
+    EXPECT_FALSE(Contains(doctor, "access points visible")) << "it cannot know\n" << doctor.output;
     for (const auto* command : {L"show NX4120(XLI)", L"hide NX4120(XLI)"}) {
         const CommandResult refused = Tool(command);
         EXPECT_EQ(refused.exitCode, 1u);
@@ -179,6 +197,14 @@ TEST_F(Tessactl, RecordingsThatCannotBeReadAreTold) {
     EXPECT_TRUE(Contains(Tool(L"trace decode " + kFile), "is no trace recording"));
 }
 
+TEST_F(Tessactl, RelativeRecordingIsMadeInTheCallersFolder) {
+    const CommandResult started = Tool(L"trace start --file relative.etl");
+    EXPECT_TRUE(started.output.starts_with("Recording into ")) << started.output;
+    EXPECT_TRUE(started.output.find(":\\") != std::string::npos) << started.output;
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    EXPECT_TRUE(::DeleteFileW(L"relative.etl"));
+}
+
 TEST_F(Tessactl, RecordingThatIsCutOffIsShownUpToThere) {
     EXPECT_EQ(Tool(L"trace start --file " + kFile).exitCode, 0u);
     StartService();
@@ -198,7 +224,9 @@ TEST_F(Tessactl, RecordingThatIsCutOffIsShownUpToThere) {
 
 TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {
     for (const auto* arguments :
-         {L"", L"nonsense", L"status x", L"doctor x", L"watch --seconds x", L"trace", L"log x"})
+         {L"", L"nonsense", L"status x", L"doctor x", L"watch --seconds x", L"trace", L"log x",
+          L"trace start my.etl", L"trace start --level 1", L"trace start --level 5x",
+          L"trace start --flags x", L"trace start --flags 0", L"trace stop now"})
         EXPECT_EQ(Tool(arguments).exitCode, 2u) << arguments;
     const CommandResult help = Tool(L"help");
     EXPECT_EQ(help.exitCode, 0u);

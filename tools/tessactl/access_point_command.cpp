@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "json.h"
 #include "logdevice_db.h"
+#include "text.h"
 #include "tmf_catalog.h"
 #include "toolbox.h"
 
@@ -25,15 +26,16 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
     const bool json = TakeJson(rest);
     if (rest.size() != 1) return UsageError(L"the name of one access point, please");
     const std::string name = toolbox::WstringToString(rest[0]);
+    const std::string shown = Utf8(rest[0]);
     const auto installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
     if (std::ranges::find(installed, name) == installed.end())
         return Refuse(
-            name,
+            shown,
             "is not installed; \"tessactl status\" lists the access points, spelled as they have to be");
     const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device(name);
     if (!logDevice->Exists())
         return Refuse(
-            name, "is installed but does not exist; plug its adapter in, or run the interface-setup panel");
+            shown, "is installed but does not exist; plug its adapter in, or run the interface-setup panel");
     try {
         if (hidden)
             logDevice->EnableFlagNdi(L"hidden");
@@ -41,13 +43,13 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
             logDevice->DisableFlagNdi(L"hidden");
     } catch (const std::exception& error) {
         if (::IsUserAnAdmin()) throw;
-        std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", error.what());
+        std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", Utf8FromAnsi(error.what()).c_str());
         return ExitCode::kNoRights;
     }
     if (json)
         std::printf("%s\n", JsonObject().Add("name", rest[0]).Add("hidden", hidden).Text().c_str());
     else
-        std::printf("%s is %s now.\n", name.c_str(), hidden ? "hidden" : "visible");
+        std::printf("%s is %s now.\n", shown.c_str(), hidden ? "hidden" : "visible");
     return ExitCode::kSuccess;
 }
 

@@ -11,7 +11,7 @@
 #include "json.h"
 #include "logdevice_db.h"
 #include "station_state.h"
-#include "toolbox.h"
+#include "text.h"
 #include "unique_handle.h"
 #include "win_api.h"
 #include "win_convenience.h"
@@ -34,19 +34,15 @@ void Add(Findings& findings, const std::string& what, bool ok, const std::string
     findings.push_back({what, ok, found, ok ? "" : advice});
 }
 
-std::string Narrow(const std::wstring& text) {
-    return toolbox::WstringToString(text);
-}
-
 void CheckService(Findings& findings, const std::wstring& name) {
     using UniqueService = UniqueHandle<SC_HANDLE, [](SC_HANDLE handle) { ::CloseServiceHandle(handle); }>;
     windows_api::Advapi32 advapi32;
     const UniqueService manager(advapi32.OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     const UniqueService service(
         manager ? advapi32.OpenServiceW(manager.get(), name.c_str(), SERVICE_QUERY_STATUS) : nullptr);
-    const std::string narrow = Narrow(name);
+    const std::string utf8 = Utf8(name);
     Add(findings, "service installed", static_cast<bool>(service),
-        service ? narrow : "\"" + narrow + "\" cannot be opened, error " + std::to_string(::GetLastError()),
+        service ? utf8 : "\"" + utf8 + "\" cannot be opened, error " + std::to_string(::GetLastError()),
         "tessahost install; where the service has another name, tell it with --service");
     SERVICE_STATUS_PROCESS status = {};
     DWORD needed = 0;
@@ -68,7 +64,7 @@ void CheckPlugIn(Findings& findings, const StationState& state) {
 void CheckLibrary(Findings& findings, const StationState& state) {
     const bool exists = ::GetFileAttributesW(state.libraryPath.c_str()) != INVALID_FILE_ATTRIBUTES;
     Add(findings, "configuration library found", exists,
-        Narrow(state.libraryPath) + (state.libraryIsRegistered ? ", from the registry" : ", the default"),
+        Utf8(state.libraryPath) + (state.libraryIsRegistered ? ", from the registry" : ", the default"),
         "install the configuration library, or let HKEY_LOCAL_MACHINE\\SOFTWARE\\Valdorn\\Shared "
         "Tools\\QUELM64, "
         "value Korvane_Oam, name its base folder");
@@ -84,11 +80,11 @@ void CheckAccessPoints(Findings& findings, const StationState& state) {
         std::string missing;
         for (const auto& point : model.accessPoints) {
             if (!point.installed)
-                notInstalled += " " + Narrow(point.name);
+                notInstalled += " " + Utf8(point.name);
             else if (!point.exists)
-                missing += " " + Narrow(point.name);
+                missing += " " + Utf8(point.name);
         }
-        const std::string name = Narrow(model.name);
+        const std::string name = Utf8(model.name);
         Add(findings, name + ": installed in the template", notInstalled.empty(),
             notInstalled.empty() ? "all of them" : "not installed:" + notInstalled,
             "install the access points; what the template \"DefaultLogDevices\" does not list is left alone");
@@ -100,12 +96,13 @@ void CheckAccessPoints(Findings& findings, const StationState& state) {
 
 void CheckAdapters(Findings& findings, const StationState& state) {
     for (const auto& model : state.models) {
-        const std::string name = Narrow(model.name);
+        const std::string name = Utf8(model.name);
         const bool present = !model.devicePaths.empty();
+        const std::string absent = model.devicesError.empty() ? "none" : model.devicesError;
         Add(findings, name + ": adapter present and active", present,
-            present ? std::to_string(model.devicePaths.size()) + " plugged in" : "none",
+            present ? std::to_string(model.devicePaths.size()) + " plugged in" : absent,
             "plug it in; if it is, look at its driver in the device manager");
-        if (!present) continue;
+        if (!present || !state.libraryError.empty()) continue;
         const bool shown =
             std::ranges::all_of(model.accessPoints, [](const StationState::AccessPoint& point) {
                 return !point.installed || !point.exists || !point.hidden;
@@ -121,9 +118,9 @@ void CheckDriverMessages(Findings& findings) {
     try {
         operating_system::MessageRessource(file).Open();
     } catch (const std::exception& failure) {
-        error = failure.what();
+        error = Utf8FromAnsi(failure.what());
     }
-    Add(findings, "driver message file", error.empty(), error.empty() ? Narrow(file) : error,
+    Add(findings, "driver message file", error.empty(), error.empty() ? Utf8(file) : error,
         "install the Fennlink U3's driver; without it errors of the driver cannot be shown");
 }
 
@@ -133,7 +130,7 @@ bool RegistryText(const std::wstring& key, const wchar_t* value, std::string& te
     if (::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, RRF_RT_REG_SZ, nullptr, buffer, &size) !=
         ERROR_SUCCESS)
         return false;
-    text = Narrow(buffer);
+    text = Utf8(buffer);
     return true;
 }
 

@@ -5,8 +5,8 @@
 #include "commands.h"
 #include "dump_file.h"
 #include "json.h"
+#include "text.h"
 #include "tmf_catalog.h"
-#include "toolbox.h"
 
 namespace tessactl {
 namespace {
@@ -17,10 +17,10 @@ std::wstring FileName(const std::wstring& path) {
     return path.substr(path.rfind(L'\\') + 1);
 }
 
-/// A text of a record, which may fill its field.
+/// A text of a record, which may fill its field, in UTF-8.
 template <std::size_t N>
 std::string Text(const char (&field)[N]) {
-    return {field, ::strnlen(field, N)};
+    return Utf8FromAnsi({field, ::strnlen(field, N)});
 }
 
 std::string PlaceOf(const DumpFile& dump, ULONG64 address) {
@@ -31,7 +31,7 @@ std::string PlaceOf(const DumpFile& dump, ULONG64 address) {
         return place;
     }
     std::snprintf(place, sizeof place, "+0x%llx", address - module->base);
-    return toolbox::WstringToString(FileName(module->path)) + place;
+    return Utf8(FileName(module->path)) + place;
 }
 
 ExitCode Info(const DumpFile& dump, bool json) {
@@ -91,7 +91,8 @@ ExitCode History(const DumpFile& dump, bool json) {
         const auto records = dump.HistoryOf(module);
         if (!records) continue;
         found = true;
-        if (!json) std::printf("%ls: %llu exceptions, oldest first\n", module.path.c_str(), records->size());
+        if (!json)
+            std::printf("%s: %llu exceptions, oldest first\n", Utf8(module.path).c_str(), records->size());
         for (const ExceptionRecord& record : *records) {
             if (json)
                 elements.push_back(JsonOf(module.path, record));

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "text.h"
 #include "tmf_catalog.h"
-#include "toolbox.h"
 
 namespace tessactl {
 namespace {
@@ -13,13 +13,9 @@ constexpr char kHistorySection[] = ".exhist";
 
 }  // namespace
 
-DumpFile::DumpFile(const std::wstring& path) : name_(toolbox::WstringToString(path)) {
+DumpFile::DumpFile(const std::wstring& path) : name_(Utf8(path)) {
     Map(path);
     ReadStreams();
-}
-
-DumpFile::~DumpFile() {
-    if (bytes_.data() != nullptr) ::UnmapViewOfFile(bytes_.data());
 }
 
 void DumpFile::Map(const std::wstring& path) {
@@ -31,10 +27,9 @@ void DumpFile::Map(const std::wstring& path) {
     if (size.QuadPart < static_cast<LONGLONG>(sizeof(MINIDUMP_HEADER)))
         throw ToolError(name_ + " is no memory dump");
     mapping_.reset(::CreateFileMappingW(file_.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
-    const void* view = mapping_ ? ::MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, 0) : nullptr;
-    if (view == nullptr)
-        throw ToolError(name_ + " cannot be read, error " + std::to_string(::GetLastError()));
-    bytes_ = {static_cast<const std::byte*>(view), static_cast<std::size_t>(size.QuadPart)};
+    if (mapping_) view_.reset(::MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, 0));
+    if (!view_) throw ToolError(name_ + " cannot be read, error " + std::to_string(::GetLastError()));
+    bytes_ = {static_cast<const std::byte*>(view_.get()), static_cast<std::size_t>(size.QuadPart)};
 }
 
 template <typename T>
@@ -72,8 +67,11 @@ void DumpFile::ReadStreams() {
 }
 
 void DumpFile::ReadModules(std::size_t at) {
+    constexpr ULONG32 kMost = 4096;
     const auto count = Get<ULONG32>(at);
+    if (count > kMost) throw ToolError(name_ + " is damaged: it names " + std::to_string(count) + " modules");
     at += sizeof(ULONG32);
+    modules_.clear();
     for (ULONG32 i = 0; i < count; ++i, at += sizeof(MINIDUMP_MODULE)) {
         const auto module = Get<MINIDUMP_MODULE>(at);
         modules_.push_back({StringAt(module.ModuleNameRva), module.BaseOfImage, module.SizeOfImage});
@@ -81,7 +79,10 @@ void DumpFile::ReadModules(std::size_t at) {
 }
 
 std::wstring DumpFile::StringAt(std::size_t at) const {
+    constexpr std::size_t kLongestPath = 32767;
     const std::size_t length = Get<ULONG32>(at) / sizeof(wchar_t);
+    if (length > kLongestPath)
+        throw ToolError(name_ + " is damaged: a module's name has " + std::to_string(length) + " characters");
     at += sizeof(ULONG32);
     if (at > bytes_.size() || (bytes_.size() - at) / sizeof(wchar_t) < length)
         throw ToolError(name_ + " is cut off");
@@ -103,6 +104,7 @@ void DumpFile::ReadMemoryRanges(std::size_t at) {
     const auto count = Get<ULONG64>(at);
     ULONG64 offset = Get<ULONG64>(at + sizeof(ULONG64));
     at += 2 * sizeof(ULONG64);
+    ranges_.clear();
     for (ULONG64 i = 0; i < count; ++i, at += sizeof(MINIDUMP_MEMORY_DESCRIPTOR64)) {
         const auto range = Get<MINIDUMP_MEMORY_DESCRIPTOR64>(at);
         if (offset > bytes_.size() || bytes_.size() - offset < range.DataSize)

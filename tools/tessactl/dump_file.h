@@ -32,9 +32,6 @@ class DumpFile {
 
     /// @throws ToolError if the file cannot be opened, is no memory dump or is cut off
     explicit DumpFile(const std::wstring& path);
-    ~DumpFile();
-    DumpFile(const DumpFile&) = delete;
-    DumpFile& operator=(const DumpFile&) = delete;
 
     const std::vector<Module>& Modules() const { return modules_; }
     const std::optional<Exception>& CapturedException() const { return exception_; }
@@ -65,9 +62,12 @@ class DumpFile {
     template <typename T>
     T Get(std::size_t at) const;
 
+    using UniqueView = UniqueHandle<void*, [](void* view) { ::UnmapViewOfFile(view); }>;
+
     std::string name_;  // for errors
     UniqueKernelHandle file_;
     UniqueKernelHandle mapping_;
+    UniqueView view_;
     std::span<const std::byte> bytes_;
     std::vector<Module> modules_;
     std::optional<Exception> exception_;

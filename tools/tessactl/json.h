@@ -4,14 +4,14 @@
 #include <cstdio>
 #include <string>
 
-#include "toolbox.h"
+#include "text.h"
 
 namespace tessactl {
 
-/// A text as JSON, in quotes.
+/// A UTF-8 text as JSON, in quotes. Bytes that are no UTF-8 are replaced: JSON has to be read by others.
 inline std::string JsonText(const std::string& text) {
     std::string json = "\"";
-    for (const char c : text) {
+    for (const char c : Utf8(Widened(text, CP_UTF8))) {
         if (static_cast<unsigned char>(c) < 0x20) {
             char escape[8] = {};
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(c));
@@ -24,9 +24,8 @@ inline std::string JsonText(const std::string& text) {
     return json + "\"";
 }
 
-/// The same of a wide text, in UTF-8.
 inline std::string JsonText(const std::wstring& text) {
-    return JsonText(toolbox::WstringToString(text, CP_UTF8));
+    return JsonText(Utf8(text));
 }
 
 /// A JSON object, built member by member.

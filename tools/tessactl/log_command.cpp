@@ -7,8 +7,8 @@
 
 #include "commands.h"
 #include "json.h"
+#include "text.h"
 #include "tmf_catalog.h"
-#include "toolbox.h"
 #include "unique_handle.h"
 #include "win_api.h"
 
@@ -57,7 +57,7 @@ std::vector<Entry> ReadEntries(const std::wstring& logName, const std::wstring& 
     windows_api::Advapi32 advapi32;
     const UniqueEventLog log(advapi32.OpenEventLogW(nullptr, logName.c_str()));
     if (!log)
-        throw ToolError("The log " + toolbox::WstringToString(logName) + " cannot be opened, error " +
+        throw ToolError("The log " + Utf8(logName) + " cannot be opened, error " +
                         std::to_string(::GetLastError()));
     std::vector<Entry> entries;
     std::vector<BYTE> buffer(0x10000);
@@ -69,7 +69,7 @@ std::vector<Entry> ReadEntries(const std::wstring& logName, const std::wstring& 
             const DWORD error = ::GetLastError();
             if (error == ERROR_HANDLE_EOF) return entries;
             if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size())
-                throw ToolError("The log " + toolbox::WstringToString(logName) + " cannot be read, error " +
+                throw ToolError("The log " + Utf8(logName) + " cannot be read, error " +
                                 std::to_string(error));
             buffer.resize(needed);
             continue;
@@ -120,25 +120,25 @@ std::wstring Sentence(HMODULE messages, const Entry& entry) {
     return L"(the sentence for this event is not installed)";
 }
 
-const wchar_t* TypeName(WORD type) {
+const char* TypeName(WORD type) {
     switch (type) {
         case EVENTLOG_ERROR_TYPE:
-            return L"error";
+            return "error";
         case EVENTLOG_WARNING_TYPE:
-            return L"warning";
+            return "warning";
         case EVENTLOG_INFORMATION_TYPE:
-            return L"information";
+            return "information";
         default:
-            return L"other";
+            return "other";
     }
 }
 
-std::wstring LocalTimeText(DWORD seconds) {
+std::string LocalTimeText(DWORD seconds) {
     const __time64_t time = seconds;
     tm local = {};
     ::_localtime64_s(&local, &time);
-    wchar_t text[32] = {};
-    std::wcsftime(text, ARRAYSIZE(text), L"%Y-%m-%d %H:%M:%S", &local);
+    char text[32] = {};
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
     return text;
 }
 
@@ -168,13 +168,13 @@ ExitCode Log(const Arguments& arguments) {
         if (json)
             elements.push_back(JsonObject()
                                    .Add("time", LocalTimeText(entry.time))
-                                   .Add("type", std::wstring(TypeName(entry.type)))
+                                   .Add("type", TypeName(entry.type))
                                    .Add("id", entry.eventId)
                                    .Add("text", sentence)
                                    .Text());
         else
-            std::wprintf(L"%ls  %-11ls  0x%08lX  %ls\n", LocalTimeText(entry.time).c_str(),
-                         TypeName(entry.type), entry.eventId, sentence.c_str());
+            std::printf("%s  %-11s  0x%08lX  %s\n", LocalTimeText(entry.time).c_str(), TypeName(entry.type),
+                        entry.eventId, Utf8(sentence).c_str());
     }
     if (json) std::printf("%s\n", JsonArray(elements).c_str());
     return ExitCode::kSuccess;

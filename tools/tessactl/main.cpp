@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "exception_history.h"
+#include "text.h"
 #include "tmf_catalog.h"
 #include "wine_gap_loader.h"
 
@@ -84,7 +85,7 @@ bool TakeJson(Arguments& arguments) {
 }
 
 ExitCode UsageError(const std::wstring& what) {
-    std::fwprintf(stderr, L"tessactl: %ls\nTry \"tessactl help\".\n", what.c_str());
+    std::fprintf(stderr, "tessactl: %s\nTry \"tessactl help\".\n", Utf8(what).c_str());
     return ExitCode::kUsage;
 }
 
@@ -93,10 +94,17 @@ ExitCode UsageError(const std::wstring& what) {
 int wmain(int argc, wchar_t** argv) {
     modul_exception::InitializeExceptionHistory();
     LoadWineGap();
+    const UINT codePage = ::GetConsoleOutputCP();
+    ::SetConsoleOutputCP(CP_UTF8);
+    auto result = tessactl::ExitCode::kFailed;
     try {
-        return static_cast<int>(tessactl::Run({argv + 1, argv + argc}));
-    } catch (const std::exception& error) {
+        result = tessactl::Run({argv + 1, argv + argc});
+    } catch (const tessactl::ToolError& error) {
         std::fprintf(stderr, "tessactl: %s\n", error.what());
-        return static_cast<int>(tessactl::ExitCode::kFailed);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tessactl: %s\n", tessactl::Utf8FromAnsi(error.what()).c_str());
     }
+    std::fflush(stdout);
+    if (codePage != 0) ::SetConsoleOutputCP(codePage);
+    return static_cast<int>(result);
 }

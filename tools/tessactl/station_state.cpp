@@ -8,6 +8,7 @@
 #include "quelm_orvix.h"
 #include "tessaplug_cp_environ.h"
 #include "tessaplug_database.h"
+#include "text.h"
 #include "toolbox.h"
 #include "unique_handle.h"
 #include "win_interprocess.h"
@@ -18,14 +19,18 @@ namespace {
 
 constexpr wchar_t kGlobal[] = L"Global\\";
 
+bool MutexExists(const std::wstring& name) {
+    return UniqueKernelHandle(::OpenMutexW(SYNCHRONIZE, FALSE, name.c_str())) ||
+           ::GetLastError() == ERROR_ACCESS_DENIED;
+}
+
 std::vector<StationState::InterprocessObjects> ReadInterprocessObjects() {
-    interprocess::CSystemMutex mutexes;
     std::vector<StationState::InterprocessObjects> all;
     const auto models = tessaplug::CpInterprocessDatabaseIf::get_supported_cps();
     for (const auto& model : *models) {
         StationState::InterprocessObjects objects;
         objects.mutex = kGlobal + model->Get_GlobalCiApiMutexName();
-        objects.mutexExists = static_cast<bool>(UniqueKernelHandle(mutexes.OpenMutexInstance(objects.mutex)));
+        objects.mutexExists = MutexExists(objects.mutex);
         objects.sharedMemory = kGlobal + model->Get_GlobalCiSharedMemoryName();
         objects.sharedMemoryExists = interprocess::CSharedMemory().Exists(objects.sharedMemory);
         all.push_back(objects);
@@ -65,19 +70,23 @@ std::vector<StationState::Model> ReadModels(std::string& libraryError) {
     try {
         installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
     } catch (const std::exception& error) {
-        libraryError = error.what();
+        libraryError = Utf8FromAnsi(error.what());
     }
     for (const auto& record : tessaplug::CommunicationProcessorDbIf::create_database()) {
         StationState::Model model;
         model.name = record->DisplayedDeviceName();
-        operating_system::plug_and_play::DeviceInterfaceFactory()
-            .create_from(record->DeviceInterfaceGuid())
-            ->Get_DeviceInterfaceDetails(model.devicePaths);
+        try {
+            operating_system::plug_and_play::DeviceInterfaceFactory()
+                .create_from(record->DeviceInterfaceGuid())
+                ->Get_DeviceInterfaceDetails(model.devicePaths);
+        } catch (const std::exception& error) {  // also a device that vanishes while it is looked at
+            model.devicesError = Utf8FromAnsi(error.what());
+        }
         try {
             for (const std::wstring& name : record->SupportedLogDevices())
                 if (libraryError.empty()) model.accessPoints.push_back(ReadAccessPoint(name, installed));
         } catch (const std::exception& error) {
-            libraryError = error.what();
+            libraryError = Utf8FromAnsi(error.what());
         }
         models.push_back(std::move(model));
     }
@@ -86,8 +95,8 @@ std::vector<StationState::Model> ReadModels(std::string& libraryError) {
 
 StationState ReadStation() {
     StationState state;
-    state.plugInRuns = interprocess::CSystemMutex().ProbeInstanceLock(
-        tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
+    state.plugInRuns =
+        MutexExists(kGlobal + tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
     state.interprocess = ReadInterprocessObjects();
     state.libraryPath = quelm::ConfigurationLibraryPath(&state.libraryIsRegistered);
     state.models = ReadModels(state.libraryError);

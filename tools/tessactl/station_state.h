@@ -25,6 +25,7 @@ struct StationState {
     struct Model {
         std::wstring name;
         std::vector<std::wstring> devicePaths;
+        std::string devicesError;  ///< why the device paths are not known, in UTF-8; empty if they are
         std::vector<AccessPoint> accessPoints;
     };
 
@@ -33,7 +34,7 @@ struct StationState {
     std::vector<Model> models;
     std::wstring libraryPath;
     bool libraryIsRegistered = false;
-    std::string libraryError;  ///< why the access points are not known; empty if they are
+    std::string libraryError;  ///< why the access points are not known, in UTF-8; empty if they are
 };
 
 /// Looks at everything. What cannot be had is missing in the result; nothing is thrown for it.

@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "json.h"
 #include "station_state.h"
+#include "text.h"
 
 namespace tessactl {
 namespace {
@@ -34,6 +35,7 @@ std::string JsonOf(const StationState& state) {
         models.push_back(JsonObject()
                              .Add("model", model.name)
                              .AddRaw("devices", JsonArray(paths))
+                             .Add("devicesError", model.devicesError)
                              .AddRaw("accessPoints", JsonArray(points))
                              .Text());
     }
@@ -55,22 +57,26 @@ void Print(const StationState& state) {
     std::printf("plug-in runs on this machine   %s\n\n", YesNo(state.plugInRuns));
     std::printf("%-60s  EXISTS\n", "INTERPROCESS OBJECT");
     for (const auto& object : state.interprocess) {
-        std::printf("%-60ls  %s\n", object.mutex.c_str(), YesNo(object.mutexExists));
-        std::printf("%-60ls  %s\n", object.sharedMemory.c_str(), YesNo(object.sharedMemoryExists));
+        std::printf("%-60s  %s\n", Utf8(object.mutex).c_str(), YesNo(object.mutexExists));
+        std::printf("%-60s  %s\n", Utf8(object.sharedMemory).c_str(), YesNo(object.sharedMemoryExists));
     }
     std::printf("\n%-12s  DEVICE\n", "ADAPTER");
     for (const auto& model : state.models) {
-        if (model.devicePaths.empty()) std::printf("%-12ls  -\n", model.name.c_str());
+        const std::string name = Utf8(model.name);
+        if (!model.devicesError.empty())
+            std::printf("%-12s  not known: %s\n", name.c_str(), model.devicesError.c_str());
+        else if (model.devicePaths.empty())
+            std::printf("%-12s  -\n", name.c_str());
         for (const std::wstring& path : model.devicePaths)
-            std::printf("%-12ls  %ls\n", model.name.c_str(), path.c_str());
+            std::printf("%-12s  %s\n", name.c_str(), Utf8(path).c_str());
     }
     std::printf("\n%-28s  %-9s  %-6s  %s\n", "ACCESS POINT", "INSTALLED", "EXISTS", "STATE");
     for (const auto& model : state.models)
         for (const auto& point : model.accessPoints)
-            std::printf("%-28ls  %-9s  %-6s  %s\n", point.name.c_str(), YesNo(point.installed),
+            std::printf("%-28s  %-9s  %-6s  %s\n", Utf8(point.name).c_str(), YesNo(point.installed),
                         YesNo(point.exists), point.State());
     if (!state.libraryError.empty()) std::printf("not known: %s\n", state.libraryError.c_str());
-    std::printf("\nconfiguration library          %ls\n", state.libraryPath.c_str());
+    std::printf("\nconfiguration library          %s\n", Utf8(state.libraryPath).c_str());
     std::printf("its path comes from            %s\n",
                 state.libraryIsRegistered ? "the registry" : "the default");
 }

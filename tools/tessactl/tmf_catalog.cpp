@@ -4,11 +4,13 @@
 #include <objbase.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
 #include <sstream>
 
+#include "text.h"
 #include "toolbox.h"
 
 namespace tessactl {
@@ -23,10 +25,10 @@ GUID GuidFrom(const std::string& text, const std::string& name) {
 }
 
 std::string ContentOf(const std::wstring& path) {
-    std::ifstream file(toolbox::WstringToString(path), std::ios::binary);
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
-    if (!file) throw ToolError(toolbox::WstringToString(path) + " cannot be read");
+    if (!file) throw ToolError(Utf8(path) + " cannot be read");
     return content.str();
 }
 
@@ -41,19 +43,20 @@ TmfCatalog TmfCatalog::FromFolder(const std::wstring& folder) {
     WIN32_FIND_DATAW found = {};
     const HANDLE search = ::FindFirstFileW((folder + L"\\*.tmf").c_str(), &found);
     if (search == INVALID_HANDLE_VALUE)
-        throw ToolError("There are no .tmf files in " + toolbox::WstringToString(folder) +
+        throw ToolError("There are no .tmf files in " + Utf8(folder) +
                         "; name the folder that came with the plug-in with --tmf.");
     const std::unique_ptr<void, decltype(&::FindClose)> owner(search, &::FindClose);
     do {
         const std::wstring path = folder + L"\\" + found.cFileName;
-        catalog.Add(ContentOf(path), toolbox::WstringToString(path));
+        catalog.Add(ContentOf(path), Utf8(path));
     } while (::FindNextFileW(search, &found));
     return catalog;
 }
 
 void TmfCatalog::Add(const std::string& text, const std::string& name) {
+    constexpr std::size_t kLongestLine = 4096;
     static const std::regex kHead(R"(^(\S+) (\S+) //.*)");
-    static const std::regex kMessage(R"re(^#typev \S+ (\d+) "%0(.*)" //.*LEVEL=(\d+).*)re");
+    static const std::regex kMessage(R"re(^#typev \S+ (\d{1,9}) "%0(.*)" //.*LEVEL=(\d{1,9})\b.*)re");
     static const std::regex kItem(R"(^\S+, (Item\w+) -- \d+\s*)");
     std::istringstream lines(text);
     std::string line;
@@ -61,6 +64,8 @@ void TmfCatalog::Add(const std::string& text, const std::string& name) {
     const auto nextLine = [&] {
         const bool isLine = !std::getline(lines, line).fail();
         if (line.ends_with('\r')) line.pop_back();
+        // The expressions need some stack for each character.
+        if (line.length() > kLongestLine) throw ToolError(name + " has a line of more than 4096 characters");
         return isLine;
     };
     if (!nextLine() || !std::regex_match(line, match, kHead))

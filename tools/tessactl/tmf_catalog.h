@@ -9,7 +9,7 @@
 
 namespace tessactl {
 
-/// Something that the tool cannot work with, told in words.
+/// Something that the tool cannot work with, told in words, in UTF-8.
 class ToolError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

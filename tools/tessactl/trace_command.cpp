@@ -4,12 +4,13 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
 
 #include "commands.h"
-#include "toolbox.h"
+#include "text.h"
 #include "trace_decoder.h"
 #include "win_convenience.h"
 
@@ -44,6 +45,13 @@ bool ParseOptions(const Arguments& arguments, const std::vector<std::wstring>& k
     return true;
 }
 
+/// A whole number, decimal or with 0x.
+bool ParseNumber(const std::wstring& text, ULONG& number) {
+    wchar_t* end = nullptr;
+    number = std::wcstoul(text.c_str(), &end, 0);
+    return end != text.c_str() && *end == L'\0';
+}
+
 std::wstring DefaultFile() {
     wchar_t folder[MAX_PATH] = {};
     ::GetEnvironmentVariableW(L"ProgramData", folder, MAX_PATH);
@@ -69,20 +77,20 @@ struct SessionProperties {
     }
 };
 
-ExitCode Failed(const wchar_t* what, ULONG error) {
+ExitCode Failed(const char* what, ULONG error) {
     switch (error) {
         case ERROR_ACCESS_DENIED:
-            std::fwprintf(stderr, L"tessactl: %ls is not allowed; run it as administrator.\n", what);
+            std::fprintf(stderr, "tessactl: %s is not allowed; run it as administrator.\n", what);
             return ExitCode::kNoRights;
         case ERROR_ALREADY_EXISTS:
-            std::fputws(L"tessactl: a recording is running already; end it with \"tessactl trace stop\".\n",
-                        stderr);
+            std::fputs("tessactl: a recording is running already; end it with \"tessactl trace stop\".\n",
+                       stderr);
             return ExitCode::kFailed;
         case ERROR_WMI_INSTANCE_NOT_FOUND:
-            std::fputws(L"tessactl: no recording is running.\n", stderr);
+            std::fputs("tessactl: no recording is running.\n", stderr);
             return ExitCode::kFailed;
         default:
-            std::fwprintf(stderr, L"tessactl: %ls failed with error %lu.\n", what, error);
+            std::fprintf(stderr, "tessactl: %s failed with error %lu.\n", what, error);
             return ExitCode::kFailed;
     }
 }
@@ -90,29 +98,33 @@ ExitCode Failed(const wchar_t* what, ULONG error) {
 ExitCode Stop() {
     SessionProperties properties(L"");
     const ULONG result = ::ControlTraceW(0, kSessionName, &properties.head, EVENT_TRACE_CONTROL_STOP);
-    return result == ERROR_SUCCESS ? ExitCode::kSuccess : Failed(L"ending the recording", result);
+    return result == ERROR_SUCCESS ? ExitCode::kSuccess : Failed("ending the recording", result);
 }
 
 ExitCode Start(const Arguments& arguments) {
     Options options;
     if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags"}, options)) return ExitCode::kUsage;
-    const std::wstring file = options.contains(L"--file") ? options[L"--file"] : DefaultFile();
-    const ULONG level =
-        options.contains(L"--level") ? std::wcstoul(options[L"--level"].c_str(), nullptr, 0) : 5;
-    const ULONG flags =
-        options.contains(L"--flags") ? std::wcstoul(options[L"--flags"].c_str(), nullptr, 0) : 0xFFFFFFFF;
-    if (level < 1 || level > 5) return UsageError(L"the level is 2, 3, 4 or 5");
+    if (!options[L""].empty()) return UsageError(L"not understood: " + options[L""]);
+    ULONG level = 5;
+    if (options.contains(L"--level") && (!ParseNumber(options[L"--level"], level) || level < 2 || level > 5))
+        return UsageError(L"the level is 2, 3, 4 or 5");
+    ULONG flags = 0xFFFFFFFF;
+    if (options.contains(L"--flags") && (!ParseNumber(options[L"--flags"], flags) || flags == 0))
+        return UsageError(L"the flags are a number, but 0, which would record nothing");
+    // In full: every process that is traced writes into it.
+    const std::wstring file =
+        options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
     SessionProperties properties(file);
     TRACEHANDLE session = 0;
     if (const ULONG result = ::StartTraceW(&session, kSessionName, &properties.head); result != ERROR_SUCCESS)
-        return Failed(L"starting the recording", result);
+        return Failed("starting the recording", result);
     for (const GUID& guid : kControlGuids) {
         const ULONG result = ::EnableTrace(TRUE, flags, level, &guid, session);
         if (result == ERROR_SUCCESS) continue;
         Stop();
-        return Failed(L"enabling the plug-in's trace", result);
+        return Failed("enabling the plug-in's trace", result);
     }
-    std::wprintf(L"Recording into %ls\n", file.c_str());
+    std::printf("Recording into %s\n", Utf8(file).c_str());
     return ExitCode::kSuccess;
 }
 
@@ -131,9 +143,8 @@ ExitCode DecodeRecording(const Arguments& arguments) {
         TmfCatalog::FromFolder(options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder());
     std::ofstream outputFile;
     if (options.contains(L"--output")) {
-        outputFile.open(toolbox::WstringToString(options[L"--output"]), std::ios::binary);
-        if (!outputFile)
-            throw ToolError(toolbox::WstringToString(options[L"--output"]) + " cannot be written");
+        outputFile.open(std::filesystem::path(options[L"--output"]), std::ios::binary);
+        if (!outputFile) throw ToolError(Utf8(options[L"--output"]) + " cannot be written");
     }
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
@@ -152,6 +163,7 @@ ExitCode DecodeRecording(const Arguments& arguments) {
         result = ExitCode::kFailed;
     }
     if (format == L"chrome") output << chrome.Finish();
+    if (!output.flush()) throw ToolError("The decoded recording cannot be written whole; is the disk full?");
     return result;
 }
 
@@ -160,7 +172,8 @@ ExitCode DecodeRecording(const Arguments& arguments) {
 ExitCode Trace(const Arguments& arguments) {
     const std::wstring what = arguments.empty() ? L"" : arguments[0];
     if (what == L"start") return Start(arguments);
-    if (what == L"stop") return Stop();
+    if (what == L"stop")
+        return arguments.size() == 1 ? Stop() : UsageError(L"not understood: " + arguments[1]);
     if (what == L"decode") return DecodeRecording(arguments);
     return UsageError(L"trace start, trace stop or trace decode?");
 }

@@ -10,6 +10,7 @@
 #include <regex>
 
 #include "json.h"
+#include "text.h"
 #include "toolbox.h"
 
 namespace tessactl {
@@ -72,9 +73,9 @@ std::string ArgumentText(ArgumentReader& reader, const std::string& item, const 
     } else if (item == "ItemPtr") {
         if (const auto value = reader.Number<unsigned long long>()) text = Printed("0x%016llx", *value);
     } else if (item == "ItemString") {
-        text = reader.Text<char>();
+        if (const auto narrow = reader.Text<char>()) text = Utf8FromAnsi(*narrow);
     } else if (item == "ItemWString") {
-        if (const auto wide = reader.Text<wchar_t>()) text = toolbox::WstringToString(*wide, CP_UTF8);
+        if (const auto wide = reader.Text<wchar_t>()) text = Utf8(*wide);
     }
     return text.value_or("<missing>");
 }
@@ -113,19 +114,16 @@ void ReadRecording(const std::wstring& file, const std::function<void(const Reco
     TRACEHANDLE handle = ::OpenTraceW(&logFile);
     if (handle == INVALID_PROCESSTRACE_HANDLE) {
         const DWORD error = ::GetLastError();
-        throw ToolError(toolbox::WstringToString(file) +
-                        (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND
-                             ? " does not exist; record it with \"tessactl trace start\"."
-                             : " is no trace recording, error " + std::to_string(error) + "."));
+        throw ToolError(Utf8(file) + (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND
+                                          ? " does not exist; record it with \"tessactl trace start\"."
+                                          : " is no trace recording, error " + std::to_string(error) + "."));
     }
     const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
     ::CloseTrace(handle);
     if (result == ERROR_FILE_CORRUPT)
-        throw ToolError(toolbox::WstringToString(file) +
-                        " is cut off or damaged; what comes before that is shown.");
+        throw ToolError(Utf8(file) + " is cut off or damaged; what comes before that is shown.");
     if (result != ERROR_SUCCESS)
-        throw ToolError("Reading " + toolbox::WstringToString(file) + " failed with error " +
-                        std::to_string(result));
+        throw ToolError("Reading " + Utf8(file) + " failed with error " + std::to_string(result));
 }
 
 DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message) {

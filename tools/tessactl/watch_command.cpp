@@ -14,7 +14,7 @@
 #include "evlog_check.h"
 #include "json.h"
 #include "station_state.h"
-#include "toolbox.h"
+#include "text.h"
 
 namespace tessactl {
 namespace {
@@ -41,7 +41,7 @@ class Printer {
                                     .Text()
                                     .c_str());
         else
-            std::printf("%s  %-12s  %-28ls  %ls\n", time, event, what.c_str(), text.c_str());
+            std::printf("%s  %-12s  %-28s  %s\n", time, event, Utf8(what).c_str(), Utf8(text).c_str());
         std::fflush(stdout);
     }
 
@@ -76,7 +76,7 @@ class DriverMessages {
                 if (buffer.empty() && !ends_) ::Sleep(1000);  // the log cannot be read just now
                 parser.Process(buffer, messages);
             } catch (const std::exception& error) {
-                printer_.Print("problem", L"driver messages", toolbox::StringToWstring(error.what()));
+                printer_.Print("problem", L"driver messages", Widened(error.what(), CP_ACP));
             }
             for (const auto& message : messages)
                 printer_.Print("message", message.source,
@@ -120,7 +120,15 @@ void PrintChanges(Printer& printer, const Models& before, const Models& after) {
         PrintMissing(printer, "removal", after[i].name, before[i].devicePaths, after[i].devicePaths);
         for (const auto& point : after[i].accessPoints)
             if (std::ranges::find(before[i].accessPoints, point) == before[i].accessPoints.end())
-                printer.Print("access point", point.name, toolbox::StringToWstring(point.State()));
+                printer.Print("access point", point.name, Widened(point.State(), CP_UTF8));
+    }
+}
+
+/// What could not be read now counts as it was before: it has not changed for that.
+void KeepWhatIsNotKnown(const Models& before, Models& after, bool accessPointsAreKnown) {
+    for (std::size_t i = 0; i < after.size(); ++i) {
+        if (!after[i].devicesError.empty()) after[i].devicePaths = before[i].devicePaths;
+        if (!accessPointsAreKnown) after[i].accessPoints = before[i].accessPoints;
     }
 }
 
@@ -143,10 +151,16 @@ ExitCode Watch(const Arguments& arguments) {
     std::string error;
     Models before = ReadModels(error);
     printer.Print("watching", error.empty() ? L"everything" : L"adapters and messages only",
-                  toolbox::StringToWstring(error));
+                  Widened(error, CP_UTF8));
+    std::string errorBefore = error;
     while (seconds == 0 || ::GetTickCount64() < end) {
         ::Sleep(kStepMs);
         Models after = ReadModels(error);
+        KeepWhatIsNotKnown(before, after, error.empty());
+        if (error != errorBefore)
+            printer.Print(error.empty() ? "well again" : "problem", L"configuration library",
+                          Widened(error, CP_UTF8));
+        errorBefore = error;
         PrintChanges(printer, before, after);
         before = std::move(after);
     }

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "json.h"
 #include "module_hooks.h"
 
 using tessactl::ChromeTraceWriter;
@@ -72,6 +73,24 @@ TEST_F(Decoder, PrintsEveryKindOfArgument) {
     EXPECT_EQ(decoded.level, 2u);
 }
 
+TEST_F(Decoder, TextIsUtf8WhateverItWas) {
+    ASSERT_EQ(::GetACP(), 1252u);
+    RecordedMessage message{0, 1, 2, kGuid, 10, {}};
+    Append(message.arguments, L"\u03A9");
+    Append(message.arguments, 0);
+    Append(message.arguments, 0ULL);
+    Append(message.arguments, static_cast<void*>(nullptr));
+    Append(message.arguments, "\xE4");
+    const std::string text = Decode(catalog_, message).text;
+    EXPECT_TRUE(text.starts_with("\xCE\xA9 is 0")) << text;
+    EXPECT_NE(text.find(" \xC3\xA4 "), std::string::npos) << text;
+}
+
+TEST(Json, TextOfForeignBytesIsUtf8) {
+    EXPECT_EQ(tessactl::JsonText(std::string("a\xFF\"\n")), "\"a\xEF\xBF\xBD\\\"\\u000a\"");
+    EXPECT_EQ(tessactl::JsonText(std::wstring(L"\u03A9")), "\"\xCE\xA9\"");
+}
+
 TEST_F(Decoder, MissingArgumentsAreShownAsSuch) {
     RecordedMessage message{0, 1, 2, kGuid, 10, {}};
     Append(message.arguments, L"wide");
@@ -112,6 +131,10 @@ TEST(TmfCatalog, RefusesWhatItDoesNotUnderstand) {
     EXPECT_THROW(catalog.Add("", "empty.tmf"), ToolError);
     EXPECT_THROW(catalog.Add("no guid // SRC=\n", "bad.tmf"), ToolError);
     EXPECT_THROW(catalog.Add(std::string(kTmf) + "garbage\n", "bad.tmf"), ToolError);
+    EXPECT_THROW(catalog.Add(std::string(kTmf) + std::string(5000, 'x') + "\n", "long.tmf"), ToolError);
+    EXPECT_THROW(catalog.Add(std::string(kTmf) + "#typev n 10 \"%0x\" //   LEVEL=99999999999999999999\n",
+                             "number.tmf"),
+                 ToolError);
     EXPECT_THROW(TmfCatalog::FromFolder(L"C:\\no such folder"), ToolError);
 }
 
