@@ -208,7 +208,13 @@ void EventLog::ReadNewRecords(std::vector<std::byte>& buffer) {
     const HANDLE hEventLog = hEventLog_;
     MODUL_ASSERT(hEventLog != NULL);
     buffer.resize(kNewRecordsBufferSize);
-    ReadRecord(hEventLog, buffer, 0, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ);
+    try {
+        ReadRecord(hEventLog, buffer, 0, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ);
+    } catch (const std::overflow_error&) {
+        // The read position would stay before the record that is too long, and no later one be seen.
+        HandleCleanupOfEventLog();
+        throw;
+    }
 }
 
 std::vector<std::byte> EventLog::BlockingRead() {
@@ -237,18 +243,16 @@ void EventLog::WaitAndRead(std::vector<std::byte>& buffer) {
         }
         if (!WaitForChangesInEventLog()) return;
         TRACE_INFO(24, "Reading the new records of %S", eventSourceName_);
-        try {
-            ReadNewRecords(buffer);
-        } catch (const std::overflow_error&) {
-            // The read position would stay before the record that is too long, and no later one be seen.
-            HandleCleanupOfEventLog();
-            throw;
-        }
+        ReadNewRecords(buffer);
         if (!buffer.empty()) return;
         // Only now, so that a burst is read completely first.
         TRACE_INFO(25, "Log %S is read completely", eventSourceName_);
         if (!kernel32_->ResetEvent(events_[kNotification]))
             MODUL_THROW(CWindowsApiExcp("ResetEvent(NOTIFICATION_EVENT)", ""));
+        // A record that came in between has lost its notification. A log that was opened again has another
+        // one.
+        if (!seekRequired_) ReadNewRecords(buffer);
+        if (!buffer.empty()) return;
     }
 }
 

@@ -302,11 +302,18 @@ TEST_F(Reader, LaterReadsGoOnFromThere) {
 
 TEST_F(Reader, NotificationIsResetOnlyWhenNothingWasRead) {
     OpenAndPosition();
-    system_->reads = {{ERROR_HANDLE_EOF}, {ERROR_SUCCESS, 10}};
+    system_->reads = {{ERROR_HANDLE_EOF}, {ERROR_HANDLE_EOF}, {ERROR_SUCCESS, 10}};
     kernel32_->waits = {kChanged, kChanged};
     EXPECT_EQ(log_->BlockingRead().size(), 10u);
-    EXPECT_EQ(journal_,
-              (Journal{"wait", "read 5 from 0 into 65536", "reset", "wait", "read 5 from 0 into 65536"}));
+    EXPECT_EQ(journal_, (Journal{"wait", "read 5 from 0 into 65536", "reset", "read 5 from 0 into 65536",
+                                 "wait", "read 5 from 0 into 65536"}));
+}
+
+TEST_F(Reader, RecordThatComesRightBeforeTheResetIsNotLeft) {
+    OpenAndPosition();
+    system_->reads = {{ERROR_HANDLE_EOF}, {ERROR_SUCCESS, 10}};
+    kernel32_->waits = {kChanged};
+    EXPECT_EQ(log_->BlockingRead().size(), 10u) << "without another notification";
 }
 
 TEST_F(Reader, BufferGrowsAsNeeded) {
