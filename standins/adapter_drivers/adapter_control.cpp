@@ -171,7 +171,15 @@ const Model* FindModel(const std::wstring& name) {
 }
 
 bool IsInstalled(const Model& model) {
-    return ForEachDevice(model, [](HDEVINFO, SP_DEVINFO_DATA&) {}) == ADAPTER_PORTS;
+    int withDriver = 0;
+    ForEachDevice(model, [&withDriver](HDEVINFO set, SP_DEVINFO_DATA& device) {
+        // Written when the driver is assigned: an installation that was interrupted before has not done that.
+        wchar_t service[64] = {};
+        if (::SetupDiGetDeviceRegistryPropertyW(set, &device, SPDRP_SERVICE, nullptr,
+                                                reinterpret_cast<BYTE*>(service), sizeof service, nullptr))
+            ++withDriver;
+    });
+    return withDriver == ADAPTER_PORTS;
 }
 
 bool Install(const Model& model, const std::wstring& infPath) {

@@ -29,7 +29,7 @@ typedef struct {
 } DEVICE_EXTENSION;
 
 static PORT ports[ADAPTER_PORTS];
-static FAST_MUTEX lock; /* guards the ports */
+static KMUTEX ports_lock; /* guards the ports; not a fast mutex, under which interfaces cannot be set */
 static PDEVICE_OBJECT control_device;
 static UNICODE_STRING control_name = RTL_CONSTANT_STRING(L"\\Device\\" ADAPTER_CONTROL);
 static UNICODE_STRING control_link = RTL_CONSTANT_STRING(L"\\DosDevices\\" ADAPTER_CONTROL);
@@ -39,6 +39,14 @@ static NTSTATUS complete(PIRP irp, NTSTATUS status) {
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return status;
+}
+
+static void lock_ports(void) {
+    KeWaitForSingleObject(&ports_lock, Executive, KernelMode, FALSE, NULL);
+}
+
+static void unlock_ports(void) {
+    KeReleaseMutex(&ports_lock, FALSE);
 }
 
 static PORT* port_of(PDEVICE_OBJECT device) {
@@ -56,31 +64,31 @@ static NTSTATUS set_plugged(PORT* port, BOOLEAN plugged) {
 }
 
 static void set_started(PORT* port, BOOLEAN started) {
-    ExAcquireFastMutex(&lock);
+    lock_ports();
     if (!started && port->started) set_plugged(port, FALSE);
     port->started = started;
-    ExReleaseFastMutex(&lock);
+    unlock_ports();
 }
 
 static PORT* claim_port(PDEVICE_OBJECT device) {
     PORT* claimed = NULL;
     ULONG i;
-    ExAcquireFastMutex(&lock);
+    lock_ports();
     for (i = 0; i < ADAPTER_PORTS && !claimed; ++i) {
         if (ports[i].device) continue;
         claimed = &ports[i];
         RtlZeroMemory(claimed, sizeof *claimed);
         claimed->device = device;
     }
-    ExReleaseFastMutex(&lock);
+    unlock_ports();
     return claimed;
 }
 
 static void release_port(PORT* port) {
-    ExAcquireFastMutex(&lock);
+    lock_ports();
     if (port->interface_name.Buffer) RtlFreeUnicodeString(&port->interface_name);
     RtlZeroMemory(port, sizeof *port);
-    ExReleaseFastMutex(&lock);
+    unlock_ports();
 }
 
 static NTSTATUS build_port(PORT* port, PDEVICE_OBJECT physical) {
@@ -113,6 +121,28 @@ static NTSTATUS pass_down(PDEVICE_OBJECT lower, PIRP irp) {
     return IoCallDriver(lower, irp);
 }
 
+static NTSTATUS NTAPI signal_completion(PDEVICE_OBJECT device, PIRP irp, PVOID completed) {
+    UNREFERENCED_PARAMETER(device);
+    if (irp->PendingReturned) KeSetEvent(completed, IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+/* The port is started once everything below it is. */
+static NTSTATUS start_device(PORT* port, PIRP irp) {
+    KEVENT completed;
+    NTSTATUS status;
+    KeInitializeEvent(&completed, NotificationEvent, FALSE);
+    IoCopyCurrentIrpStackLocationToNext(irp);
+    IoSetCompletionRoutine(irp, signal_completion, &completed, TRUE, TRUE, TRUE);
+    status = IoCallDriver(port->lower, irp);
+    if (status == STATUS_PENDING) {
+        KeWaitForSingleObject(&completed, Executive, KernelMode, FALSE, NULL);
+        status = irp->IoStatus.Status;
+    }
+    if (NT_SUCCESS(status)) set_started(port, TRUE);
+    return complete(irp, status);
+}
+
 static NTSTATUS remove_device(PDEVICE_OBJECT device, PORT* port, PIRP irp) {
     PDEVICE_OBJECT lower = port->lower;
     NTSTATUS status;
@@ -130,9 +160,7 @@ static NTSTATUS NTAPI dispatch_pnp(PDEVICE_OBJECT device, PIRP irp) {
     if (!port) return complete(irp, STATUS_NOT_SUPPORTED);
     switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
         case IRP_MN_START_DEVICE:
-            set_started(port, TRUE);
-            irp->IoStatus.Status = STATUS_SUCCESS;
-            break;
+            return start_device(port, irp);
         case IRP_MN_STOP_DEVICE:
         case IRP_MN_SURPRISE_REMOVAL:
             set_started(port, FALSE);
@@ -152,6 +180,11 @@ static NTSTATUS NTAPI dispatch_pnp(PDEVICE_OBJECT device, PIRP irp) {
     return pass_down(port->lower, irp);
 }
 
+static NTSTATUS NTAPI dispatch_system_control(PDEVICE_OBJECT device, PIRP irp) {
+    PORT* port = port_of(device);
+    return port ? pass_down(port->lower, irp) : complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+}
+
 static NTSTATUS NTAPI dispatch_open_close(PDEVICE_OBJECT device, PIRP irp) {
     UNREFERENCED_PARAMETER(device);
     return complete(irp, STATUS_SUCCESS);
@@ -160,9 +193,9 @@ static NTSTATUS NTAPI dispatch_open_close(PDEVICE_OBJECT device, PIRP irp) {
 static NTSTATUS set_port(ULONG number, BOOLEAN plugged) {
     NTSTATUS status;
     if (number >= ADAPTER_PORTS) return STATUS_INVALID_PARAMETER;
-    ExAcquireFastMutex(&lock);
+    lock_ports();
     status = set_plugged(&ports[number], plugged);
-    ExReleaseFastMutex(&lock);
+    unlock_ports();
     return status;
 }
 
@@ -185,6 +218,11 @@ static BOOLEAN is_wine(void) {
     return MmGetSystemRoutineAddress(&name) != NULL;
 }
 
+static void write_hex(WCHAR* digits, ULONG count, ULONGLONG number) {
+    for (; count > 0; --count, number /= 16)
+        digits[count - 1] = L"0123456789abcdef"[number % 16];
+}
+
 /* Wine has no error log for drivers: what reads the event log there takes the record from the registry. */
 static NTSTATUS leave_record(ULONG message_id, const WCHAR* text) {
     static const WCHAR* const keys[] = {L"\\Registry\\Machine\\Software\\winegap",
@@ -192,16 +230,18 @@ static NTSTATUS leave_record(ULONG message_id, const WCHAR* text) {
                                         ERROR_LOG_RECORDS_KEY};
     static LONG records;
     ERROR_LOG_RECORD record;
-    WCHAR name[] = L"00000000 " ADAPTER_SOURCE;
-    ULONG number = (ULONG)InterlockedIncrement(&records);
+    WCHAR name[] = L"0000000000000000 00000000 " ADAPTER_SOURCE;
+    LARGE_INTEGER now;
     ULONG i;
     RtlZeroMemory(&record, sizeof record);
     record.message_id = message_id;
     RtlCopyMemory(record.source, ADAPTER_SOURCE, sizeof ADAPTER_SOURCE);
     RtlCopyMemory(record.device, control_name.Buffer, control_name.Length);
     RtlCopyMemory(record.text, text, sizeof record.text);
-    for (i = 8; i > 0; --i, number /= 16)
-        name[i - 1] = L"0123456789abcdef"[number % 16];
+    /* The time first: records that nobody has looked at yet may be from before this driver was loaded. */
+    KeQuerySystemTime(&now);
+    write_hex(name, 16, (ULONGLONG)now.QuadPart);
+    write_hex(name + 17, 8, (ULONG)InterlockedIncrement(&records));
     for (i = 0; i < sizeof keys / sizeof keys[0]; ++i)
         RtlCreateRegistryKey(RTL_REGISTRY_ABSOLUTE, (PWSTR)keys[i]);
     return RtlWriteRegistryValue(RTL_REGISTRY_ABSOLUTE, ERROR_LOG_RECORDS_KEY, name, REG_BINARY, &record,
@@ -282,11 +322,12 @@ static NTSTATUS create_control_device(PDRIVER_OBJECT driver) {
 
 NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry_path) {
     UNREFERENCED_PARAMETER(registry_path);
-    ExInitializeFastMutex(&lock);
+    KeInitializeMutex(&ports_lock, 0);
     driver->DriverExtension->AddDevice = add_device;
     driver->DriverUnload = unload;
     driver->MajorFunction[IRP_MJ_PNP] = dispatch_pnp;
     driver->MajorFunction[IRP_MJ_POWER] = dispatch_power;
+    driver->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = dispatch_system_control;
     driver->MajorFunction[IRP_MJ_CREATE] = dispatch_open_close;
     driver->MajorFunction[IRP_MJ_CLOSE] = dispatch_open_close;
     driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch_control;

@@ -248,10 +248,17 @@ std::vector<std::wstring> LogDeviceStore::TemplateEntries() const {
 }
 
 Code LogDeviceStore::SetTemplateEntries(const std::vector<std::wstring>& entries) const {
+    return EditTemplateEntries([&entries](std::vector<std::wstring>& all) { all = entries; });
+}
+
+Code LogDeviceStore::EditTemplateEntries(const std::function<void(std::vector<std::wstring>&)>& edit) const {
     const WriterLock lock;
     LSTATUS result = ERROR_SUCCESS;
-    const Key definition = Open(DefinitionKey(), KEY_SET_VALUE, result);
+    const Key definition = Open(DefinitionKey(), KEY_READ | KEY_SET_VALUE, result);
     if (!definition) return CodeOf(result, kDefinitionNotExists);
+    if (!Text(definition.get(), kEntries)) return kAccessDenied;
+    std::vector<std::wstring> entries = Texts(definition.get(), kEntries);
+    edit(entries);
     return CodeOf(WriteTexts(definition.get(), kEntries, entries), kDefinitionNotExists);
 }
 

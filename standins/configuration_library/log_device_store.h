@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -66,6 +67,8 @@ class LogDeviceStore {
 
     std::vector<std::wstring> TemplateEntries() const;
     Code SetTemplateEntries(const std::vector<std::wstring>& entries) const;
+    /// Changes the entries in one step: nobody else writes between reading and writing them.
+    Code EditTemplateEntries(const std::function<void(std::vector<std::wstring>&)>& edit) const;
 
     /// Path of the log devices' key below HKEY_LOCAL_MACHINE.
     std::wstring LogDevicesKey() const { return root_ + L"\\LogDevices"; }

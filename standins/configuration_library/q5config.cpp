@@ -56,7 +56,7 @@ std::wstring Stored(std::wstring name) {
 /// The spelling that people know.
 std::wstring Shown(const std::wstring& stored) {
     const std::size_t dot = stored.find(L'.');
-    if (dot == std::wstring::npos || !stored.ends_with(L".1")) return stored;
+    if (!stored.ends_with(L".1") || dot + 2 >= stored.length()) return stored;
     return stored.substr(0, dot) + L"(" + stored.substr(dot + 1, stored.length() - dot - 3) + L")";
 }
 
@@ -102,14 +102,26 @@ int Init(bool empty) {
                 return Report(code, name);
         }
     }
-    // A template that somebody edited stays.
-    return store.TemplateEntries().empty() ? Report(store.SetTemplateEntries(entries), L"init") : kSuccess;
+    return Report(store.EditTemplateEntries([&entries](std::vector<std::wstring>& all) {
+        if (all.empty()) all = entries;  // a template that somebody edited stays
+    }),
+                  L"init");
 }
 
 std::wstring State(const LogDeviceStore& store, const std::wstring& name) {
     std::wstring hidden;
     if (store.GetValue(name, L"hidden", hidden) != configuration_library::kOk) return L"visible";
     return hidden == L"true" ? L"hidden" : L"visible";
+}
+
+/// The name as it stands in a JSON string; it holds no backslash, the store refuses that.
+std::wstring JsonEscaped(const std::wstring& name) {
+    std::wstring escaped;
+    for (const wchar_t c : name) {
+        if (c == L'"') escaped += L'\\';
+        escaped += c < L' ' ? L' ' : c;
+    }
+    return escaped;
 }
 
 int List(bool json) {
@@ -121,8 +133,8 @@ int List(bool json) {
     std::wstring text = json ? L"[" : L"";
     for (const std::wstring& name : names) {
         if (json)
-            text += (text.length() > 1 ? L"," : L"") + std::wstring(L"{\"name\":\"") + Shown(name) +
-                    L"\",\"state\":\"" + State(store, name) + L"\"}";
+            text += (text.length() > 1 ? L"," : L"") + std::wstring(L"{\"name\":\"") +
+                    JsonEscaped(Shown(name)) + L"\",\"state\":\"" + State(store, name) + L"\"}";
         else
             std::wprintf(L"%-*ls  %ls\n", static_cast<int>(width), Shown(name).c_str(),
                          State(store, name).c_str());
@@ -210,16 +222,17 @@ int Get(const std::wstring& name, const std::wstring& parameter) {
 
 int Template(const std::vector<std::wstring>& arguments) {
     const LogDeviceStore store;
-    auto entries = store.TemplateEntries();
     if (arguments.size() == 1) {
-        for (const std::wstring& entry : entries)
+        for (const std::wstring& entry : store.TemplateEntries())
             std::wprintf(L"%ls\n", entry.c_str());
         return kSuccess;
     }
     if (arguments.size() != 3 || (arguments[1] != L"add" && arguments[1] != L"remove")) return Usage();
-    std::erase(entries, arguments[2]);
-    if (arguments[1] == L"add") entries.push_back(arguments[2]);
-    return Report(store.SetTemplateEntries(entries), arguments[2]);
+    return Report(store.EditTemplateEntries([&arguments](std::vector<std::wstring>& entries) {
+        std::erase(entries, arguments[2]);
+        if (arguments[1] == L"add") entries.push_back(arguments[2]);
+    }),
+                  arguments[2]);
 }
 
 int Register(const std::wstring& folder) {

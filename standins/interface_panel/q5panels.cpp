@@ -77,12 +77,19 @@ std::wstring LogDeviceOf(const std::wstring& entry) {
 
 int CreateMissing() {
     const LogDeviceStore store;
+    if (store.Exists(L"any") == configuration_library::kDefinitionNotExists) {
+        std::fputws(L"q5panels: there is no store of log devices; make it with q5config init\n", stderr);
+        return kFailed;
+    }
     int result = kSuccess;
     for (const std::wstring& entry : store.TemplateEntries()) {
         const std::wstring name = LogDeviceOf(entry);
-        if (name.empty() || store.Exists(name) != configuration_library::kLogDeviceNotExists) continue;
-        const Code code = store.Create(name, {{L"hidden", L"false"}});
-        if (code == configuration_library::kOk) continue;
+        if (name.empty()) continue;
+        Code code = store.Exists(name);
+        if (code == configuration_library::kLogDeviceNotExists)
+            code = store.Create(name, {{L"hidden", L"false"}});
+        // Another panel may have made it in between.
+        if (code == configuration_library::kOk || store.Exists(name) == configuration_library::kOk) continue;
         std::fwprintf(stderr, L"q5panels: %ls cannot be made, code %lu\n", name.c_str(),
                       static_cast<unsigned long>(code));
         result = kFailed;

@@ -141,10 +141,20 @@ std::wstring ProgramPath() {
     return path;
 }
 
+/// Lets no further client in, unless one has called since `last`.
+bool EndsActivation(ULONGLONG last) {
+    ::CoSuspendClassObjects();
+    if (lastCall == last) return true;
+    ::CoResumeClassObjects();
+    return false;
+}
+
 void WaitUntilUnused() {
     for (;;) {
-        const ULONGLONG idle = ::GetTickCount64() - lastCall;
-        if (idle >= kIdleTimeoutMs) return;
+        const ULONGLONG last = lastCall;  // first: a call may come in between
+        const ULONGLONG idle = ::GetTickCount64() - last;
+        if (idle >= kIdleTimeoutMs && EndsActivation(last)) return;
+        if (idle >= kIdleTimeoutMs) continue;
         if (::WaitForSingleObject(unused, kIdleTimeoutMs - static_cast<DWORD>(idle)) == WAIT_OBJECT_0) return;
     }
 }

@@ -30,7 +30,6 @@ std::mutex lock;  // guards the two maps
 std::map<SERVICE_STATUS_HANDLE, ServiceHandler> handlers;
 std::map<HDEVNOTIFY, Registration> registrations;
 
-DWORD windowThread = 0;
 HWND factory = nullptr;  // makes and destroys the others on their thread
 constexpr wchar_t kWindowClass[] = L"WineGapDeviceNotification";
 constexpr UINT kMakeWindow = WM_APP;         // lParam: ServiceHandler*, result: the window
@@ -157,7 +156,7 @@ std::vector<Replacement> DeviceNotificationReplacements() {
 
 DWORD StartDeviceNotifications() {
     const HANDLE ready = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    const HANDLE thread = ::CreateThread(nullptr, 0, &WindowThread, ready, 0, &windowThread);
+    const HANDLE thread = ::CreateThread(nullptr, 0, &WindowThread, ready, 0, nullptr);
     if (thread == nullptr) return ::GetLastError();
     ::WaitForSingleObject(ready, INFINITE);
     ::CloseHandle(thread);

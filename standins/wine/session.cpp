@@ -138,7 +138,7 @@ BOOL WINAPI SendMessageToSession(HANDLE, DWORD session, LPWSTR title, DWORD titl
     }
     DWORD answer = 0;
     ::GetExitCodeProcess(process.get(), &answer);
-    if (answer == 0 || answer == 0xFFFFFFFF) {  // there is no display
+    if (answer < IDOK || answer > IDCONTINUE) {  // there is no display, or the program has crashed
         ::SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);
         return FALSE;
     }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "machine_lock.h"
 #include "trace_session.h"
 #include "wine_gap.h"
 
@@ -28,6 +29,7 @@ LSTATUS SetNumber(const wchar_t* name, ULONG64 number) {
 
 /// Shared with everybody: a process that recorded into a former session of the file may still hold it open.
 ULONG CreateTraceFile(const std::wstring& path) {
+    const MachineLock fileLock(kTraceFileLock);
     const HANDLE file =
         ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                       nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -43,6 +45,7 @@ ULONG CreateTraceFile(const std::wstring& path) {
 ULONG WINAPI Start(PTRACEHANDLE handle, LPCWSTR name, PEVENT_TRACE_PROPERTIES properties) {
     if (handle == nullptr || name == nullptr || properties == nullptr || properties->LogFileNameOffset == 0)
         return ERROR_INVALID_PARAMETER;
+    const MachineLock sessionLock(kTraceSessionLock);
     if (const TraceSession running = CurrentTraceSession(); running.handle != 0)
         return running.name == name ? ERROR_ALREADY_EXISTS : ERROR_NO_SYSTEM_RESOURCES;
     const auto* file = reinterpret_cast<const wchar_t*>(reinterpret_cast<const BYTE*>(properties) +
@@ -60,6 +63,7 @@ ULONG WINAPI Start(PTRACEHANDLE handle, LPCWSTR name, PEVENT_TRACE_PROPERTIES pr
 
 ULONG WINAPI Enable(ULONG enable, ULONG flags, ULONG level, LPCGUID controlGuid, TRACEHANDLE handle) {
     if (controlGuid == nullptr) return ERROR_INVALID_PARAMETER;
+    const MachineLock sessionLock(kTraceSessionLock);
     if (CurrentTraceSession().handle != handle || handle == 0) return ERROR_INVALID_HANDLE;
     wchar_t name[40] = {};
     ::StringFromGUID2(*controlGuid, name, ARRAYSIZE(name));
@@ -67,6 +71,7 @@ ULONG WINAPI Enable(ULONG enable, ULONG flags, ULONG level, LPCGUID controlGuid,
 }
 
 ULONG WINAPI Control(TRACEHANDLE handle, LPCWSTR name, PEVENT_TRACE_PROPERTIES, ULONG code) {
+    const MachineLock sessionLock(kTraceSessionLock);
     const TraceSession running = CurrentTraceSession();
     const bool isMeant =
         running.handle != 0 && (name != nullptr ? running.name == name : running.handle == handle);

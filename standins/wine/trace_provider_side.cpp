@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "machine_lock.h"
+#include "process_lock.h"
 #include "trace_session.h"
 #include "wine_gap.h"
 
@@ -25,11 +26,12 @@ struct Provider {
     WMIDPREQUEST callback;
     void* context;
     GUID controlGuid;
+    TRACEHANDLE session;
     TraceEnable enabled;
 };
 
-// Recursive: a callback may unregister.
-std::recursive_mutex lock;  // guards the providers; held during callbacks, so that none runs after Unregister
+// Taken again by a callback that unregisters.
+ProcessLock lock;  // guards the providers; held during callbacks, so that none runs after Unregister
 std::list<Provider> providers;
 TRACEHANDLE nextHandle = 1;
 
@@ -37,7 +39,8 @@ TRACEHANDLE nextHandle = 1;
 thread_local TraceEnable announced;
 
 void Announce(Provider& provider, const TraceSession& session, const TraceEnable& enable) {
-    if (provider.enabled == enable) return;
+    if (provider.session == session.handle && provider.enabled == enable) return;
+    provider.session = session.handle;
     provider.enabled = enable;
     announced = enable;
     WNODE_HEADER header = {};
@@ -50,8 +53,8 @@ void Announce(Provider& provider, const TraceSession& session, const TraceEnable
 }
 
 void AnnounceToAll() {
-    const TraceSession session = CurrentTraceSession();
     const std::lock_guard guard(lock);
+    const TraceSession session = CurrentTraceSession();
     for (Provider& provider : providers)
         Announce(provider, session, session.handle != 0 ? EnabledFor(provider.controlGuid) : TraceEnable{});
 }
@@ -72,10 +75,11 @@ DWORD WINAPI SessionListener(void* opened) {
 ULONG WINAPI Register(WMIDPREQUEST callback, PVOID context, LPCGUID controlGuid, ULONG,
                       PTRACE_GUID_REGISTRATION, LPCWSTR, LPCWSTR, PTRACEHANDLE handle) {
     if (callback == nullptr || controlGuid == nullptr || handle == nullptr) return ERROR_INVALID_PARAMETER;
-    const TraceSession session = CurrentTraceSession();
     const std::lock_guard guard(lock);
+    const TraceSession session =
+        CurrentTraceSession();  // what starts from now on is announced by the listener
     *handle = nextHandle++;
-    providers.push_back({*handle, callback, context, *controlGuid, {}});
+    providers.push_back({*handle, callback, context, *controlGuid, 0, {}});
     if (session.handle != 0) Announce(providers.back(), session, EnabledFor(*controlGuid));
     return ERROR_SUCCESS;
 }
@@ -107,7 +111,6 @@ class Recorder {
         if (file_ == INVALID_HANDLE_VALUE) return ERROR_INVALID_HANDLE;
         TraceFileRecord head = {};
         head.size = static_cast<DWORD>(sizeof head + arguments.size());
-        head.sequence = ++sequence_;
         ::GetSystemTimePreciseAsFileTime(reinterpret_cast<FILETIME*>(&head.timeStamp));
         head.processId = ::GetCurrentProcessId();
         head.threadId = ::GetCurrentThreadId();
@@ -116,10 +119,14 @@ class Recorder {
         buffer_.assign(reinterpret_cast<const BYTE*>(&head), reinterpret_cast<const BYTE*>(&head + 1));
         buffer_.insert(buffer_.end(), arguments.begin(), arguments.end());
         const MachineLock fileLock(kTraceFileLock);
-        ::SetFilePointer(file_, 0, nullptr, FILE_END);
+        const DWORD end = ::SetFilePointer(file_, 0, nullptr, FILE_END);
         DWORD written = 0;
-        return ::WriteFile(file_, buffer_.data(), head.size, &written, nullptr) ? ERROR_SUCCESS
-                                                                                : ::GetLastError();
+        const BOOL done = ::WriteFile(file_, buffer_.data(), head.size, &written, nullptr);
+        if (done && written == head.size) return ERROR_SUCCESS;
+        const DWORD error = done ? ERROR_DISK_FULL : ::GetLastError();
+        ::SetFilePointer(file_, static_cast<LONG>(end), nullptr, FILE_BEGIN);  // no half record stays
+        ::SetEndOfFile(file_);
+        return error;
     }
 
   private:
@@ -134,10 +141,9 @@ class Recorder {
                               FILE_ATTRIBUTE_NORMAL, nullptr);
     }
 
-    std::mutex lock_;
+    ProcessLock lock_;
     TRACEHANDLE session_ = 0;
     HANDLE file_ = INVALID_HANDLE_VALUE;
-    DWORD sequence_ = 0;
     std::vector<BYTE> buffer_;
 };
 

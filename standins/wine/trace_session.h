@@ -32,21 +32,21 @@ TraceEnable EnabledFor(const GUID& controlGuid);
 /// Head of a recorded file.
 struct TraceFileHeader {
     char magic[8];
-    static constexpr char kMagic[9] = "WGTRACE1";
+    static constexpr char kMagic[9] = "WGTRACE2";
 };
 
 /// Head of one recorded message; the arguments' bytes follow, `size` bytes in all.
 struct TraceFileRecord {
     DWORD size;
-    DWORD sequence;
+    DWORD messageNumber;
     ULONG64 timeStamp;  // file time, 100 ns units since 1601 UTC
     DWORD processId;
     DWORD threadId;
     GUID messageGuid;
-    DWORD messageNumber;
-    DWORD reserved;
 };
 
+/// Held by whoever starts, changes or stops the session, and by whoever writes into the file.
+inline constexpr wchar_t kTraceSessionLock[] = L"Global\\WINEGAP_TRACE_SESSION";
 inline constexpr wchar_t kTraceFileLock[] = L"Global\\WINEGAP_TRACE_FILE";
 
 }  // namespace wine_gap

@@ -70,6 +70,18 @@ TEST_F(DriverMessages, ErrorsFromBeforeTheStartAreNotShown) {
     ExpectNoBox();
 }
 
+TEST_F(DriverMessages, RecordsFromBeforeTheDriverWasInstalledAgainAreKept) {
+    systemLog_.Clear();
+    ReportFromDriver(kError, L"of the old one");
+    EXPECT_TRUE(adapter_control::Uninstall(fennlinkU3_));
+    EXPECT_TRUE(adapter_control::Install(fennlinkU3_, test_support::ProgramFolder() + L"adapters.inf"));
+    ReportFromDriver(kError, L"of the new one");
+    const std::string log = RunCommand(L"tessactl.exe log --log System --source fenlu3").output;
+    const std::size_t old = log.find("has failed: of the old one");
+    EXPECT_NE(old, std::string::npos) << log;
+    EXPECT_NE(log.find("has failed: of the new one", old), std::string::npos) << log;
+}
+
 TEST_F(DriverMessages, ErrorsWaitUntilTheBoxBeforeIsAnswered) {
     StartService();
     ReportFromDriver(kError, L"first");

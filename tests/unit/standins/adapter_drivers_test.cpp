@@ -1,6 +1,9 @@
 #include <windows.h>
 #include <dbt.h>
+#include <initguid.h>
+#include <setupapi.h>
 
+#include <devguid.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -35,6 +38,21 @@ class Adapters : public testing::Test {
     const Model& nx4120_ = *adapter_control::FindModel(L"nx4120");
     const Model& fennlinkU3_ = *adapter_control::FindModel(L"Fennlink U3");
 };
+
+/// A device as an installation leaves it that is killed before the driver is assigned.
+void RegisterWithoutDriver(const Model& model) {
+    const HDEVINFO set = ::SetupDiCreateDeviceInfoList(&GUID_DEVCLASS_SYSTEM, nullptr);
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof device;
+    EXPECT_TRUE(::SetupDiCreateDeviceInfoW(set, L"System", &GUID_DEVCLASS_SYSTEM, nullptr, nullptr,
+                                           DICD_GENERATE_ID, &device));
+    const std::wstring ids = model.hardwareId + std::wstring(2, L'\0');
+    EXPECT_TRUE(::SetupDiSetDeviceRegistryPropertyW(set, &device, SPDRP_HARDWAREID,
+                                                    reinterpret_cast<const BYTE*>(ids.data()),
+                                                    static_cast<DWORD>(ids.size() * sizeof(wchar_t))));
+    EXPECT_TRUE(::SetupDiCallClassInstaller(DIF_REGISTERDEVICE, set, &device));
+    ::SetupDiDestroyDeviceInfoList(set);
+}
 
 struct Event {
     WPARAM type;
@@ -133,4 +151,15 @@ TEST_F(Adapters, InstallationIsRepeatable) {
     EXPECT_FALSE(adapter_control::Uninstall(nx4120_));
     EXPECT_TRUE(adapter_control::Install(nx4120_, InfPath()));
     EXPECT_TRUE(DevicePaths(nx4120_).empty()) << "a fresh one is unplugged";
+}
+
+TEST_F(Adapters, InterruptedInstallationIsRepeated) {
+    adapter_control::Uninstall(nx4120_);
+    for (int port = 0; port < 2; ++port)
+        RegisterWithoutDriver(nx4120_);
+    EXPECT_FALSE(adapter_control::IsInstalled(nx4120_));
+    EXPECT_TRUE(adapter_control::Install(nx4120_, InfPath()));
+    EXPECT_TRUE(adapter_control::IsInstalled(nx4120_));
+    Plug(nx4120_);
+    EXPECT_EQ(DevicePaths(nx4120_).size(), 1u);
 }

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "command.h"
 #include "log_device_store.h"
 #include "program_folder.h"
 
@@ -105,6 +106,32 @@ TEST_F(ConfigurationLibrary, ListsItsTemplate) {
     length = 3;
     EXPECT_EQ(templateGetEnum_(L"DefaultLogDevices", 0, buffer_, &length), 234u);
     EXPECT_EQ(templateGetEnum_(L"Other", 0, buffer_, &length), 87u);
+}
+
+TEST_F(ConfigurationLibrary, TemplateEditedByTwoLosesNothing) {
+    const auto add = [](const std::wstring& prefix) {
+        for (int i = 0; i < 50; ++i)
+            LogDeviceStore(kRoot).EditTemplateEntries(
+                [&](std::vector<std::wstring>& entries) { entries.push_back(prefix + std::to_wstring(i)); });
+    };
+    std::thread first(add, L"LDT-A.");
+    std::thread second(add, L"LDT-B.");
+    first.join();
+    second.join();
+    EXPECT_EQ(store_.TemplateEntries().size(), 100u);
+    store_.Wipe();
+    EXPECT_EQ(store_.EditTemplateEntries([](std::vector<std::wstring>&) {}),
+              configuration_library::kDefinitionNotExists);
+}
+
+TEST_F(ConfigurationLibrary, NamesAreShownAsPeopleKnowThem) {
+    for (const auto* name : {L"NX4120.XLI.1", L"A.1", L"B", L"SAYS\"SO\".X.1"})
+        EXPECT_EQ(store_.Create(name, {}), configuration_library::kOk);
+    EXPECT_EQ(test_support::RunCommand(L"q5config.exe list --json").output,
+              "[{\"name\":\"A.1\",\"state\":\"visible\"},{\"name\":\"B\",\"state\":\"visible\"},"
+              "{\"name\":\"NX4120(XLI)\",\"state\":\"visible\"},"
+              "{\"name\":\"SAYS\\\"SO\\\"(X)\",\"state\":\"visible\"}]\n");
+    EXPECT_EQ(test_support::RunCommand(L"q5config.exe delete A.1").exitCode, 0u);
 }
 
 TEST_F(ConfigurationLibrary, HalfWrittenLogDeviceIsNone) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 
 #include "command.h"
 #include "log_device_store.h"
@@ -56,4 +57,23 @@ TEST_F(InterfacePanel, FailsAndCrashesWhenToldTo) {
     RunCommand(L"q5panels.exe --behave crash");
     EXPECT_EQ(RunCommand(L"q5panels.exe -silent -force -ci").exitCode, 0xC0000005u);
     EXPECT_EQ(store_.LogDevices().size(), 1u);
+}
+
+TEST_F(InterfacePanel, TwoAtOnceMakeWhatIsMissingTogether) {
+    for (int round = 0; round < 5; ++round) {
+        store_.Delete(L"NX4120.XLI.1");
+        DWORD other = 1;
+        std::thread second([&other] { other = RunCommand(L"q5panels.exe -silent -force -ci").exitCode; });
+        EXPECT_EQ(RunCommand(L"q5panels.exe -silent -force -ci").exitCode, 0u);
+        second.join();
+        EXPECT_EQ(other, 0u);
+        EXPECT_EQ(Hidden(L"NX4120.XLI.1"), L"false");
+    }
+}
+
+TEST_F(InterfacePanel, MissingStoreIsTold) {
+    store_.Wipe();
+    const auto run = RunCommand(L"q5panels.exe -silent -force -ci");
+    EXPECT_EQ(run.exitCode, 1u);
+    EXPECT_NE(run.output.find("there is no store"), std::string::npos) << run.output;
 }

@@ -182,6 +182,16 @@ TEST_F(Tracing, MessagesAreReadBackAsTheyWereSent) {
     EXPECT_EQ(texts[1], "");
 }
 
+TEST_F(Tracing, SessionsInQuickSuccessionAreToldApart) {
+    RegisterProvider();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_NO_FATAL_FAILURE(StartSession());
+        EXPECT_TRUE(test_support::Eventually([&] { return told_.logger == session_; })) << i;
+        ::Sleep(static_cast<DWORD>(i % 3));
+        EXPECT_EQ(::ControlTraceW(0, L"wine_gap_test", Properties().Get(), EVENT_TRACE_CONTROL_STOP), 0u);
+    }
+}
+
 TEST_F(Tracing, OnlyOneSessionRuns) {
     StartSession();
     TRACEHANDLE other = 0;
@@ -475,6 +485,21 @@ TEST_F(WineGap, MessageBoxOfASessionIsAWindowAndReturnsTheAnswer) {
                                   0, &response, TRUE));
     user.join();
     EXPECT_EQ(response, static_cast<DWORD>(IDNO));
+}
+
+TEST_F(WineGap, MessageBoxThatCrashesIsNoAnswer) {
+    wchar_t text[] = L"wine_gap_test";
+    DWORD response = 0;
+    std::thread crash([&] {
+        DWORD processId = 0;
+        ::GetWindowThreadProcessId(test_support::WaitForMessageBox(text), &processId);
+        const HANDLE process = ::OpenProcess(PROCESS_TERMINATE, FALSE, processId);
+        EXPECT_TRUE(::TerminateProcess(process, 0xC0000005));
+        ::CloseHandle(process);
+    });
+    EXPECT_FALSE(::WTSSendMessageW(nullptr, 1, text, sizeof text - 2, text, sizeof text - 2, MB_OK, 0,
+                                   &response, TRUE));
+    crash.join();
 }
 
 TEST_F(WineGap, MessageBoxWithATimeOutEndsByItself) {
