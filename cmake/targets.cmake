@@ -35,10 +35,11 @@ endfunction()
 # process-wide state behind, cannot touch the next.
 include(GoogleTest)
 function(tessa_test target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "ENVIRONMENT" "SOURCES;LIBRARIES")
     add_executable(${target} ${arg_SOURCES})
     target_link_libraries(${target} PRIVATE ${arg_LIBRARIES} gmock_main)
     tessa_warnings(${target})
     tessa_pdb(${target})
-    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 60)
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 
+        PROPERTIES TIMEOUT 60 ENVIRONMENT "${arg_ENVIRONMENT}")
 endfunction()

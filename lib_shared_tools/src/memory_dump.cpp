@@ -20,6 +20,7 @@ constexpr std::size_t kPathBufferSize = 521;
 constexpr wchar_t kFallbackFolder[] = L"c:\\";
 
 bool IsValid(HANDLE file) {
+    FUNCTION_TRACE();
     return file != nullptr && file != INVALID_HANDLE_VALUE;
 }
 

@@ -20,6 +20,7 @@ namespace operating_system {
 namespace {
 
 const char* ButtonsName(DWORD style) {
+    FUNCTION_TRACE();
     switch (style & MB_TYPEMASK) {
         case MB_OK:
             return "MB_OK";

@@ -75,7 +75,8 @@ TEST_F(StationThatAsserts, GoesOnWhenNobodyIsThereToAsk) {
 
 // The user is another process, as ever: in this one no thread may come to life while the loader is at work.
 TEST(FatalError, DuringLibraryUnloadIsToldToo) {
-    if (!LoadWineGap()) GTEST_SKIP() << "needs the stand-in's session";
+    if (!IsWine()) GTEST_SKIP() << "needs the stand-in's session";
+    ASSERT_TRUE(LoadWineGap());
     const HMODULE library = ::LoadLibraryW(L"asserts_at_unload.dll");
     ASSERT_NE(library, nullptr);
     DWORD answered = 99;

@@ -23,8 +23,9 @@ class FakeKernel32 : public windows_api::CKernel32 {
   public:
     DWORD GetTempPathW(DWORD length, wchar_t* buffer) override {
         EXPECT_EQ(length, 521u);
-        temp.copy(buffer, 520);
-        buffer[std::min<std::size_t>(temp.length(), 520)] = L'\0';
+        const std::wstring text = tempLength ? L"X:\\not meant\\" : temp;
+        text.copy(buffer, 520);
+        buffer[std::min<std::size_t>(text.length(), 520)] = L'\0';
         ::SetLastError(ERROR_GEN_FAILURE);
         return tempLength.value_or(static_cast<DWORD>(temp.length()));
     }

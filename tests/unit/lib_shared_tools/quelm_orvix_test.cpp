@@ -113,9 +113,11 @@ TEST(ConfigurationLibrary, IsLookedForInTheCommonFolderOtherwise) {
     EXPECT_EQ(quelm::ConfigurationLibraryPath(), expected) << "an empty folder counts as none";
     ConfigurationLibraryLocation::Remove();
     EXPECT_EQ(quelm::ConfigurationLibraryPath(), expected);
-    ConfigurationLibraryLocation::Set(L"C:\\" + std::wstring(200, L'f'));
-    EXPECT_EQ(quelm::ConfigurationLibraryPath(), expected)
-        << "a folder of more than 129 characters is not read";
+    const std::wstring longest = L"C:\\" + std::wstring(125, L'f');  // 258 bytes with its end
+    ConfigurationLibraryLocation::Set(longest);
+    EXPECT_EQ(quelm::ConfigurationLibraryPath(), longest + L"\\bin\\q5orvix64x.dll");
+    ConfigurationLibraryLocation::Set(longest + L"f");
+    EXPECT_EQ(quelm::ConfigurationLibraryPath(), expected) << "what does not fit into 259 bytes is not read";
 }
 
 TEST_F(AnsweringLibrary, SecondLoadIsRefused) {

@@ -25,10 +25,10 @@ constexpr wchar_t kFile[] = L"C:\\windows\\temp\\wine_gap_test.etl";
 class WineGap : public testing::Test {
   protected:
     static void SetUpTestSuite() { loaded_ = LoadWineGap(); }
-    WineGap() {
-        if (!loaded_) SkipOnWindows();
+    void SetUp() override {
+        if (!IsWine()) GTEST_SKIP() << "the stand-in is for Wine only";
+        ASSERT_TRUE(loaded_);
     }
-    static void SkipOnWindows() { GTEST_SKIP() << "the stand-in is for Wine only"; }
     static inline bool loaded_ = false;
 };
 

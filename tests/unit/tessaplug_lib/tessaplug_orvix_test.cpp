@@ -156,15 +156,17 @@ TEST(RealPanel, ThatEndsAtOnceLeavesNoHandle) {
 }
 
 TEST(RealPanel, ThatHangsIsWaitedForTenSecondsAndLeftRunning) {
-    const InstalledPanel installed(L"hangs.exe");
     TvorPanel panel;
+    EXPECT_THROW(panel.CallSilent(),
+                 std::exception);  // what the system opens once stays out of the comparison
+    const InstalledPanel installed(L"hangs.exe");
     const std::size_t before = HandleCount();
     const ULONGLONG start = ::GetTickCount64();
 
     EXPECT_THROW(panel.CallSilent(), std::runtime_error);
 
     EXPECT_GE(::GetTickCount64() - start, 9900u);
-    EXPECT_LE(HandleCount(), before + 2) << "what the system opened for itself";
+    EXPECT_EQ(HandleCount(), before);
     const HANDLE goOn = ::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\TESSA_TEST_GO_ON");
     ASSERT_NE(goOn, nullptr) << "it still runs";
     ::SetEvent(goOn);
