@@ -24,7 +24,7 @@ machine_new "$PWD/build/machine-demo"
 wait_for() {
     for _ in $(seq 100); do
         local points
-        points=$(run q5config list | grep "^$1(")
+        points=$(run q5config list | grep "^$1(" || true)
         [ "$(grep -c " $2\$" <<<"$points")" -eq 5 ] && return
         sleep 0.05
     done
@@ -51,15 +51,20 @@ PYTHON
 }
 # Plugs or unplugs a model and waits for its access points.
 plug() { # plug|unplug MODEL LISTED-NAME visible|hidden
-    run q5config watch 10 5 >"$WINEPREFIX/changes" &
+    rm -f "$WINEPREFIX/watching"
+    run q5config watch 10 5 >"$WINEPREFIX/changes" 2>"$WINEPREFIX/watching" &
     local watcher=$!
-    sleep 0.5 # until the watch has begun
+    for _ in $(seq 200); do
+        [ -s "$WINEPREFIX/watching" ] && break
+        sleep 0.05
+    done
+    [ -s "$WINEPREFIX/watching" ] || fail "the changes cannot be watched"
     local request
     request=$(run adapterctl "$1" "$2")
     echo "$request"
     wait_for "$3" "$4"
     wait "$watcher"
-    [ -s "$WINEPREFIX/changes" ] || fail "no change was seen"
+    [ "$(wc -l <"$WINEPREFIX/changes")" -eq 5 ] || fail "not all changes were seen"
     elapsed "$request" "$WINEPREFIX/changes"
     show_points
 }
@@ -104,11 +109,12 @@ echo "an information and a warning: nothing is shown"
 run adapterctl report FennlinkU3 error "no voltage on the bus"
 box=$(display_find fenlu3 100) || fail "the driver's error was not shown"
 sleep 0.3 # until the box is painted
-display_shot build/demo-driver-error.png
+display_shot "$box" build/demo-driver-error.png
 echo "an error: the box is shown, its picture is build/demo-driver-error.png"
 display_press "$box" Return || fail "the box was not answered"
 echo "answered; the driver's records in the System log:"
-run tessactl log --log System --source fenlu3
+run tessactl log --log System --source fenlu3 | tee "$WINEPREFIX/records"
+[ "$(wc -l <"$WINEPREFIX/records")" -eq 3 ] || fail "the driver's records are not in the System log"
 
 heading "Unplugging the NX4120: the station manager lets go of it first"
 run stationmgr list
@@ -133,7 +139,7 @@ wait_for NX4120 visible
 run adapterctl unplug NX4120
 box=$(display_find 'Fatal Error: tessaplug.dll !!!' 150) || fail "the assertion was not shown"
 sleep 0.3
-display_shot build/demo-assertion.png
+display_shot "$box" build/demo-assertion.png
 echo "the box is shown, its picture is build/demo-assertion.png; answered with Retry, it writes a dump"
 display_press "$box" Return || fail "the box was not answered"
 box=$(display_find 'Wrote Memory dump.' 600) || fail "no dump was written"
@@ -144,10 +150,11 @@ dump=$(run tessactl trace decode | sed -n 's/.* error_handler  *Dump //p')
 [ -n "$dump" ] || fail "the trace does not tell of the dump"
 echo "the dump: $dump"
 run tessactl dump info "$dump"
-run tessactl dump history "$dump" || fail "the dump has no history"
+run tessactl dump history "$dump" | tee "$WINEPREFIX/history"
+grep -q 'thrown by' "$WINEPREFIX/history" || fail "the dump has no exceptions"
 echo "the trace of it:"
 run tessactl trace decode | awk '{ count[$4]++ } END { for (source in count) printf "  %4d messages of %s\n", count[source], source }' | sort -k3 -rn
-rm -f "$WINEPREFIX/drive_c/$(tr '\\' / <<<"${dump#?:\\}")"
+rm "$WINEPREFIX/drive_c/$(tr '\\' / <<<"${dump#?:\\}")"
 for number in $(seq 4 33); do
     run stationmgr remove "$number"
 done

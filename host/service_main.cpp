@@ -64,7 +64,7 @@ class HostService {
             Log().Write(L"The plug-in has started");
             Report(SERVICE_RUNNING, 0, 0);
             ::WaitForSingleObject(stop_.get(), INFINITE);
-            Report(SERVICE_STOP_PENDING, 1, 10000);
+            Report(SERVICE_STOP_PENDING, 1, 25000);
         } else {
             Log().Write(L"The plug-in refused to start; see the Application log");
         }

@@ -2,14 +2,14 @@
 # Sourced before the machine is made.
 #
 #   display_need       makes one if there is none
-#   display_shot FILE  saves a picture of it
+#   display_shot WINDOW FILE  saves a picture of a window
 #   display_find TITLE [TENTHS]  prints the window with a title, for which it waits up to so many tenths of a second
 #   display_press WINDOW KEY     presses a key in a window until the window is gone
 
 display_server=
 
 display_need() {
-    [ -z "${DISPLAY:-}" ] || return 0
+    [ -n "${DISPLAY:-}" ] && xdotool getdisplaygeometry >/dev/null 2>&1 && return
     local number
     number=$(mktemp)
     Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$number" >/dev/null 2>&1 &
@@ -25,7 +25,7 @@ display_need() {
     rm -f "$number"
 }
 
-display_shot() { import -window root "$1"; }
+display_shot() { import -window "$1" "$2"; }
 
 display_find() {
     local i
@@ -42,7 +42,7 @@ display_press() {
     for _ in $(seq 10); do
         xdotool windowfocus --sync "$1" 2>/dev/null || true
         sleep 0.5 # a key that comes at once is lost
-        xdotool key "$2"
+        [ "$(xdotool getwindowfocus 2>/dev/null)" != "$1" ] || xdotool key "$2"
         sleep 0.2
         display_find "$title" >/dev/null || return 0
     done

@@ -20,7 +20,8 @@ machine_new() {
     display_need
     machine wineboot -i >/dev/null 2>&1 || { echo "machine: the Wine prefix cannot be made" >&2; return 1; }
     # What crashes on purpose shows nothing.
-    machine reg add 'HKCU\Software\Wine\WineDbg' /v ShowCrashDialog /t REG_DWORD /d 0 /f >/dev/null 2>&1
+    machine reg add 'HKCU\Software\Wine\WineDbg' /v ShowCrashDialog /t REG_DWORD /d 0 /f >/dev/null 2>&1 ||
+        { echo "machine: its registry cannot be written" >&2; return 1; }
     # A machine that was just made does not start drivers: boot it once more.
     /usr/lib/wine/wineserver -k && /usr/lib/wine/wineserver -w
     # Services end with the last ordinary program of the machine: this one waits for a key that never comes.

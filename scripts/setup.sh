@@ -17,7 +17,7 @@ done
 
 command -v apt-get >/dev/null || { echo "setup: this needs Debian 12 (no apt-get here)" >&2; exit 1; }
 sudo=()
-[ "$(id -u)" -eq 0 ] || sudo=(sudo)
+[ "$(id -u)" -eq 0 ] || sudo=(sudo env DEBIAN_FRONTEND=noninteractive)
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${sudo[@]}" apt-get update -qq

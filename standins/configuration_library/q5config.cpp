@@ -187,6 +187,8 @@ int Watch(DWORD seconds, unsigned long count) {
     const HANDLE changed = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
     const ULONGLONG end = ::GetTickCount64() + 1000ULL * seconds;
     States before = AllStates(store);
+    std::fputws(L"q5config: watching\n", stderr);  // what happens from now on is seen
+    std::fflush(stderr);
     for (;;) {
         if (::RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
                                       TRUE) != ERROR_SUCCESS)

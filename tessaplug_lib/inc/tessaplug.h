@@ -5,7 +5,7 @@
  * the service: its status handle, the control dispatcher and the transitions to running and stopped. The
  * plug-in starts two threads at most and ends them in tessaplug_cleanup.
  *
- * Life cycle, once per load of the library:
+ * Life cycle, once per process:
  *
  *     LoadLibrary -> tessaplug_init -> (tessaplug_service_ctrl_handler)* -> tessaplug_cleanup -> FreeLibrary
  *
@@ -34,10 +34,11 @@ extern "C" {
 #define TESSAPLUG_EVENT_START_FAILED 0xC0000101u /**< error: not started */
 
 /**
- * The host's status callback. The plug-in calls it from within tessaplug_init, before each start step, with
- * SERVICE_START_PENDING, a wait hint of 3000 ms and a check point that counts up; the host passes the record
- * on to SetServiceStatus. The plug-in leaves dwServiceType zero: the host fills it in. It holds none of its
- * locks meanwhile, so the host may call the plug-in from within the callback.
+ * The host's status callback. The plug-in calls it from within tessaplug_init, before each start step and
+ * while a failed start is undone, with SERVICE_START_PENDING, a wait hint of 3000 ms and a check point that
+ * counts up; the host passes the record on to SetServiceStatus. The plug-in leaves dwServiceType zero: the
+ * host fills it in. It holds none of its locks meanwhile, so the host may call the plug-in from within the
+ * callback.
  *
  * @param hostContext what was given to tessaplug_init; null once tessaplug_cleanup has begun
  * @param status the record to be reported; belongs to the plug-in and is valid during the call only
@@ -54,17 +55,17 @@ typedef void(WINAPI* TESSAPLUG_STATUS_CALLBACK)(void* hostContext, SERVICE_STATU
  * @param hostContext passed to the callback, not interpreted
  * @param reserved 0
  * @return 1 if started. 0 if not: a parameter was refused, another process on this machine runs the plug-in,
- *     the plug-in was started before in this process (also if it was cleaned up since: unload and load the
- *     library), or a start step failed, in which case what it had built is undone. The reason is in the
- *     trace; either outcome is in the Application log.
+ *     the plug-in was started before in this process (also if it was cleaned up and loaded anew since: the
+ *     instance lock stays with the process), or a start step failed, in which case what it had built is
+ *     undone. The reason is in the trace; either outcome is in the Application log.
  */
 DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatusHandle,
                             TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved);
 
 /**
  * Stops the plug-in: waits for a device event that is being handled, then closes what tessaplug_init opened.
- * Takes two to three seconds. Returns quietly if the plug-in does not run. The single-instance lock is held
- * until the process ends.
+ * Takes two to three seconds beyond that. Returns quietly if the plug-in does not run. The single-instance
+ * lock is held until the process ends.
  *
  * While a driver's error is shown, one thread waits for the user's answer: it is left, and the library stays
  * loaded from then on, whoever frees it; a later start in this process is refused.
@@ -80,7 +81,7 @@ void WINAPI tessaplug_cleanup(void);
  * @param eventType the event type of the control
  * @param eventData the event data of the control, valid during the call; may be null
  * @param context the host's context; not interpreted
- * @return NO_ERROR; 0xFFFFFFFF if the plug-in failed inside
+ * @return NO_ERROR, also if handling the control failed; 0xFFFFFFFF if the plug-in could not be reached
  */
 DWORD WINAPI tessaplug_service_ctrl_handler(DWORD control, DWORD eventType, void* eventData, void* context);
 
