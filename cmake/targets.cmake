@@ -40,6 +40,6 @@ function(tessa_test target)
     target_link_libraries(${target} PRIVATE ${arg_LIBRARIES} gmock_main)
     tessa_warnings(${target})
     tessa_pdb(${target})
-    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT 60 ENVIRONMENT "${arg_ENVIRONMENT}")
 endfunction()

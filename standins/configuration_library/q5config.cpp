@@ -102,10 +102,10 @@ int Init(bool empty) {
                 return Report(code, name);
         }
     }
-    return Report(store.EditTemplateEntries([&entries](std::vector<std::wstring>& all) {
+    const Code code = store.EditTemplateEntries([&entries](std::vector<std::wstring>& all) {
         if (all.empty()) all = entries;  // a template that somebody edited stays
-    }),
-                  L"init");
+    });
+    return Report(code, L"init");
 }
 
 std::wstring State(const LogDeviceStore& store, const std::wstring& name) {
@@ -230,11 +230,11 @@ int Template(const std::vector<std::wstring>& arguments) {
         return kSuccess;
     }
     if (arguments.size() != 3 || (arguments[1] != L"add" && arguments[1] != L"remove")) return Usage();
-    return Report(store.EditTemplateEntries([&arguments](std::vector<std::wstring>& entries) {
+    const Code code = store.EditTemplateEntries([&arguments](std::vector<std::wstring>& entries) {
         std::erase(entries, arguments[2]);
         if (arguments[1] == L"add") entries.push_back(arguments[2]);
-    }),
-                  arguments[2]);
+    });
+    return Report(code, arguments[2]);
 }
 
 int Register(const std::wstring& folder) {

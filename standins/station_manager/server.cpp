@@ -153,8 +153,10 @@ void WaitUntilUnused() {
     for (;;) {
         const ULONGLONG last = lastCall;  // first: a call may come in between
         const ULONGLONG idle = ::GetTickCount64() - last;
-        if (idle >= kIdleTimeoutMs && EndsActivation(last)) return;
-        if (idle >= kIdleTimeoutMs) continue;
+        if (idle >= kIdleTimeoutMs) {
+            if (EndsActivation(last)) return;
+            continue;
+        }
         if (::WaitForSingleObject(unused, kIdleTimeoutMs - static_cast<DWORD>(idle)) == WAIT_OBJECT_0) return;
     }
 }

@@ -40,8 +40,10 @@ thread_local TraceEnable announced;
 
 void Announce(Provider& provider, const TraceSession& session, const TraceEnable& enable) {
     if (provider.session == session.handle && provider.enabled == enable) return;
+    const bool wasDisabled = provider.enabled.level == 0;
     provider.session = session.handle;
     provider.enabled = enable;
+    if (wasDisabled && enable.level == 0) return;
     announced = enable;
     WNODE_HEADER header = {};
     header.BufferSize = sizeof header;
@@ -76,8 +78,8 @@ ULONG WINAPI Register(WMIDPREQUEST callback, PVOID context, LPCGUID controlGuid,
                       PTRACE_GUID_REGISTRATION, LPCWSTR, LPCWSTR, PTRACEHANDLE handle) {
     if (callback == nullptr || controlGuid == nullptr || handle == nullptr) return ERROR_INVALID_PARAMETER;
     const std::lock_guard guard(lock);
-    const TraceSession session =
-        CurrentTraceSession();  // what starts from now on is announced by the listener
+    // Under the lock: a session that starts from now on is announced by the listener.
+    const TraceSession session = CurrentTraceSession();
     *handle = nextHandle++;
     providers.push_back({*handle, callback, context, *controlGuid, 0, {}});
     if (session.handle != 0) Announce(providers.back(), session, EnabledFor(*controlGuid));
