@@ -2,18 +2,50 @@
 
 #include <windows.h>
 
+#include <type_traits>
+
 namespace operating_system {
 
-/// Calls `function(context)` and catches a processor exception (access violation and the like) raised in it.
-/// C++ exceptions pass through. Frames between the exception and this call are left without their destructors
-/// being run, so nothing in them may need one.
-/// @return false if a processor exception was caught
-bool CallGuarded(void (*function)(void* context), void* context);
+/// Thrown in place of an exception that C++ code of this tool chain cannot catch. No std::exception on
+/// purpose: like any other unknown exception it belongs to whoever catches everything.
+struct ForeignException {
+    DWORD code;  ///< of the structured exception; 0xE06D7363 is a C++ exception of another run time
+};
+
+/// Calls `function(context)` and catches what `catch (...)` does not see: structured exceptions of any code,
+/// among them processor exceptions, breakpoints and the C++ exceptions of other compilers' run times. C++
+/// exceptions of this run time's kind pass, as does the break that BreakIntoDebugger makes.
+///
+/// Frames between the exception and this call are left without their destructors being run: guard calls into
+/// partners, where nothing of ours is held.
+/// @return the code of what was caught, or 0
+DWORD CallGuarded(void (*function)(void* context), void* context);
 
 /// The same for anything that can be called without arguments.
 template <typename Call>
-bool CallGuarded(Call& call) {
+DWORD CallGuarded(Call& call) {
     return CallGuarded([](void* context) { (*static_cast<Call*>(context))(); }, &call);
 }
+
+/// Files a ForeignException into the exception history and throws it.
+[[noreturn]] void ThrowForeignException(DWORD code);
+
+/// Calls into a partner and returns its result; what CallGuarded catches is thrown as a ForeignException,
+/// from here on with destructors being run.
+template <typename Call>
+auto CallForeign(Call call) {
+    if constexpr (std::is_void_v<decltype(call())>) {
+        if (const DWORD code = CallGuarded(call)) ThrowForeignException(code);
+    } else {
+        decltype(call()) result{};
+        auto keepResult = [&] { result = call(); };
+        if (const DWORD code = CallGuarded(keepResult)) ThrowForeignException(code);
+        return result;
+    }
+}
+
+/// DebugBreak for a user who asked for it: no guard catches it, so that without a debugger it ends the
+/// process.
+void BreakIntoDebugger();
 
 }  // namespace operating_system

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "function_trace.h"
+#include "structured_exception.h"
 #include "trace_point.h"
 
 TRACE_SOURCE("lib_shared_tools\\src\\error_handler", "e6f19b04-8c2d-4a57-b3e8-1d7c5f0a9264",
@@ -79,7 +80,7 @@ void ErrorHandler::OnDebug() {
     FUNCTION_TRACE();
     ::OutputDebugStringA("Try to trigger Debugger\n");
     TRACE_ERROR(14, "Calling the debugger");
-    ::DebugBreak();
+    operating_system::BreakIntoDebugger();
 }
 
 void ErrorHandler::OnDump() {

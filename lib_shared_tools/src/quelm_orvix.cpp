@@ -209,7 +209,7 @@ DWORD Q5orvix::LogDeviceExists(const wchar_t* LogDevice, DWORD dwFlags) {
     TRACE_INFO(16, "LogDeviceExists(%S, 0x%x)", LogDevice, dwFlags);
     DWORD code = LDCF_OK;
     auto call = [&] { code = logDeviceExists_(LogDevice, dwFlags); };
-    if (!operating_system::CallGuarded(call)) {
+    if (operating_system::CallGuarded(call) != 0) {
         MODUL_FAIL("SEH! Orvix: LogDeviceExists()");
         MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceExists()"));
     }
@@ -232,7 +232,7 @@ DWORD Q5orvix::LogDeviceGetValue(const wchar_t* LogDevice, const wchar_t* Parame
     TRACE_INFO(17, "LogDeviceGetValue(%S, %S), length %u", LogDevice, Parameter, *valueLen);
     DWORD code = LDCF_OK;
     auto call = [&] { code = logDeviceGetValue_(LogDevice, Parameter, Value, valueLen); };
-    if (!operating_system::CallGuarded(call)) {
+    if (operating_system::CallGuarded(call) != 0) {
         MODUL_FAIL("SEH! Orvix: LogDeviceGetValue()");
         MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceGetValue()"));
     }
@@ -256,7 +256,7 @@ DWORD Q5orvix::LogDeviceSetNdiValue(const wchar_t* LogDevice, const wchar_t* Par
     TRACE_INFO(18, "LogDeviceSetNdiValue(%S, %S, %S)", LogDevice, Parameter, Value);
     DWORD code = LDCF_OK;
     auto call = [&] { code = logDeviceSetNdiValue_(LogDevice, Parameter, Value); };
-    if (!operating_system::CallGuarded(call)) {
+    if (operating_system::CallGuarded(call) != 0) {
         MODUL_FAIL("SEH! Orvix: LogDeviceSetNdiValue()");
         MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceSetNdiValue()"));
     }
@@ -285,7 +285,7 @@ DWORD Q5orvix::TemplateGetEnum(const wchar_t* lpszTemplateType, DWORD index, wch
     TRACE_INFO(19, "TemplateGetEnum(%S, %u), length %u", lpszTemplateType, index, *pcbTemplateLenName);
     DWORD code = LDCF_OK;
     auto call = [&] { code = templateGetEnum_(lpszTemplateType, index, lpszTemplate, pcbTemplateLenName); };
-    if (!operating_system::CallGuarded(call)) {
+    if (operating_system::CallGuarded(call) != 0) {
         MODUL_FAIL("SEH! Orvix: TemplateGetEnum()");
         MODUL_THROW(std::runtime_error("SEH! Orvix: TemplateGetEnum()"));
     }

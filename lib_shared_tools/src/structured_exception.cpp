@@ -1,31 +1,32 @@
 #include "structured_exception.h"
 
+#include <atomic>
+#include <cstdio>
+#include <iterator>
+#include <malloc.h>
+#include <stdexcept>
+
+#include "exception_history.h"
+#include "function_trace.h"
+#include "trace_point.h"
+
+TRACE_SOURCE("lib_shared_tools\\src\\structured_exception", "c27e90b5-4f6d-4d18-a3e1-6b8f0d5c7e19",
+             trace::kSharedTools);
+
 namespace operating_system {
 namespace {
 
-/// Processor exceptions are handled here; software exceptions, among them the run time's C++ exceptions, are
-/// not.
+/// The thread that breaks into the debugger at a user's wish; 0 if none does.
+std::atomic<DWORD> breakingThread = 0;
+
 int Filter(DWORD code) {
-    switch (code) {
-        case EXCEPTION_ACCESS_VIOLATION:
-        case EXCEPTION_ARRAY_BOUNDS_EXCEEDED:
-        case EXCEPTION_DATATYPE_MISALIGNMENT:
-        case EXCEPTION_FLT_DENORMAL_OPERAND:
-        case EXCEPTION_FLT_DIVIDE_BY_ZERO:
-        case EXCEPTION_FLT_INEXACT_RESULT:
-        case EXCEPTION_FLT_INVALID_OPERATION:
-        case EXCEPTION_FLT_OVERFLOW:
-        case EXCEPTION_FLT_STACK_CHECK:
-        case EXCEPTION_FLT_UNDERFLOW:
-        case EXCEPTION_ILLEGAL_INSTRUCTION:
-        case EXCEPTION_INT_DIVIDE_BY_ZERO:
-        case EXCEPTION_INT_OVERFLOW:
-        case EXCEPTION_IN_PAGE_ERROR:
-        case EXCEPTION_PRIV_INSTRUCTION:
-            return EXCEPTION_EXECUTE_HANDLER;
-        default:
-            return EXCEPTION_CONTINUE_SEARCH;
-    }
+    // Of this run time's kind are 0x20474343 and its like, whichever module throws them ("GCC" in the low
+    // bytes): they are left to C++, so that frames unwind.
+    constexpr DWORD kOwnRunTime = 0x00474343;
+    if ((code & 0x00FFFFFF) == kOwnRunTime) return EXCEPTION_CONTINUE_SEARCH;
+    if (code == static_cast<DWORD>(EXCEPTION_BREAKPOINT) && breakingThread == ::GetCurrentThreadId())
+        return EXCEPTION_CONTINUE_SEARCH;
+    return EXCEPTION_EXECUTE_HANDLER;
 }
 
 /// The compiler guards calls only, so what is guarded has to be one.
@@ -35,13 +36,34 @@ int Filter(DWORD code) {
 
 }  // namespace
 
-bool CallGuarded(void (*function)(void* context), void* context) {
+DWORD CallGuarded(void (*function)(void* context), void* context) {
+    DWORD code = 0;
     __try {
         Call(function, context);
-    } __except (Filter(GetExceptionCode())) {
-        return false;
+    } __except (Filter(code = GetExceptionCode())) {
+        // The stack's guard page is gone: without a new one the next overflow would end the process.
+        // Documented so; under Wine the first one ends it already.
+        if (code == static_cast<DWORD>(EXCEPTION_STACK_OVERFLOW)) ::_resetstkoflw();
+        return code;
     }
-    return true;
+    return 0;
+}
+
+void ThrowForeignException(DWORD code) {
+    FUNCTION_TRACE();
+    TRACE_ERROR(10, "Structured exception 0x%x", code);
+    char what[40];
+    std::snprintf(what, std::size(what), "Structured exception 0x%08lX", code);
+    modul_exception::RecordException(std::runtime_error(what), "operating_system::ForeignException",
+                                     kSourcePath, tracedFunction.text, __LINE__);
+    throw ForeignException{code};
+}
+
+void BreakIntoDebugger() {
+    FUNCTION_TRACE();
+    breakingThread = ::GetCurrentThreadId();
+    ::DebugBreak();
+    breakingThread = 0;
 }
 
 }  // namespace operating_system

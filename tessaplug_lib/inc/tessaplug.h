@@ -29,9 +29,10 @@ extern "C" {
  * Identifiers of the entries that the plug-in writes into the Application log, under the event source
  * "tessaplug". Their texts are in the library's own message table.
  */
-#define TESSAPLUG_EVENT_STARTED 0x00000100u      /**< information: started */
-#define TESSAPLUG_EVENT_NOT_RUNNING 0x80000104u  /**< warning: a device event arrived while not running */
-#define TESSAPLUG_EVENT_START_FAILED 0xC0000101u /**< error: not started */
+#define TESSAPLUG_EVENT_STARTED 0x00000100u       /**< information: started */
+#define TESSAPLUG_EVENT_NOT_RUNNING 0x80000104u   /**< warning: a device event arrived while not running */
+#define TESSAPLUG_EVENT_MONITOR_ENDED 0x80000105u /**< warning: drivers' errors are shown no longer */
+#define TESSAPLUG_EVENT_START_FAILED 0xC0000101u  /**< error: not started */
 
 /**
  * The host's status callback. The plug-in calls it from within tessaplug_init, before each start step and
