@@ -1,7 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -18,7 +21,8 @@ using StopFlag = std::shared_ptr<std::atomic<bool>>;
 /// they run:
 /// - `HandleThreadStart(...)`, called with the constructor's arguments before the thread is started;
 /// - `RequestHandler(StopFlag)`, the thread's body; it must catch everything;
-/// - `HandleThreadStop()`, called when the stop flag is set: wakes the thread;
+/// - `HandleThreadStop()`, called when the stop flag is set, and again until the thread ends: wakes the
+///   thread;
 /// - `HandleThreadEnd()`, called when the thread has ended or was never started: releases what
 ///   HandleThreadStart acquired.
 template <typename ThreadBody>
@@ -36,7 +40,10 @@ class Executor {
         ThreadBody::HandleThreadStart(std::forward<Args>(args)...);
         *stopFlag_ = false;
         try {
-            thread_ = std::thread(&ThreadBody::RequestHandler, stopFlag_);
+            thread_ = std::thread([stopFlag = stopFlag_, end = end_] {
+                ThreadBody::RequestHandler(stopFlag);
+                end->Reach();
+            });
         } catch (...) {
             ThreadBody::HandleThreadEnd();
             throw;
@@ -50,6 +57,9 @@ class Executor {
             *stopFlag_ = true;
             ThreadBody::HandleThreadStop();
             ::Sleep(0);
+            // What wakes the thread can have woken somebody else, who waits for the same event by its name.
+            while (!end_->WaitFor(std::chrono::milliseconds(100)))
+                ThreadBody::HandleThreadStop();
             thread_.join();
             ThreadBody::HandleThreadEnd();
         } catch (...) {
@@ -60,9 +70,29 @@ class Executor {
     }
 
   private:
+    /// The end of the thread's body.
+    class ThreadEnd {
+      public:
+        void Reach() {
+            const std::lock_guard guard(lock_);
+            reached_ = true;
+            changed_.notify_all();
+        }
+        bool WaitFor(std::chrono::milliseconds time) {
+            std::unique_lock guard(lock_);
+            return changed_.wait_for(guard, time, [this] { return reached_; });
+        }
+
+      private:
+        std::mutex lock_;
+        std::condition_variable changed_;
+        bool reached_ = false;
+    };
+
     static constexpr char kSource[] = "lib_shared_tools\\inc\\thread_executor";
 
     StopFlag stopFlag_;
+    std::shared_ptr<ThreadEnd> end_ = std::make_shared<ThreadEnd>();
     std::thread thread_;
 };
 

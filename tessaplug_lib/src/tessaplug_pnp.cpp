@@ -11,6 +11,7 @@
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
 #include "toolbox.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
@@ -117,7 +118,13 @@ void DeviceNotifier::Register(const ModelRecord& model) {
                     toolbox::GuidToString(&guid));
         MODUL_THROW(std::runtime_error("Device already registered!"));
     }
-    devices_.push(model, RegisterNotification(guid));
+    const HDEVNOTIFY notification = RegisterNotification(guid);
+    try {
+        devices_.push(model, notification);
+    } catch (...) {
+        UnregInternal(notification, true);  // nobody else knows of it
+        throw;
+    }
     UpdateLogDeviceStateToDeviceState(model);
     TRACE_INFO(12, "%S %s registered", model->DisplayedDeviceName(), toolbox::GuidToString(&guid));
 }
@@ -189,9 +196,11 @@ void DeviceNotifier::OnPnpEvent(const GUID& guid, bool arrival) {
             return;
         }
         const ModelRecord model = devices_.get_device_from(guid);
-        // First, so that the processor is released before its access points disappear.
-        if (!arrival) StopDeviceInStationManager(model);
-        ShowOrHideAll(model, arrival, arrival);
+        operating_system::CallForeign([&] {
+            // First, so that the processor is released before its access points disappear.
+            if (!arrival) StopDeviceInStationManager(model);
+            ShowOrHideAll(model, arrival, arrival);
+        });
     } catch (const std::exception& error) {
         TRACE_ERROR(19, "Device %s: %s", event, error.what());
     } catch (...) {
@@ -243,10 +252,12 @@ void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool 
 void DeviceNotifier::UpdateLogDeviceStateToDeviceState(const ModelRecord& model) {
     FUNCTION_TRACE();
     try {
-        const bool plugged =
-            collaborators_.deviceInterfaces->create_from(model->DeviceInterfaceGuid())->IsPresent();
-        TRACE_INFO(24, "%S: %s", model->DisplayedDeviceName(), plugged ? "PluggedIn" : "UnPlugged");
-        ShowOrHideAll(model, plugged, false);
+        operating_system::CallForeign([&] {
+            const bool plugged =
+                collaborators_.deviceInterfaces->create_from(model->DeviceInterfaceGuid())->IsPresent();
+            TRACE_INFO(24, "%S: %s", model->DisplayedDeviceName(), plugged ? "PluggedIn" : "UnPlugged");
+            ShowOrHideAll(model, plugged, false);
+        });
     } catch (const std::exception& error) {
         TRACE_ERROR(25, "%S: %s", model->DisplayedDeviceName(), error.what());
     } catch (...) {
@@ -308,10 +319,36 @@ void WakeWorker() {
         TRACE_ERROR(27, "SetEvent(PnPEvent) failed, LE(%u)", ::GetLastError());
 }
 
-bool HasRequests(const RequestQueue& queue) {
+bool HasRequests() {
     FUNCTION_TRACE();
     const std::lock_guard guard(pnpRequests.lock);
-    return !queue.empty();
+    return !pnpRequests.nx4120.empty() || !pnpRequests.others.empty();
+}
+
+/// The name is public. Where somebody else has it, whose event may be of another kind or be waited for by
+/// others, or whose object is no event at all, the worker's event has none.
+HANDLE CreateWakeUpEvent(windows_api::CKernel32& kernel32) {
+    FUNCTION_TRACE();
+    ::SetLastError(ERROR_SUCCESS);
+    const HANDLE event = kernel32.CreateEventW(nullptr, FALSE, FALSE, L"PnPEvent");
+    const DWORD error = ::GetLastError();
+    const bool isOurs = event != nullptr && error != ERROR_ALREADY_EXISTS;
+    const bool isTaken = error == ERROR_ALREADY_EXISTS || error == ERROR_INVALID_HANDLE ||  // another kind
+                         error == ERROR_ACCESS_DENIED;
+    if (isOurs || !isTaken) return event;
+    TRACE_WARNING(38, "PnPEvent is somebody else's, LE(%u): an event without a name is used", error);
+    if (event != nullptr && !kernel32.CloseHandle(event))
+        TRACE_WARNING(39, "CloseHandle(PnPEvent) failed, LE(%u)", ::GetLastError());
+    return kernel32.CreateEventW(nullptr, FALSE, FALSE, nullptr);
+}
+
+/// Whether the worker does anything but trace it.
+bool ChangesAModel(const Request& request) {
+    FUNCTION_TRACE();
+    const bool isModel = IsEqualGUID(request.interfaceClass, kNx4120InterfaceGuid) ||
+                         IsEqualGUID(request.interfaceClass, kFennlinkU3InterfaceGuid);
+    return isModel &&
+           (request.eventType == DBT_DEVICEARRIVAL || request.eventType == DBT_DEVICEREMOVECOMPLETE);
 }
 
 }  // namespace
@@ -323,6 +360,12 @@ bool DeviceMonitor::Enqueue(std::unique_ptr<Request> request) {
     if (pnpRequests.ghPnPEvent == nullptr) return false;
     RequestQueue& queue =
         IsEqualGUID(request->interfaceClass, kNx4120InterfaceGuid) ? pnpRequests.nx4120 : pnpRequests.others;
+    if (!queue.empty() && !ChangesAModel(*request)) {
+        // In the queue it would make an arrival or removal stale, or take its place.
+        TRACE_INFO(37, "%s for %s dropped", DeviceEventName(request->eventType),
+                   toolbox::GuidToString(&request->interfaceClass));
+        return true;
+    }
     replaced = queue.Push(std::move(request));
     WakeWorker();
     return true;
@@ -330,7 +373,7 @@ bool DeviceMonitor::Enqueue(std::unique_ptr<Request> request) {
 
 void DeviceMonitor::HandleThreadStart(std::shared_ptr<windows_api::CKernel32> kernel32) {
     FUNCTION_TRACE();
-    const HANDLE event = kernel32->CreateEventW(nullptr, FALSE, FALSE, L"PnPEvent");
+    const HANDLE event = CreateWakeUpEvent(*kernel32);
     if (event == nullptr) {
         TRACE_ERROR(28, "CreateEventW(PnPEvent) failed, LE(%u)", ::GetLastError());
         MODUL_THROW(std::runtime_error("CreateEvent failed!"));
@@ -360,7 +403,7 @@ void DeviceMonitor::HandleThreadEnd() {
 void DeviceMonitor::RequestHandler(const interprocess::StopFlag& stopFlag) {
     FUNCTION_TRACE();
     try {
-        ServeRequests(*stopFlag);
+        operating_system::CallForeign([&] { ServeRequests(*stopFlag); });
     } catch (const std::runtime_error& error) {
         TRACE_ERROR(30, "Request worker ends: %s", error.what());
     } catch (...) {
@@ -370,17 +413,11 @@ void DeviceMonitor::RequestHandler(const interprocess::StopFlag& stopFlag) {
 
 void DeviceMonitor::ServeRequests(const std::atomic<bool>& stop) {
     FUNCTION_TRACE();
-    bool nx4120HasWork = false;
-    bool othersHaveWork = false;
     do {
-        if (!nx4120HasWork && !othersHaveWork) {
-            WaitForRequests();
-            nx4120HasWork = HasRequests(pnpRequests.nx4120);
-            othersHaveWork = HasRequests(pnpRequests.others);
-        }
-        // One of each in turn, so that a burst on one model cannot starve the other.
-        if (nx4120HasWork) nx4120HasWork = ServeOne(pnpRequests.nx4120);
-        if (othersHaveWork) othersHaveWork = ServeOne(pnpRequests.others);
+        if (!HasRequests()) WaitForRequests();
+        // One of each in every pass, so that a burst on one model cannot starve the other.
+        ServeOne(pnpRequests.nx4120);
+        ServeOne(pnpRequests.others);
     } while (!stop);
 }
 
@@ -394,19 +431,19 @@ void DeviceMonitor::WaitForRequests() {
     }
 }
 
-bool DeviceMonitor::ServeOne(RequestQueue& queue) {
+void DeviceMonitor::ServeOne(RequestQueue& queue) {
     FUNCTION_TRACE();
     std::unique_ptr<Request> next;
     {
         const std::lock_guard guard(pnpRequests.lock);
         next = queue.Take();
     }
+    if (next == nullptr) return;
     // A request whose handling throws is not deleted: the worker ends with it, and whoever looks at a memory
     // dump finds it as it was.
     const Request* request = next.release();
     Handle(*request);
     delete request;
-    return HasRequests(queue);
 }
 
 void DeviceMonitor::Handle(const Request& request) {

@@ -154,7 +154,8 @@ class DeviceMonitor : public interprocess::Executor<DeviceMonitor> {
         : Executor(std::move(kernel32)) {}
 
     /// Queues a request and wakes the worker. Called on the control handler's thread; never waits for a
-    /// device being handled.
+    /// device being handled. A request that is no arrival or removal of a model is queued into an empty queue
+    /// only, and dropped otherwise.
     /// @return false if no monitor runs; the request is dropped then
     static bool Enqueue(std::unique_ptr<Request> request);
 
@@ -167,7 +168,7 @@ class DeviceMonitor : public interprocess::Executor<DeviceMonitor> {
 
     static void ServeRequests(const std::atomic<bool>& stop);
     static void WaitForRequests();
-    static bool ServeOne(RequestQueue& queue);
+    static void ServeOne(RequestQueue& queue);
     static void Handle(const Request& request);
 };
 

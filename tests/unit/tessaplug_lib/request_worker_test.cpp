@@ -1,6 +1,7 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -8,11 +9,14 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "module_hooks.h"
 #include "tessaplug_pnp.h"
 #include "trace_recorder.h"
+#include "unique_handle.h"
+#include "windows_api_excp.h"
 
 using tessaplug::DeviceMonitor;
 using tessaplug::kFennlinkU3InterfaceGuid;
@@ -118,30 +122,38 @@ class FailingKernel32 : public windows_api::CKernel32 {
     bool failCreateEvent = false;
     bool failWait = false;
     bool failSetEvent = false;
+    int swallowedSignals = 0;  // taken by somebody else who waits for the event
+    int waits = 0;
     Gate* opensWhenWaiting = nullptr;
+    Gate* opensWhenSet = nullptr;
     Gate* gateBeforeFirstWaitReturns = nullptr;
     int closed = 0;
 
     HANDLE CreateEventW(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState,
                         const wchar_t* name) override {
-        eventName = name;
+        eventNames.push_back(name != nullptr ? name : L"");
         eventIsManualReset = manualReset != 0;
         return failCreateEvent ? nullptr : CKernel32::CreateEventW(security, manualReset, initialState, name);
     }
     DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) override {
+        ++waits;
         if (failWait) return WAIT_FAILED;
         if (opensWhenWaiting != nullptr) opensWhenWaiting->Open();
         const DWORD result = CKernel32::WaitForSingleObject(handle, milliseconds);
         if (Gate* gate = std::exchange(gateBeforeFirstWaitReturns, nullptr)) gate->Wait();
         return result;
     }
-    BOOL SetEvent(HANDLE event) override { return failSetEvent ? FALSE : CKernel32::SetEvent(event); }
+    BOOL SetEvent(HANDLE event) override {
+        if (opensWhenSet != nullptr) opensWhenSet->Open();
+        if (swallowedSignals > 0) return --swallowedSignals, TRUE;
+        return failSetEvent ? FALSE : CKernel32::SetEvent(event);
+    }
     BOOL CloseHandle(HANDLE handle) override {
         ++closed;
         return CKernel32::CloseHandle(handle);
     }
 
-    std::wstring eventName;
+    std::vector<std::wstring> eventNames;
     bool eventIsManualReset = true;
 };
 
@@ -234,7 +246,7 @@ TEST(RequestWorker, ModelsNeverDisplaceEachOther) {
     for (int i = 0; i < 5; ++i)
         DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
     queued.Open();
-    EXPECT_EQ(notifier->WaitForEvents(3), (std::vector<std::string>{kU3Removal, kU3Arrival, kNxArrival}));
+    EXPECT_EQ(notifier->WaitForEvents(3), (std::vector<std::string>{kU3Removal, kNxArrival, kU3Arrival}));
 }
 
 TEST(RequestWorker, UnknownEventTypeIsTracedAndDiscarded) {
@@ -263,29 +275,72 @@ TEST(RequestWorker, StopWhileWaitingHandlesNothing) {
     EXPECT_TRUE(TracedWorker::Handled().empty());
 }
 
-TEST(RequestWorker, RequestsQueuedWhenItStopsAreFreedUnhandled) {
+TEST(RequestWorker, StopDuringAPassLetsItFinishAndFreesWhatIsStillQueued) {
     const auto notifier = std::make_shared<RecordingNotifier>();
-    Gate queued;
-    notifier->onEvent = [&](const std::vector<std::string>&) { queued.Wait(); };
     const auto kernel32 = std::make_shared<FailingKernel32>();
-    {
-        auto monitor = std::make_unique<DeviceMonitor>(kernel32);
-        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
-        notifier->WaitForEvents(1);
-        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
-        std::thread stopper([&] { monitor.reset(); });
-        queued.Open();
-        stopper.join();
-    }
-    // The pass that ran was let finish; nothing is held any more, and a new worker starts empty.
-    notifier->onEvent = nullptr;
-    const std::size_t handled = notifier->WaitForEvents(1).size();
-    EXPECT_LE(handled, 2u);
+    Gate stopping;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1) stopping.Wait();
+    };
+    auto monitor = std::make_unique<DeviceMonitor>(kernel32);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    kernel32->opensWhenSet = &stopping;  // by the stop, which wakes the worker once it has set the flag
+    std::thread([&] { monitor.reset(); }).join();
+
+    // The pass went on to the other queue; what waited for the next pass was freed, and no worker finds it.
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kNxArrival, kU3Arrival}));
     EXPECT_EQ(notifier.use_count(), 1);
+    const auto nextKernel32 = std::make_shared<FailingKernel32>();
+    Gate waiting;
+    nextKernel32->opensWhenWaiting = &waiting;
     {
-        const DeviceMonitor next;
+        const DeviceMonitor next(nextKernel32);
+        waiting.Wait();
     }
-    EXPECT_EQ(notifier->WaitForEvents(1).size(), handled);
+    EXPECT_EQ(notifier->WaitForEvents(2).size(), 2u);
+}
+
+TEST(RequestWorker, LooksAtBothQueuesInEveryPassEvenIfOneIsRefilled) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1)
+            DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        if (events.size() < 6)
+            DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    };
+    const DeviceMonitor monitor;
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    const std::vector<std::string> events = notifier->WaitForEvents(6);
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events[1], kNxArrival);
+}
+
+TEST(RequestWorker, EventsThatItWouldOnlyTraceNeitherDisplaceNorOutdateOthers) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const auto bystander = std::make_shared<RecordingNotifier>();
+    const GUID foreign = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
+    Gate queued;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1) queued.Wait();
+    };
+    const DeviceMonitor monitor;
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE));
+    DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    for (const auto& [guid, type] :
+         std::initializer_list<std::pair<GUID, DWORD>>{{foreign, DBT_DEVICEARRIVAL},
+                                                       {GUID{}, DBT_DEVICEARRIVAL},
+                                                       {kFennlinkU3InterfaceGuid, DBT_DEVICEQUERYREMOVE},
+                                                       {kNx4120InterfaceGuid, DBT_DEVICEREMOVEPENDING},
+                                                       {kFennlinkU3InterfaceGuid, DBT_CUSTOMEVENT}})
+        EXPECT_TRUE(DeviceMonitor::Enqueue(RequestFor(bystander, guid, type))) << "dropped, not refused";
+    EXPECT_EQ(bystander.use_count(), 1);
+    queued.Open();
+    EXPECT_EQ(notifier->WaitForEvents(3), (std::vector<std::string>{kU3Arrival, kNxArrival, kU3Removal}));
 }
 
 TEST(RequestWorker, EnqueueWithoutMonitorIsRefused) {
@@ -302,9 +357,46 @@ TEST(RequestWorker, WakeUpEventIsNamedAndAutoReset) {
     {
         const DeviceMonitor monitor(kernel32);
     }
-    EXPECT_EQ(kernel32->eventName, L"PnPEvent");
+    EXPECT_EQ(kernel32->eventNames, (std::vector<std::wstring>{L"PnPEvent"}));
     EXPECT_FALSE(kernel32->eventIsManualReset);
     EXPECT_EQ(kernel32->closed, 1);
+}
+
+/// What somebody else has under the worker's public name.
+class PnPEventOfSomebodyElse : public testing::TestWithParam<HANDLE (*)()> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PnPEventOfSomebodyElse,
+                         testing::Values([] { return ::CreateEventW(nullptr, TRUE, TRUE, L"PnPEvent"); },
+                                         [] { return ::CreateMutexW(nullptr, FALSE, L"PnPEvent"); }));
+
+TEST_P(PnPEventOfSomebodyElse, HasTheWorkerUseAnEventWithoutAName) {
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kWarning, trace::kMessage, 1);
+    const UniqueKernelHandle theirs(GetParam()());
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    {
+        const DeviceMonitor monitor(kernel32);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        EXPECT_EQ(notifier->WaitForEvents(1), (std::vector<std::string>{kNxArrival}));
+    }
+    EXPECT_EQ(kernel32->eventNames, (std::vector<std::wstring>{L"PnPEvent", L""}));
+    EXPECT_LE(kernel32->waits, 4) << "a signalled manual-reset event would have it run in circles";
+    constexpr USHORT kSomebodyElses = 38;
+    EXPECT_EQ(std::ranges::count(test_support::TakeTraceRecords(), kSomebodyElses,
+                                 &test_support::TraceRecord::number),
+              1);
+}
+
+TEST(RequestWorker, StopGoesOnWakingAWorkerWhoseSignalSomebodyElseTook) {
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    Gate waiting;
+    kernel32->opensWhenWaiting = &waiting;
+    auto monitor = std::make_unique<DeviceMonitor>(kernel32);
+    waiting.Wait();
+    kernel32->swallowedSignals = 2;
+    monitor.reset();
+    EXPECT_EQ(kernel32->swallowedSignals, 0);
 }
 
 TEST(RequestWorker, MissingEventFailsTheConstruction) {
@@ -352,17 +444,51 @@ TEST(RequestWorker, RuntimeErrorOfAHandlerEndsTheWorkerAndKeepsTheRequest) {
     EXPECT_EQ(notifier.use_count(), 2) << "the request that was being handled is kept for post-mortem";
 }
 
-TEST(RequestWorker, AnyOtherExceptionOfAHandlerIsAssertedAndEndsTheWorker) {
+/// What a handler raises that is no std::runtime_error.
+class UnknownExceptionOfAHandler : public testing::TestWithParam<void (*)()> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, UnknownExceptionOfAHandler,
+                         testing::Values([] { throw 42; },
+                                         [] { throw modul_exception::CWindowsApiExcp("Call()", ""); },
+                                         [] { throw std::logic_error("no runtime error"); },
+                                         [] { ::RaiseException(0xE06D7363, 0, 0, nullptr); },
+                                         [] {
+                                             *static_cast<volatile int*>(nullptr) = 0;
+                                         }));  // NOLINT: the fault is what is tested
+
+TEST_P(UnknownExceptionOfAHandler, IsAssertedAndEndsTheWorkerForGood) {
     const ModuleHooks hooks;
     const auto notifier = std::make_shared<RecordingNotifier>();
-    notifier->onEvent = [](const std::vector<std::string>&) { throw 42; };
+    notifier->onEvent = [](const std::vector<std::string>& events) {
+        if (events.size() == 1) GetParam()();
+    };
     {
         const DeviceMonitor monitor;
         DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
-        notifier->WaitForEvents(1);
+        ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+        while (hooks.Assertions().empty())
+            ::SwitchToThread();
+        EXPECT_TRUE(
+            DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL)));
     }
     EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected Exception!\""}));
     EXPECT_EQ(hooks.Assertions()[0].sourcePath, L"tessaplug_lib\\src\\tessaplug_pnp");
+    EXPECT_EQ(notifier->WaitForEvents(1).size(), 1u) << "the worker is not restarted";
+}
+
+TEST(RequestWorker, EndsForGoodAfterARuntimeError) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    notifier->onEvent = [](const std::vector<std::string>& events) {
+        if (events.size() == 1) throw std::runtime_error("handler");
+    };
+    {
+        const DeviceMonitor monitor(kernel32);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+        ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+    }
+    EXPECT_EQ(notifier->WaitForEvents(1).size(), 1u);
 }
 
 TEST(DeviceEventName, NamesTheStandardEvents) {
