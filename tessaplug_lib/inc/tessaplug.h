@@ -39,7 +39,8 @@ extern "C" {
  * while a failed start is undone, with SERVICE_START_PENDING, a wait hint of 3000 ms and a check point that
  * counts up; the host passes the record on to SetServiceStatus. The plug-in leaves dwServiceType zero: the
  * host fills it in. It holds none of its locks meanwhile, so the host may call the plug-in from within the
- * callback.
+ * callback. An exception that leaves the callback, a structured one included, ends the start; it is asserted
+ * unless it is a std::exception of the plug-in's own run time.
  *
  * @param hostContext what was given to tessaplug_init; null once tessaplug_cleanup has begun
  * @param status the record to be reported; belongs to the plug-in and is valid during the call only
@@ -57,8 +58,9 @@ typedef void(WINAPI* TESSAPLUG_STATUS_CALLBACK)(void* hostContext, SERVICE_STATU
  * @param reserved 0
  * @return 1 if started. 0 if not: a parameter was refused, another process on this machine runs the plug-in,
  *     the plug-in was started before in this process (also if it was cleaned up and loaded anew since: the
- *     instance lock stays with the process), or a start step failed, in which case what it had built is
- *     undone. The reason is in the trace; either outcome is in the Application log.
+ *     instance lock stays with the process), a start step failed, or tessaplug_cleanup was called meanwhile;
+ *     in the latter cases what it had built is undone. The reason is in the trace; either outcome is in the
+ *     Application log.
  */
 DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatusHandle,
                             TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved);
@@ -67,6 +69,11 @@ DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatu
  * Stops the plug-in: waits for a device event that is being handled, then closes what tessaplug_init opened.
  * Takes two to three seconds beyond that. Returns quietly if the plug-in does not run. The single-instance
  * lock is held until the process ends.
+ *
+ * Called while tessaplug_init runs, from within the status callback or on another thread, it returns at once:
+ * tessaplug_init then undoes the start and returns 0, and the callback gets a null context from there on. The
+ * library must stay loaded until tessaplug_init has returned. Called while another tessaplug_cleanup runs, it
+ * returns at once as well.
  *
  * While a driver's error is shown, one thread waits for the user's answer: it is left, and the library stays
  * loaded from then on, whoever frees it; a later start in this process is refused.

@@ -6,6 +6,7 @@
 #include "function_trace.h"
 #include "modul_assert.h"
 #include "modul_sysadjust.h"
+#include "structured_exception.h"
 #include "tessaplug_intern.h"
 #include "trace_point.h"
 
@@ -13,6 +14,7 @@ TRACE_SOURCE("tessaplug_lib\\src\\tessaplug", "5e0c9a37-b4d2-4681-a7f5-90e3d6c2b
 
 namespace {
 
+using operating_system::CallForeign;
 using tessaplug::Service;
 
 /// The one service object and the lock that guards its creation and its end.
@@ -28,15 +30,19 @@ class SingletonGuard {
     SingletonGuard& operator=(const SingletonGuard&) = delete;
 };
 
+void MakeService() {
+    FUNCTION_TRACE();
+    tessaplug::CreateErrorHandler();
+    tessaplug::CreateEventLogProvider(thisModule);
+    service = std::make_unique<Service>().release();
+}
+
 /// The service object, made by the first export call: never at attach, where little of Windows may be used.
 Service& TheService() {
     FUNCTION_TRACE();
     const SingletonGuard guard;
-    if (service == nullptr) {
-        tessaplug::CreateErrorHandler();
-        tessaplug::CreateEventLogProvider(thisModule);
-        service = std::make_unique<Service>().release();
-    }
+    // Guarded inside the lock, which a structured exception on its way to the export would leave taken.
+    if (service == nullptr) CallForeign([] { MakeService(); });
     return *service;
 }
 
@@ -73,7 +79,9 @@ DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatu
                             TESSAPLUG_STATUS_CALLBACK statusCallback, void* hostContext, ULONG_PTR reserved) {
     try {
         FUNCTION_TRACE();
-        return TheService().init(apiVersion, serviceStatusHandle, statusCallback, hostContext, reserved);
+        return CallForeign([&] {
+            return TheService().init(apiVersion, serviceStatusHandle, statusCallback, hostContext, reserved);
+        });
     } catch (...) {
         MODUL_FAIL_AT(67, "SEH during Init()");
         return 0;
@@ -83,7 +91,7 @@ DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatu
 void WINAPI tessaplug_cleanup(void) {
     try {
         FUNCTION_TRACE();
-        TheService().cleanup();
+        CallForeign([] { TheService().cleanup(); });
     } catch (...) {
         // The wording of init, on purpose: service staff tell the two apart by their lines.
         MODUL_FAIL_AT(83, "SEH during Init()");
@@ -93,7 +101,8 @@ void WINAPI tessaplug_cleanup(void) {
 DWORD WINAPI tessaplug_service_ctrl_handler(DWORD control, DWORD eventType, void* eventData, void* context) {
     try {
         FUNCTION_TRACE();
-        return TheService().service_ctrl_handler(control, eventType, eventData, context);
+        return CallForeign(
+            [&] { return TheService().service_ctrl_handler(control, eventType, eventData, context); });
     } catch (...) {
         MODUL_FAIL_AT(111, "SEH service_ctrl_handler()");
         return 0xFFFFFFFF;

@@ -45,6 +45,8 @@ DWORD EventLogMonitor::Run() {
             return 0;
         }
         monitorReleased = false;
+        // After the flag was cleared: Abandon sets it last.
+        if (abandoned_) return 0;
         eventLog_->Open();
         ThreadChangeState(State::kRunning);
         RunInternal();
@@ -126,6 +128,12 @@ void EventLogMonitor::Stop(bool stopFlag) {
     const long val = --RunningInstance;
     MODUL_ASSERT("Decremented RunningInstance" && (val == 0));
     eventLog_->CancelRead();
+}
+
+void EventLogMonitor::Abandon() {
+    FUNCTION_TRACE();
+    abandoned_ = true;
+    monitorReleased = true;
 }
 
 bool EventLogMonitor::WaitBlockingForStateChange(DWORD timeout) {

@@ -45,6 +45,9 @@ class EventLogMonitor {
     virtual DWORD Run();
     /// @param stopFlag whether Run waits, at its end, until `monitorReleased` is set
     virtual void Stop(bool stopFlag);
+    /// The monitor is not wanted any more, whether it has begun or will: Run ends at its next check, without
+    /// being stopped.
+    void Abandon();
     /// Waits until Run has begun, or until it has ended after Stop.
     /// @param timeout in milliseconds
     /// @return false if the time is over
@@ -64,6 +67,7 @@ class EventLogMonitor {
     HANDLE threadState_ = nullptr;  // auto-reset; signalled at each change
     std::atomic<long> RunningInstance = 0;
     std::atomic<bool> stopFlag_ = false;
+    std::atomic<bool> abandoned_ = false;
     std::unique_ptr<operating_system::EventLog> eventLog_;
     std::unique_ptr<operating_system::SystemMessageBox> messageBox_;
 };

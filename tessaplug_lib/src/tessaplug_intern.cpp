@@ -3,12 +3,16 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
 #include "toolbox.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
@@ -18,7 +22,7 @@ TRACE_SOURCE("tessaplug_lib\\src\\tessaplug_intern", "8b5d2e70-6a9c-4f14-9d3b-1c
 namespace tessaplug {
 namespace {
 
-/// Holds the service's lock for one scope.
+/// Holds the service's lock for one scope. A thread may take it once more.
 class Guard {
   public:
     explicit Guard(CRITICAL_SECTION& lock) : lock_(lock) { ::EnterCriticalSection(&lock_); }
@@ -74,6 +78,34 @@ const char* PowerSettingName(const GUID& setting) {
     return "UNKNOWN! PWR SETTING GUID!";
 }
 
+/// A copy of what a device event carries, as far as its type goes.
+struct DeviceEventData {
+    DEV_BROADCAST_HDR header;
+    GUID interfaceClass;
+    wchar_t name[MAX_PATH];  ///< for the trace; cut off where it is longer
+};
+
+/// Reads the host's memory, which may not be there: nothing is held meanwhile.
+/// @throws operating_system::ForeignException if it cannot be read
+DeviceEventData ReadDeviceEventData(const void* lpEventData) {
+    FUNCTION_TRACE();
+    DeviceEventData data = {};
+    operating_system::CallForeign([&] {
+        data.header = *static_cast<const DEV_BROADCAST_HDR*>(lpEventData);
+        if (data.header.dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE) return;
+        const auto* deviceInterface = static_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(lpEventData);
+        data.interfaceClass = deviceInterface->dbcc_classguid;
+        // dbch_size covers the name, whose terminating zero need not be there.
+        constexpr std::size_t kNameOffset = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
+        if (data.header.dbch_size <= kNameOffset) return;
+        const std::size_t length =
+            std::min((data.header.dbch_size - kNameOffset) / sizeof(wchar_t), std::size(data.name) - 1);
+        for (std::size_t i = 0; i < length && deviceInterface->dbcc_name[i] != L'\0'; ++i)
+            data.name[i] = deviceInterface->dbcc_name[i];
+    });
+    return data;
+}
+
 /// The host frees the library after the clean-up: a thread that is still in it, as while a message box of its
 /// is open, would come back to code that is gone.
 void KeepModuleLoaded() {
@@ -111,12 +143,34 @@ Service::~Service() {
     ::DeleteCriticalSection(&lock_);
 }
 
+class Service::Turn {
+  public:
+    explicit Turn(Service& service) : service_(&service) {}
+    ~Turn() {
+        if (service_ == nullptr) return;
+        const Guard guard(service_->lock_);
+        service_->busy_ = false;
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    /// Ends the turn of a start, unless a clean-up was asked for meanwhile: one that comes later runs itself.
+    bool EndUnlessCleanedUp() {
+        const Guard guard(service_->lock_);
+        if (service_->statusHandle_ == nullptr) return false;
+        service_->busy_ = false;
+        service_ = nullptr;
+        return true;
+    }
+
+  private:
+    Service* service_;
+};
+
 DWORD Service::init(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
                     void* hostContext, ULONG_PTR reserved) {
     FUNCTION_TRACE();
-    const DWORD started = CheckArguments(apiVersion, statusHandle, callback, reserved)
-                              ? Start(statusHandle, callback, hostContext)
-                              : 0;
+    const DWORD started = InitInTurn(apiVersion, statusHandle, callback, hostContext, reserved);
     if (started != 0)
         _ModulSysLog_00(1, TESSAPLUG_EVENT_STARTED);
     else
@@ -124,8 +178,17 @@ DWORD Service::init(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle, TESSAP
     return started;
 }
 
+DWORD Service::InitInTurn(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle,
+                          TESSAPLUG_STATUS_CALLBACK callback, void* hostContext, ULONG_PTR reserved) {
+    FUNCTION_TRACE();
+    if (!CheckArguments(apiVersion, statusHandle, callback)) return 0;
+    if (!TakeHost(statusHandle, callback, hostContext, reserved)) return 0;
+    Turn turn(*this);
+    return Start(turn);
+}
+
 bool Service::CheckArguments(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle,
-                             TESSAPLUG_STATUS_CALLBACK callback, ULONG_PTR reserved) const {
+                             TESSAPLUG_STATUS_CALLBACK callback) const {
     FUNCTION_TRACE();
     if (callback == nullptr) {
         TRACE_ERROR(10, "init refused: no status callback");
@@ -140,6 +203,15 @@ bool Service::CheckArguments(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandl
                     settings_->ApiVersion());
         return false;
     }
+    return true;
+}
+
+/// The last checks and the keeping of what was checked: under one lock, as two starts at once must not both
+/// pass.
+bool Service::TakeHost(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
+                       void* hostContext, ULONG_PTR reserved) {
+    FUNCTION_TRACE();
+    const Guard guard(lock_);
     if (cbf_ != nullptr) {
         TRACE_ERROR(13, "init refused: initialised before in this process");
         return false;
@@ -148,23 +220,22 @@ bool Service::CheckArguments(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandl
         TRACE_ERROR(14, "init refused: the reserved value is not zero");
         return false;
     }
+    statusHandle_ = statusHandle;
+    cbf_ = callback;
+    hostContext_ = hostContext;
+    busy_ = true;
     return true;
 }
 
-DWORD Service::Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
-                     void* hostContext) {
+DWORD Service::Start(Turn& turn) {
     FUNCTION_TRACE();
     try {
-        {
-            const Guard guard(lock_);
-            statusHandle_ = statusHandle;
-            cbf_ = callback;
-            hostContext_ = hostContext;
-        }
         if (!CheckSingleInstanceAndRegisterDeviceNotification()) return 0;
         CreateSharedMemoryAndMutexForCpIpc();
         StartEventLogMonitor();
         StartPnpThreadPool();
+        if (!turn.EndUnlessCleanedUp())
+            MODUL_THROW(std::runtime_error("tessaplug_cleanup was called during the start"));
         return 1;
     } catch (const std::exception& error) {
         TRACE_ERROR(15, "init failed: %s", error.what());
@@ -173,16 +244,31 @@ DWORD Service::Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBA
     }
 }
 
-bool Service::CheckSingleInstanceAndRegisterDeviceNotification() {
+/// What each start step begins with. The host may have called tessaplug_cleanup, from the callback or on
+/// another thread: going on would start what nobody stops any more.
+void Service::BeginStep() {
     FUNCTION_TRACE();
     ReportStatus();
+    if (StatusHandle() == nullptr)
+        MODUL_THROW(std::runtime_error("tessaplug_cleanup was called during the start"));
+}
+
+SERVICE_STATUS_HANDLE Service::StatusHandle() {
+    FUNCTION_TRACE();
+    const Guard guard(lock_);
+    return statusHandle_;
+}
+
+bool Service::CheckSingleInstanceAndRegisterDeviceNotification() {
+    FUNCTION_TRACE();
+    BeginStep();
     // The handle is only tested: the lock is held until the process ends, also after a clean-up.
     if (instanceLock_->CheckSingleInstanceAndLock(settings_->GlobalInstanceLockName()) == nullptr) {
         TRACE_ERROR(16, "Another process holds the instance lock");
         return false;
     }
-    ReportStatus();
-    deviceNotifier_->Initialize(statusHandle_);
+    BeginStep();
+    deviceNotifier_->Initialize(StatusHandle());
     MODUL_ASSERT_AT(517, !cps_.empty());
     for (const ModelRecord& model : cps_) {
         TRACE_INFO(17, "Registering %s", toolbox::GuidToString(&model->DeviceInterfaceGuid()));
@@ -194,7 +280,7 @@ bool Service::CheckSingleInstanceAndRegisterDeviceNotification() {
 void Service::CreateSharedMemoryAndMutexForCpIpc() {
     FUNCTION_TRACE();
     MODUL_ASSERT_AT(584, cpEnv_ == nullptr);
-    ReportStatus();
+    BeginStep();
     cpEnv_ = std::make_unique<CpEnvironment>();
 }
 
@@ -202,26 +288,27 @@ void Service::StartEventLogMonitor() {
     FUNCTION_TRACE();
     constexpr DWORD kStartTimeOutMs = 2500;
     MODUL_ASSERT_AT(547, evMonTh_ == nullptr);
-    ReportStatus();
+    BeginStep();
     evMonTh_ = std::make_unique<std::thread>([monitor = eventLogMonitor_, ended = evMonEnded_] {
         monitor->Run();
         *ended = true;
     });
-    if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs))
+    if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs)) {
+        // It may still start, at any time from now on, and would miss the stop of the roll-back.
+        eventLogMonitor_->Abandon();
         MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
+    }
 }
 
 void Service::StartPnpThreadPool() {
     FUNCTION_TRACE();
     MODUL_ASSERT_AT(569, pnpExec_ == nullptr);
-    ReportStatus();
+    BeginStep();
     pnpExec_ = std::make_unique<DeviceMonitor>().release();
 }
 
 void Service::ReportStatus() {
     FUNCTION_TRACE();
-    MODUL_ASSERT_AT(93, cbf_ != nullptr);
-    if (cbf_ == nullptr) return;
     TESSAPLUG_STATUS_CALLBACK callback = nullptr;
     void* hostContext = nullptr;
     {
@@ -234,9 +321,18 @@ void Service::ReportStatus() {
         callback = cbf_;
         hostContext = hostContext_;
     }
+    if (callback == nullptr) {
+        _ModulAssert(L"cbf_ != nullptr", kWideSourcePath, 93);
+        return;
+    }
     ++chkVal;
     MODUL_ASSERT_AT(121, chkVal > 0);
-    callback(hostContext, &status_);
+    try {
+        operating_system::CallForeign([&] { callback(hostContext, &status_); });
+    } catch (...) {
+        --chkVal;
+        throw;
+    }
     --chkVal;
     MODUL_ASSERT_AT(124, chkVal >= 0);
 }
@@ -251,9 +347,22 @@ void Service::RollBackInitialization() {
 void Service::cleanup() {
     FUNCTION_TRACE();
     TRACE_INFO(19, "Normal clean-up");
-    ForgetHost();
+    if (!ForgetHostAndTakeTurn()) {
+        TRACE_WARNING(38, "Left to the start or clean-up that runs");
+        return;
+    }
+    const Turn turn(*this);
     InternalCleanup(false, false);
     TRACE_INFO(20, "Clean-up done");
+}
+
+bool Service::ForgetHostAndTakeTurn() {
+    FUNCTION_TRACE();
+    const Guard guard(lock_);
+    ForgetHost();
+    if (busy_) return false;
+    busy_ = true;
+    return true;
 }
 
 void Service::ForgetHost() {
@@ -345,9 +454,9 @@ DWORD Service::service_ctrl_handler(DWORD control, DWORD eventType, void* lpEven
                context);
     try {
         if (control == SERVICE_CONTROL_DEVICEEVENT)
-            HandleDeviceEvent(eventType, lpEventData);
+            operating_system::CallForeign([&] { HandleDeviceEvent(eventType, lpEventData); });
         else if (control == SERVICE_CONTROL_POWEREVENT)
-            HandlePowerEvent(eventType, lpEventData);
+            operating_system::CallForeign([&] { HandlePowerEvent(eventType, lpEventData); });
     } catch (...) {
         MODUL_FAIL("Unexpected Exception!");
     }
@@ -379,15 +488,15 @@ void Service::GetGuidFrom(const void* lpEventData, GUID& guid) {
         TRACE_WARNING(29, "Device event without data");
         return;
     }
-    const auto* header = static_cast<const DEV_BROADCAST_HDR*>(lpEventData);
-    TRACE_VERBOSE(30, "Event data: %u bytes, device type %u", header->dbch_size, header->dbch_devicetype);
-    if (header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE) {
-        TRACE_WARNING(31, "Device event for device type %u", header->dbch_devicetype);
+    const DeviceEventData data = ReadDeviceEventData(lpEventData);
+    TRACE_VERBOSE(30, "Event data: %u bytes, device type %u", data.header.dbch_size,
+                  data.header.dbch_devicetype);
+    if (data.header.dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE) {
+        TRACE_WARNING(31, "Device event for device type %u", data.header.dbch_devicetype);
         return;
     }
-    const auto* deviceInterface = static_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(lpEventData);
-    TRACE_INFO(32, "Device %S", deviceInterface->dbcc_name);
-    guid = deviceInterface->dbcc_classguid;
+    TRACE_INFO(32, "Device %S", data.name);
+    guid = data.interfaceClass;
 }
 
 void Service::HandlePowerEvent(DWORD eventType, const void* lpEventData) {
@@ -398,8 +507,9 @@ void Service::HandlePowerEvent(DWORD eventType, const void* lpEventData) {
     }
     MODUL_ASSERT_AT(657, lpEventData != nullptr);
     if (lpEventData == nullptr) return;
-    const auto* setting = static_cast<const POWERBROADCAST_SETTING*>(lpEventData);
-    TRACE_INFO(34, "Power setting %s", PowerSettingName(setting->PowerSetting));
+    const GUID setting = operating_system::CallForeign(
+        [&] { return static_cast<const POWERBROADCAST_SETTING*>(lpEventData)->PowerSetting; });
+    TRACE_INFO(34, "Power setting %s", PowerSettingName(setting));
 }
 
 }  // namespace tessaplug

@@ -48,9 +48,18 @@ class Service {
     DWORD service_ctrl_handler(DWORD control, DWORD eventType, void* lpEventData, void* context);
 
   private:
+    /// The start or clean-up that runs; a clean-up that comes meanwhile is left to it.
+    class Turn;
+
+    DWORD InitInTurn(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback,
+                     void* hostContext, ULONG_PTR reserved);
     bool CheckArguments(DWORD apiVersion, SERVICE_STATUS_HANDLE statusHandle,
-                        TESSAPLUG_STATUS_CALLBACK callback, ULONG_PTR reserved) const;
-    DWORD Start(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback, void* hostContext);
+                        TESSAPLUG_STATUS_CALLBACK callback) const;
+    bool TakeHost(SERVICE_STATUS_HANDLE statusHandle, TESSAPLUG_STATUS_CALLBACK callback, void* hostContext,
+                  ULONG_PTR reserved);
+    DWORD Start(Turn& turn);
+    void BeginStep();
+    SERVICE_STATUS_HANDLE StatusHandle();
     bool CheckSingleInstanceAndRegisterDeviceNotification();
     void CreateSharedMemoryAndMutexForCpIpc();
     void StartEventLogMonitor();
@@ -63,6 +72,7 @@ class Service {
     void DeleteMonitorThread(bool failSafe);
     void CloseHandleSlot();
     void ForgetHost();
+    bool ForgetHostAndTakeTurn();
 
     void HandleDeviceEvent(DWORD eventType, const void* lpEventData);
     static void GetGuidFrom(const void* lpEventData, GUID& guid);
@@ -70,11 +80,12 @@ class Service {
 
     // Released last by the clean-up. No start step fills it; it is kept for one that will.
     HANDLE handleSlot_ = nullptr;
-    TESSAPLUG_STATUS_CALLBACK cbf_ = nullptr;  // set means initialised; never cleared
-    CRITICAL_SECTION lock_;                    // guards cbf_ and the three below
-    SERVICE_STATUS_HANDLE statusHandle_ = nullptr;
+    TESSAPLUG_STATUS_CALLBACK cbf_ = nullptr;       // set means initialised; never cleared
+    CRITICAL_SECTION lock_;                         // guards cbf_ and the four below
+    SERVICE_STATUS_HANDLE statusHandle_ = nullptr;  // null before the start and once a clean-up was asked for
     SERVICE_STATUS status_ = {};
     void* hostContext_ = nullptr;
+    bool busy_ = false;           // a start or a clean-up runs
     std::atomic<int> chkVal = 0;  // status callbacks in progress
     std::vector<ModelRecord> cps_;
     std::shared_ptr<ServiceDbIf> settings_;

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -34,6 +35,7 @@ class FakeLog : public EventLog {
 
     void Open() override {
         if (failOpen) throw std::runtime_error("no log");
+        if (onOpen) onOpen();
         ++opened;
     }
     void Close() override { ++closed; }
@@ -59,6 +61,7 @@ class FakeLog : public EventLog {
     }
     void Wake() { ::SetEvent(wake_); }
 
+    std::function<void()> onOpen;
     std::atomic<bool> failOpen = false;
     std::atomic<bool> returnNothing = false;
     std::atomic<bool> ignoreCancel = false;
@@ -193,6 +196,20 @@ TEST_F(Monitor, CanRunAgainAfterAStop) {
 TEST_F(Monitor, StopWithoutARunOnlyTraces) {
     monitor_->Stop(false);
     EXPECT_FALSE(monitor_->WaitBlockingForStateChange(0));
+}
+
+TEST_F(Monitor, AbandonedBeforeItBeginsNeverBegins) {
+    monitor_->Abandon();
+    EXPECT_EQ(monitor_->Run(), 0u);
+    EXPECT_EQ(log_->opened, 0);
+    EXPECT_FALSE(monitor_->WaitBlockingForStateChange(0));
+}
+
+TEST_F(Monitor, AbandonedWhileTheLogIsBeingOpenedEndsUnasked) {
+    log_->onOpen = [this] { monitor_->Abandon(); };
+    EXPECT_EQ(monitor_->Run(), 0u);
+    EXPECT_EQ(log_->reads, 0);
+    EXPECT_EQ(log_->closed, 1);
 }
 
 TEST_F(Monitor, SecondRunReturnsAtOnce) {

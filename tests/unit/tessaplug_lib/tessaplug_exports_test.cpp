@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "process_census.h"
@@ -47,12 +49,88 @@ class PlugIn {
     UniqueModule module_;
 };
 
+/// A function that the plug-in imports, replaced for as long as this lives.
+class ReplacedImport {
+  public:
+    ReplacedImport(HMODULE module, const std::string& name, void* replacement) : slot_(Slot(module, name)) {
+        if (slot_ == nullptr) {
+            ADD_FAILURE() << name << " is not imported";
+            return;
+        }
+        original_ = Write(replacement);
+    }
+    ~ReplacedImport() {
+        if (slot_ != nullptr) Write(original_);
+    }
+    ReplacedImport(const ReplacedImport&) = delete;
+    ReplacedImport& operator=(const ReplacedImport&) = delete;
+
+  private:
+    static void** Slot(HMODULE module, const std::string& name) {
+        auto* base = reinterpret_cast<BYTE*>(module);
+        const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+        const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+        const auto* library = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(
+            base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+        for (; library->Name != 0; ++library) {
+            const auto* names = reinterpret_cast<const ULONGLONG*>(base + library->OriginalFirstThunk);
+            for (std::size_t i = 0; names[i] != 0; ++i) {
+                if ((names[i] & IMAGE_ORDINAL_FLAG64) != 0) continue;
+                const auto* import = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names[i]);
+                if (name == reinterpret_cast<const char*>(&import->Name))
+                    return reinterpret_cast<void**>(base + library->FirstThunk) + i;
+            }
+        }
+        return nullptr;
+    }
+    void* Write(void* function) {
+        DWORD former = 0;
+        ::VirtualProtect(slot_, sizeof *slot_, PAGE_READWRITE, &former);
+        void* replaced = std::exchange(*slot_, function);
+        ::VirtualProtect(slot_, sizeof *slot_, former, &former);
+        return replaced;
+    }
+
+    void** slot_;
+    void* original_ = nullptr;
+};
+
+HANDLE WINAPI NoEvent(SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+}
+HANDLE WINAPI RaisingCreateEvent(SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
+    ::RaiseException(0xE06D7363, 0, 0, nullptr);
+    return nullptr;
+}
+BOOL WINAPI RaisingUnregister(HDEVNOTIFY) {
+    ::RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
+    return FALSE;
+}
+
+/// The failed assertions that the plug-in tells a debugger of.
+class ToldAssertions {
+  public:
+    explicit ToldAssertions(HMODULE module)
+        : listening_(module, "OutputDebugStringW", reinterpret_cast<void*>(&Listen)) {
+        texts.clear();
+    }
+
+    static inline std::vector<std::wstring> texts;
+
+  private:
+    static void WINAPI Listen(const wchar_t* text) { texts.emplace_back(text); }
+    ReplacedImport listening_;
+};
+
+std::vector<std::wstring> Told(const std::wstring& expression, int line) {
+    return {L"tessaplug: assertion failed: " + expression + L", tessaplug_lib\\src\\tessaplug(" +
+            std::to_wstring(line) + L")\n"};
+}
+
 int reports = 0;
 void WINAPI CountReports(void*, SERVICE_STATUS*) {
     ++reports;
-}
-void WINAPI ThrowingCallback(void*, SERVICE_STATUS*) {
-    throw 42;
 }
 
 const auto kStatusHandle = reinterpret_cast<SERVICE_STATUS_HANDLE>(0x51);
@@ -112,10 +190,80 @@ TEST(PlugInExports, CleanupAndControlsWithoutInitReturnQuietly) {
     plugIn.cleanup();
 }
 
-TEST(PlugInExports, ExceptionOfTheHostsCallbackNeverReachesTheHost) {
+/// How a host's callback can throw.
+class ExceptionOfTheHostsCallback : public testing::TestWithParam<TESSAPLUG_STATUS_CALLBACK> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ExceptionOfTheHostsCallback,
+                         testing::Values([](void*, SERVICE_STATUS*) { throw 42; },
+                                         [](void*, SERVICE_STATUS*) {
+                                             ::RaiseException(0xE06D7363, 0, 0, nullptr);
+                                         },
+                                         [](void*, SERVICE_STATUS*) { ::DebugBreak(); },
+                                         [](void*, SERVICE_STATUS*) {
+                                             *static_cast<volatile int*>(nullptr) =
+                                                 0;  // NOLINT: the fault is what is tested
+                                         }));
+
+TEST_P(ExceptionOfTheHostsCallback, IsAssertedAndNeverReachesTheHost) {
     const PlugIn plugIn;
-    EXPECT_EQ(plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, &ThrowingCallback, nullptr, 0), 0u);
-    plugIn.cleanup();
+    const ToldAssertions told(plugIn.module());
+    EXPECT_EQ(plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, GetParam(), nullptr, 0), 0u);
+    EXPECT_EQ(ToldAssertions::texts, Told(L"!\"SEH during Init()\"", 67));
+    // The next call of each export, on another thread: a lock left taken would keep it.
+    std::thread([&plugIn] {
+        EXPECT_EQ(plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, &CountReports, nullptr, 0), 0u);
+        EXPECT_EQ(plugIn.handler(SERVICE_CONTROL_STOP, 0, nullptr, nullptr), 0u);
+        plugIn.cleanup();
+    }).join();
+}
+
+TEST(PlugInExports, AssertAnExceptionOfTheCleanup) {
+    const PlugIn plugIn;
+    ASSERT_EQ(plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, &CountReports, nullptr, 0), 1u);
+    {
+        const ReplacedImport raising(plugIn.module(), "UnregisterDeviceNotification",
+                                     reinterpret_cast<void*>(&RaisingUnregister));
+        const ToldAssertions told(plugIn.module());
+        plugIn.cleanup();
+        EXPECT_EQ(ToldAssertions::texts, Told(L"!\"SEH during Init()\"", 83));
+    }
+    std::thread([&plugIn] { plugIn.cleanup(); }).join();
+}
+
+/// The first export call makes the service object; each export tells in its own way that it could not.
+class FirstExportCall
+    : public testing::TestWithParam<HANDLE(WINAPI*)(SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*)> {
+  protected:
+    template <typename Call>
+    static std::vector<std::wstring> AssertionsOf(Call call) {
+        const PlugIn plugIn;
+        {
+            const ReplacedImport failing(plugIn.module(), "CreateEventW",
+                                         reinterpret_cast<void*>(GetParam()));
+            const ToldAssertions told(plugIn.module());
+            call(plugIn);
+        }
+        // On another thread: the lock that guards the making is free again.
+        std::thread([&plugIn] {
+            EXPECT_EQ(plugIn.handler(SERVICE_CONTROL_STOP, 0, nullptr, nullptr), 0u);
+        }).join();
+        return ToldAssertions::texts;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, FirstExportCall, testing::Values(&NoEvent, &RaisingCreateEvent));
+
+TEST_P(FirstExportCall, ThatFailsIsAssertedWithTheExportsLine) {
+    EXPECT_EQ(AssertionsOf([](const PlugIn& plugIn) {
+                  EXPECT_EQ(plugIn.init(TESSAPLUG_API_VERSION, kStatusHandle, &CountReports, nullptr, 0), 0u);
+              }),
+              Told(L"!\"SEH during Init()\"", 67));
+    EXPECT_EQ(AssertionsOf([](const PlugIn& plugIn) { plugIn.cleanup(); }),
+              Told(L"!\"SEH during Init()\"", 83));
+    EXPECT_EQ(AssertionsOf([](const PlugIn& plugIn) {
+                  EXPECT_EQ(plugIn.handler(SERVICE_CONTROL_STOP, 0, nullptr, nullptr), 0xFFFFFFFFu);
+              }),
+              Told(L"!\"SEH service_ctrl_handler()\"", 111));
 }
 
 TEST(PlugInExports, LeaveNoHandleThreadOrModuleBehind) {
@@ -164,8 +312,8 @@ TEST(PlugInImports, AreWindowsOwnLibrariesOnly) {
 
 TEST(PlugInMessageTable, HasASentenceForEveryEvent) {
     const PlugIn plugIn;
-    for (const DWORD id :
-         {TESSAPLUG_EVENT_STARTED, TESSAPLUG_EVENT_NOT_RUNNING, TESSAPLUG_EVENT_START_FAILED}) {
+    for (const DWORD id : {TESSAPLUG_EVENT_STARTED, TESSAPLUG_EVENT_NOT_RUNNING,
+                           TESSAPLUG_EVENT_MONITOR_ENDED, TESSAPLUG_EVENT_START_FAILED}) {
         wchar_t text[1024] = {};
         const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS,
                                               plugIn.module(), id, 0, text, ARRAYSIZE(text), nullptr);

@@ -1,5 +1,3 @@
-#include "tessaplug_intern.h"
-
 #include <windows.h>
 #include <dbt.h>
 
@@ -7,166 +5,23 @@
 #include <cstddef>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
-#include "module_hooks.h"
 #include "process_census.h"
-#include "unique_handle.h"
+#include "service_test.h"
+#include "structured_exception.h"
+#include "windows_api_excp.h"
 
-using tessaplug::kFennlinkU3InterfaceGuid;
+// How the service starts and stops.
+
+using namespace service_test;
 using tessaplug::kNx4120InterfaceGuid;
 using tessaplug::Service;
-using test_support::ModuleHooks;
-using test_support::SysLogEntry;
-
-namespace {
-
-const auto kStatusHandle = reinterpret_cast<SERVICE_STATUS_HANDLE>(0x51);
-constexpr SysLogEntry kStarted{1, 0x100};
-constexpr SysLogEntry kStartFailed{3, 0xC0000101};
-constexpr SysLogEntry kNotRunning{2, 0x80000104};
-
-/// Settings with an instance lock of its own for each test.
-class TestSettings : public tessaplug::ServiceDb {
-  public:
-    const std::wstring& GlobalInstanceLockName() const override { return name_; }
-
-  private:
-    std::wstring name_ =
-        L"TESSAPLUG_TEST_LOCK_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
-    static inline int count_ = 0;
-};
-
-/// A notifier that records; events wait for the test if it says so.
-class FakeNotifier : public tessaplug::DeviceNotifier {
-  public:
-    void Initialize(SERVICE_STATUS_HANDLE handle) override {
-        if (failInitialize) throw std::runtime_error("no notifications");
-        initializedWith = handle;
-    }
-    void Cleanup() override {
-        ++cleanups;
-        if (throwInCleanup) throw 42;
-    }
-    void Register(const tessaplug::ModelRecord& model) override {
-        registered.push_back(model->DisplayedDeviceName());
-    }
-    void OnDeviceArrival(const GUID& guid, DWORD) override {
-        lastGuid = guid;
-        ::SetEvent(arrived.get());
-        if (keepsTheWorker) ::Sleep(INFINITE);
-    }
-
-    bool failInitialize = false;
-    bool keepsTheWorker = false;
-    bool throwInCleanup = false;
-    SERVICE_STATUS_HANDLE initializedWith = nullptr;
-    int cleanups = 0;
-    std::vector<std::wstring> registered;
-    GUID lastGuid = {};
-    UniqueKernelHandle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-};
-
-/// A log that waits until it is cancelled.
-class QuietLog : public operating_system::EventLog {
-  public:
-    QuietLog() : EventLog(L"System") {}
-    void Open() override {}
-    void Close() override {}
-    std::vector<std::byte> BlockingRead() override {
-        ::WaitForSingleObject(cancelled_.get(), INFINITE);
-        return {};
-    }
-    void CancelRead() override { ::SetEvent(cancelled_.get()); }
-
-  private:
-    UniqueKernelHandle cancelled_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-};
-
-/// A monitor that can be told not to report its changes of state, and to hang.
-class FakeMonitor : public tessaplug::EventLogMonitor {
-  public:
-    FakeMonitor() : EventLogMonitor(Quiet()) {}
-    DWORD Run() override {
-        const DWORD result = EventLogMonitor::Run();
-        while (hang)
-            ::Sleep(10);
-        return result;
-    }
-    void Stop(bool stopFlag) override {
-        stops.push_back(stopFlag);
-        EventLogMonitor::Stop(stopFlag);
-    }
-    bool WaitBlockingForStateChange(DWORD timeout) override {
-        timeouts.push_back(timeout);
-        const bool changed = EventLogMonitor::WaitBlockingForStateChange(10000);
-        return changed && !silent;
-    }
-
-    std::atomic<bool> hang = false;
-    bool silent = false;
-    std::vector<bool> stops;
-    std::vector<DWORD> timeouts;
-
-  private:
-    static tessaplug::EventLogMonitorCollaborators Quiet() {
-        tessaplug::EventLogMonitorCollaborators collaborators;
-        collaborators.eventLog = std::make_unique<QuietLog>();
-        return collaborators;
-    }
-};
-
-/// What the host was told.
-struct Host {
-    std::vector<SERVICE_STATUS> reports;
-    static void WINAPI Callback(void* context, SERVICE_STATUS* status) {
-        static_cast<Host*>(context)->reports.push_back(*status);
-    }
-};
-
-class ServiceTest : public testing::Test {
-  protected:
-    tessaplug::ServiceCollaborators Collaborators() {
-        tessaplug::ServiceCollaborators collaborators;
-        collaborators.settings = settings_;
-        collaborators.deviceNotifier = notifier_;
-        collaborators.eventLogMonitor = monitor_;
-        collaborators.sleep = [this](DWORD milliseconds) {
-            sleeps_.push_back(milliseconds);
-            ::Sleep(50);  // enough for what does not hang
-        };
-        return collaborators;
-    }
-    DWORD Init() { return service_->init(0x00010001, kStatusHandle, &Host::Callback, &host_, 0); }
-    bool Arrived() { return ::WaitForSingleObject(notifier_->arrived.get(), 10000) == WAIT_OBJECT_0; }
-
-    ModuleHooks hooks_;
-    Host host_;
-    std::shared_ptr<TestSettings> settings_ = std::make_shared<TestSettings>();
-    std::shared_ptr<FakeNotifier> notifier_ = std::make_shared<FakeNotifier>();
-    std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
-    std::vector<DWORD> sleeps_;
-    std::unique_ptr<Service> service_ = std::make_unique<Service>(Collaborators());
-};
-
-DEV_BROADCAST_DEVICEINTERFACE_W EventDataOf(const GUID& guid) {
-    DEV_BROADCAST_DEVICEINTERFACE_W data = {};
-    data.dbcc_size = sizeof data;
-    data.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
-    data.dbcc_classguid = guid;
-    return data;
-}
-
-bool Exists(const wchar_t* mutexName) {
-    return UniqueKernelHandle(::OpenMutexW(SYNCHRONIZE, FALSE, mutexName)) ? true : false;
-}
-
-constexpr wchar_t kNx4120Mutex[] = L"Global\\NX4120_MTX__{16FBF2EA-4B2A-4A48-98A0-0E4C66BD1459}";
-
-}  // namespace
 
 TEST_F(ServiceTest, BadArgumentsAreRefusedAndStartNothing) {
     EXPECT_EQ(service_->init(0x00010001, kStatusHandle, nullptr, &host_, 0), 0u);
@@ -209,11 +64,9 @@ TEST_F(ServiceTest, StartRegistersTheModelsAndCreatesTheirObjects) {
 
 TEST_F(ServiceTest, SecondInitIsRefusedAndLeavesThePlugInRunning) {
     ASSERT_EQ(Init(), 1u);
-    Host other;
-    EXPECT_EQ(service_->init(0x00010001, kStatusHandle, &Host::Callback, &other, 0), 0u);
+    EXPECT_EQ(Init(), 0u);
 
     EXPECT_EQ(host_.reports.size(), 5u) << "no step of a start was begun";
-    EXPECT_TRUE(other.reports.empty());
     EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kStarted, kStartFailed}));
     EXPECT_EQ(notifier_->cleanups, 0);
     auto data = EventDataOf(kNx4120InterfaceGuid);
@@ -350,7 +203,7 @@ TEST_F(ServiceTest, MissingModelsAreAsserted) {
 
 // In a process of its own, as the worker is left running: at library unload the process is what ends it.
 TEST_F(ServiceTest, DestructionWithoutCleanupNeverWaitsForTheWorker) {
-    notifier_->keepsTheWorker = true;
+    notifier_->onArrival = [] { ::Sleep(INFINITE); };
     const auto destroyWithoutCleanup = [this] {
         auto data = EventDataOf(kNx4120InterfaceGuid);
         const bool started = Init() == 1 &&
@@ -364,7 +217,7 @@ TEST_F(ServiceTest, DestructionWithoutCleanupNeverWaitsForTheWorker) {
 }
 
 TEST_F(ServiceTest, ExceptionInTheFailSafeCleanupIsAsserted) {
-    notifier_->throwInCleanup = true;
+    notifier_->onCleanup = [] { throw 42; };
     service_.reset();
     EXPECT_EQ(hooks_.AssertedExpressions(), (std::vector<std::wstring>{L"!\"EXCEPTION in DTOR!\""}));
 }
@@ -396,81 +249,223 @@ TEST_F(ServiceTest, WholeCyclesLeaveNothingButTheirInstanceLocks) {
     EXPECT_LT(test_support::LoadedModules().size(), modules + kCycles);
 }
 
-TEST_F(ServiceTest, DeviceEventReachesTheNotifier) {
-    ASSERT_EQ(Init(), 1u);
-    auto data = EventDataOf(kFennlinkU3InterfaceGuid);
-
-    EXPECT_EQ(service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr),
-              0u);
-
-    ASSERT_TRUE(Arrived());
-    EXPECT_TRUE(IsEqualGUID(notifier_->lastGuid, kFennlinkU3InterfaceGuid));
+TEST_F(ServiceTest, InitAfterARefusedOneStarts) {
+    EXPECT_EQ(service_->init(0x00010000, kStatusHandle, &Host::Callback, &host_, 0), 0u);
+    EXPECT_EQ(service_->init(0x00010001, kStatusHandle, &Host::Callback, &host_, 7), 0u);
+    EXPECT_EQ(Init(), 1u);
     service_->cleanup();
 }
 
-TEST_F(ServiceTest, DeviceEventWithoutInterfaceRecordCarriesAZeroGuid) {
-    ASSERT_EQ(Init(), 1u);
-    notifier_->lastGuid = kNx4120InterfaceGuid;
-    auto data = EventDataOf(kNx4120InterfaceGuid);
-    data.dbcc_devicetype = DBT_DEVTYP_PORT;
+TEST_F(ServiceTest, InitAfterAFailedOneIsRefused) {
+    notifier_->failInitialize = true;
+    EXPECT_EQ(Init(), 0u);
+    const std::size_t reports = host_.reports.size();
+    notifier_->failInitialize = false;
+    settings_ = std::make_shared<TestSettings>();  // not for want of the instance lock
+    EXPECT_EQ(Init(), 0u);
+    EXPECT_EQ(host_.reports.size(), reports);
+}
 
+TEST_F(ServiceTest, OfTwoStartsAtOnceOnePasses) {
+    constexpr int kRounds = 20;
+    for (int round = 0; round < kRounds; ++round) {
+        notifier_ = std::make_shared<FakeNotifier>();
+        monitor_ = std::make_shared<FakeMonitor>();
+        settings_ = std::make_shared<TestSettings>();
+        service_ = std::make_unique<Service>(Collaborators());
+        std::atomic<int> inside = 0;
+        // Both have come as far as the version when the first goes on.
+        settings_->onApiVersion = [&inside] {
+            ++inside;
+            while (inside < 2)
+                ::SwitchToThread();
+        };
+        DWORD ofTheOther = 7;
+        std::thread other([&] { ofTheOther = Init(); });
+        const DWORD ofThis = Init();
+        other.join();
+        ASSERT_EQ(ofThis + ofTheOther, 1u);
+        service_->cleanup();
+    }
+}
+
+class CleanupInTheCallback : public ServiceTest, public testing::WithParamInterface<std::size_t> {
+  protected:
+    /// Does it at the report of the test's number.
+    template <typename Call>
+    void AtTheReport(Call call) {
+        host_.onReport = [this, call] {
+            if (host_.reports.size() == GetParam()) call();
+        };
+    }
+    void ExpectNothingRuns() {
+        EXPECT_FALSE(Exists(kNx4120Mutex));
+        EXPECT_EQ(monitor_->runs, 0) << "the monitor's thread";
+        auto data = EventDataOf(kNx4120InterfaceGuid);
+        service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr);
+        EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kStartFailed, kNotRunning}));
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Reports, CleanupInTheCallback, testing::Values(1, 2, 3, 4, 5));
+
+TEST_P(CleanupInTheCallback, RollsTheStartBack) {
+    AtTheReport([this] { service_->cleanup(); });
+
+    EXPECT_EQ(Init(), 0u);
+
+    EXPECT_GE(notifier_->cleanups, 1);
+    EXPECT_EQ(notifier_->initializedWith, GetParam() <= 2 ? nullptr : kStatusHandle);
+    ExpectNothingRuns();
+}
+
+TEST_P(CleanupInTheCallback, HasThePlugInForgetTheHostsContext) {
+    AtTheReport([this] { service_->cleanup(); });
+    EXPECT_EQ(Init(), 0u);
+
+    ASSERT_GT(host_.contexts.size(), GetParam()) << "the roll-back reports as well";
+    for (std::size_t i = 0; i < host_.contexts.size(); ++i)
+        EXPECT_EQ(host_.contexts[i], i < GetParam() ? &host_ : nullptr) << "report " << i + 1;
+}
+
+TEST_P(CleanupInTheCallback, MayComeFromAnotherThreadThatTheCallbackWaitsFor) {
+    bool returned = false;
+    AtTheReport([this, &returned] {
+        const UniqueKernelHandle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        std::thread other([this, &done] {
+            service_->cleanup();
+            ::SetEvent(done.get());
+        });
+        // A lock that is held while the callback runs would keep it waiting.
+        returned = ::WaitForSingleObject(done.get(), 5000) == WAIT_OBJECT_0;
+        other.detach();
+    });
+    EXPECT_EQ(Init(), 0u);
+    EXPECT_TRUE(returned);
+    ExpectNothingRuns();
+}
+
+TEST_F(ServiceTest, CleanupAtTheVeryEndOfTheStartLeavesNothingRunning) {
+    std::thread other;
+    host_.onReport = [this, &other] {
+        if (host_.reports.size() != 5) return;
+        other = std::thread([this] {
+            while (!UniqueKernelHandle(::OpenEventW(SYNCHRONIZE, FALSE, L"PnPEvent")))
+                ::SwitchToThread();
+            service_->cleanup();
+        });
+    };
+    Init();  // it may win or lose
+    other.join();
+    auto data = EventDataOf(kNx4120InterfaceGuid);
+    service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr);
+    EXPECT_EQ(hooks_.SysLogEntries().back(), kNotRunning);
+    EXPECT_FALSE(Exists(kNx4120Mutex));
+}
+
+TEST_F(ServiceTest, CleanupStopsTheWorkerThenClosesTheObjectsThenTheNotifications) {
+    ASSERT_EQ(Init(), 1u);
+    auto data = EventDataOf(kNx4120InterfaceGuid);
+    const auto workerIsAsked = [this, &data] {
+        service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEREMOVECOMPLETE, &data, nullptr);
+        return hooks_.SysLogEntries().back() == kNotRunning;
+    };
+    bool objectsWereThere = false;
+    int cleanupsBefore = -1;
+    notifier_->onArrival = [&] {
+        while (!workerIsAsked())
+            ::SwitchToThread();
+        objectsWereThere = Exists(kNx4120Mutex);
+        cleanupsBefore = notifier_->cleanups;
+    };
+    bool objectsWereThereAtTheNotifications = true;
+    std::size_t monitorStops = 7;
+    notifier_->onCleanup = [&] {
+        objectsWereThereAtTheNotifications = Exists(kNx4120Mutex);
+        monitorStops = monitor_->stops.size();
+    };
     service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr);
     ASSERT_TRUE(Arrived());
-    EXPECT_TRUE(IsEqualGUID(notifier_->lastGuid, GUID{}));
 
-    notifier_->lastGuid = kNx4120InterfaceGuid;
-    service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, nullptr, nullptr);
-    ASSERT_TRUE(Arrived());
-    EXPECT_TRUE(IsEqualGUID(notifier_->lastGuid, GUID{}));
     service_->cleanup();
+
+    EXPECT_TRUE(objectsWereThere) << "while the worker still handled an event";
+    EXPECT_EQ(cleanupsBefore, 0);
+    EXPECT_FALSE(objectsWereThereAtTheNotifications);
+    EXPECT_EQ(monitorStops, 0u);
 }
 
-TEST_F(ServiceTest, DeviceEventBeforeInitAndAfterCleanupIsDroppedAndLogged) {
-    auto data = EventDataOf(kNx4120InterfaceGuid);
-    EXPECT_EQ(service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr),
-              0u);
+TEST_F(ServiceTest, RuntimeErrorAndFailedSystemCallEndTheCleanupQuietly) {
     ASSERT_EQ(Init(), 1u);
+    notifier_->onCleanup = [] { throw std::runtime_error("no"); };
     service_->cleanup();
-    EXPECT_EQ(service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, &data, nullptr),
-              0u);
+    notifier_->onCleanup = [] { throw modul_exception::CWindowsApiExcp("Call()", ""); };
+    service_->cleanup();
+    EXPECT_TRUE(monitor_->stops.empty()) << "the remaining steps are skipped";
 
-    EXPECT_EQ(hooks_.SysLogEntries(), (std::vector<SysLogEntry>{kNotRunning, kStarted, kNotRunning}));
-}
-
-TEST_F(ServiceTest, ExceptionInsideTheHandlerIsAssertedAndStaysInside) {
-    hooks_.throwFromSysLog = true;
-    EXPECT_EQ(
-        service_->service_ctrl_handler(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, nullptr, nullptr), 0u);
-    ASSERT_EQ(hooks_.Assertions().size(), 1u);
-    EXPECT_EQ(hooks_.Assertions()[0].expression, L"!\"Unexpected Exception!\"");
-    EXPECT_EQ(hooks_.Assertions()[0].sourcePath, L"tessaplug_lib\\src\\tessaplug_intern");
-}
-
-TEST_F(ServiceTest, OtherControlsAreIgnored) {
-    for (const DWORD control :
-         std::initializer_list<DWORD>{SERVICE_CONTROL_STOP, SERVICE_CONTROL_SHUTDOWN,
-                                      SERVICE_CONTROL_INTERROGATE, SERVICE_CONTROL_PAUSE, 200}) {
-        EXPECT_EQ(service_->service_ctrl_handler(control, 0, nullptr, nullptr), 0u);
-    }
-    EXPECT_TRUE(hooks_.SysLogEntries().empty());
-}
-
-TEST_F(ServiceTest, PowerEventsChangeNothing) {
-    POWERBROADCAST_SETTING setting = {};
-    setting.PowerSetting = GUID_MONITOR_POWER_ON;
-    EXPECT_EQ(service_->service_ctrl_handler(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr),
-              0u);
-    EXPECT_EQ(
-        service_->service_ctrl_handler(SERVICE_CONTROL_POWEREVENT, PBT_POWERSETTINGCHANGE, &setting, nullptr),
-        0u);
+    notifier_->onCleanup = nullptr;
+    service_->cleanup();
+    EXPECT_EQ(monitor_->stops, (std::vector<bool>{false}));
     EXPECT_TRUE(hooks_.Assertions().empty());
 }
 
-TEST_F(ServiceTest, PowerSettingChangeWithoutDataIsAsserted) {
-    EXPECT_EQ(
-        service_->service_ctrl_handler(SERVICE_CONTROL_POWEREVENT, PBT_POWERSETTINGCHANGE, nullptr, nullptr),
-        0u);
-    ASSERT_EQ(hooks_.Assertions().size(), 1u);
-    EXPECT_EQ(hooks_.Assertions()[0].expression, L"lpEventData != nullptr");
-    EXPECT_EQ(hooks_.Assertions()[0].line, 657u);
+TEST_F(ServiceTest, AnyOtherExceptionOfTheCleanupPassesAndTheNextOneRuns) {
+    ASSERT_EQ(Init(), 1u);
+    notifier_->onCleanup = [] { throw std::invalid_argument("no"); };
+    EXPECT_THROW(service_->cleanup(), std::invalid_argument);
+    notifier_->onCleanup = [] { throw 42; };
+    EXPECT_THROW(service_->cleanup(), int);
+    notifier_->onCleanup = nullptr;
+    service_->cleanup();
+    EXPECT_EQ(monitor_->stops, (std::vector<bool>{false}));
+}
+
+TEST_F(ServiceTest, StructuredExceptionOfTheCallbackLeavesNoLockTaken) {
+    for (const DWORD code : {0xE06D7363ul, static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION)}) {
+        notifier_ = std::make_shared<FakeNotifier>();
+        monitor_ = std::make_shared<FakeMonitor>();
+        settings_ = std::make_shared<TestSettings>();
+        service_ = std::make_unique<Service>(Collaborators());
+        const std::size_t before = host_.reports.size();
+        host_.onReport = [this, before, code] {
+            if (host_.reports.size() == before + 4) ::RaiseException(code, 0, 0, nullptr);
+        };
+        EXPECT_THROW(Init(), operating_system::ForeignException);
+        host_.onReport = nullptr;
+        // The lock would be held by this thread: another one has to get through.
+        std::thread([this] {
+            EXPECT_EQ(Init(), 0u);
+            service_->cleanup();
+        }).join();
+        EXPECT_FALSE(Exists(kNx4120Mutex));
+    }
+}
+
+// The times of a start and a stop, shortened to a quarter; the log opens so much later.
+class LateMonitor : public ServiceTest, public testing::WithParamInterface<DWORD> {
+  protected:
+    static constexpr DWORD kFaster = 4;
+};
+
+INSTANTIATE_TEST_SUITE_P(Milliseconds, LateMonitor,
+                         testing::Values(1000, 2000, 2600, 3000, 3400, 4000, 7000));
+
+TEST_P(LateMonitor, IsNotLeftBehind) {
+    monitor_->log().opensAfterMs = GetParam() / kFaster;
+    monitor_->faster = kFaster;
+    auto collaborators = Collaborators();
+    collaborators.sleep = [](DWORD milliseconds) { ::Sleep(milliseconds / kFaster); };
+    service_ = std::make_unique<Service>(std::move(collaborators));
+
+    const DWORD started = Init();
+    if (GetParam() == 1000) EXPECT_EQ(started, 1u);
+    if (GetParam() >= 4000) EXPECT_EQ(started, 0u);
+    if (started != 0) service_->cleanup();
+
+    constexpr DWORD kTimeOutMs = 10000;
+    const ULONGLONG begin = ::GetTickCount64();
+    while (monitor_->runs != 0 && ::GetTickCount64() - begin < kTimeOutMs)
+        ::Sleep(10);
+    EXPECT_EQ(monitor_->runs, 0) << "the monitor's thread is still there";
+    service_->cleanup();
 }
