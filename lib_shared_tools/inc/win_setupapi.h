@@ -3,14 +3,18 @@
 #include <windows.h>
 #include <setupapi.h>
 
+#include <string>
+
 namespace windows_api {
 
 /// setupapi.dll, loaded when the object is made and freed with it. Each operation takes and returns what the
-/// system function of its name does.
+/// system function of its name does; what that raises as a structured exception is thrown as an
+/// operating_system::ForeignException.
 class SetupApi {
   public:
+    /// @param dllName the library that is loaded
     /// @throws modul_exception::CWindowsApiExcp if the library or one of its functions cannot be had
-    SetupApi();
+    explicit SetupApi(const char* dllName = "setupapi.dll");
     virtual ~SetupApi();
     SetupApi(const SetupApi&) = delete;
     SetupApi& operator=(const SetupApi&) = delete;
@@ -33,6 +37,7 @@ class SetupApi {
   private:
     void Free();
 
+    std::string dllName_;
     HMODULE module_ = nullptr;
     decltype(&::SetupDiGetClassDevsW) SetupDiGetClassDevsW_ = nullptr;
     decltype(&::SetupDiDestroyDeviceInfoList) SetupDiDestroyDeviceInfoList_ = nullptr;

@@ -67,12 +67,16 @@ bool DeviceInfoHandle::Open(const GUID& guid, DWORD flags) {
 void DeviceInfoHandle::Close() {
     FUNCTION_TRACE();
     opened_ = false;
-    const bool valid = devInfo_ != nullptr && devInfo_ != INVALID_HANDLE_VALUE;
-    if (valid && !setupApi_->SetupDiDestroyDeviceInfoList(devInfo_))
-        TRACE_WARNING(10, "SetupDiDestroyDeviceInfoList() failed, LE(%u)", kernel32_->GetLastError());
-    devInfo_ = nullptr;
+    const HDEVINFO devInfo = std::exchange(devInfo_, nullptr);
+    if (devInfo == nullptr || devInfo == INVALID_HANDLE_VALUE) return;
+    try {
+        if (!setupApi_->SetupDiDestroyDeviceInfoList(devInfo))
+            TRACE_WARNING(10, "SetupDiDestroyDeviceInfoList() failed, LE(%u)", kernel32_->GetLastError());
+    } catch (...) {
+        // The destructor closes as well, perhaps on behalf of another exception: nothing may pass.
+        TRACE_WARNING(13, "SetupDiDestroyDeviceInfoList() raised an exception");
+    }
 }
-
 HDEVINFO DeviceInfoHandle::Get_DeviceInfoSet() {
     FUNCTION_TRACE();
     if (!opened_) MODUL_THROW(std::runtime_error("Invalid sequence! First call open"));

@@ -4,24 +4,22 @@
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
 
 TRACE_SOURCE("lib_shared_tools\\src\\win_setupapi", "8e4f1a26-d7b3-4905-9c6e-3b5a7d0f2c0a",
              trace::kSharedTools);
 
+using operating_system::CallForeign;
+
 namespace windows_api {
-namespace {
 
-constexpr char kDllName[] = "setupapi.dll";
-
-}  // namespace
-
-SetupApi::SetupApi() {
+SetupApi::SetupApi(const char* dllName) : dllName_(dllName) {
     FUNCTION_TRACE();
     using operating_system::CheckAndInitFunctionPointer;
-    module_ = ::LoadLibraryA(kDllName);
-    if (module_ == nullptr) MODUL_THROW(modul_exception::CWindowsApiExcp("LoadLibraryA", kDllName));
+    module_ = ::LoadLibraryA(dllName);
+    if (module_ == nullptr) MODUL_THROW(modul_exception::CWindowsApiExcp("LoadLibraryA", dllName));
     try {
         CheckAndInitFunctionPointer(module_, SetupDiGetClassDevsW_, "SetupDiGetClassDevsW");
         CheckAndInitFunctionPointer(module_, SetupDiDestroyDeviceInfoList_, "SetupDiDestroyDeviceInfoList");
@@ -44,7 +42,7 @@ SetupApi::~SetupApi() {
 void SetupApi::Free() {
     FUNCTION_TRACE();
     if (!::FreeLibrary(module_))
-        TRACE_WARNING(10, "FreeLibrary(%s) failed, LE(%u)", kDllName, ::GetLastError());
+        TRACE_WARNING(10, "FreeLibrary(%s) failed, LE(%u)", dllName_, ::GetLastError());
     module_ = nullptr;
 }
 
@@ -52,13 +50,13 @@ HDEVINFO SetupApi::SetupDiGetClassDevsW(const GUID* classGuid, const wchar_t* en
                                         DWORD flags) {
     FUNCTION_TRACE();
     MODUL_ASSERT(SetupDiGetClassDevsW_ != nullptr);
-    return SetupDiGetClassDevsW_(classGuid, enumerator, parent, flags);
+    return CallForeign([&] { return SetupDiGetClassDevsW_(classGuid, enumerator, parent, flags); });
 }
 
 BOOL SetupApi::SetupDiDestroyDeviceInfoList(HDEVINFO deviceInfoSet) {
     FUNCTION_TRACE();
     MODUL_ASSERT(SetupDiDestroyDeviceInfoList_ != nullptr);
-    return SetupDiDestroyDeviceInfoList_(deviceInfoSet);
+    return CallForeign([&] { return SetupDiDestroyDeviceInfoList_(deviceInfoSet); });
 }
 
 BOOL SetupApi::SetupDiEnumDeviceInterfaces(HDEVINFO deviceInfoSet, SP_DEVINFO_DATA* deviceInfoData,
@@ -66,8 +64,10 @@ BOOL SetupApi::SetupDiEnumDeviceInterfaces(HDEVINFO deviceInfoSet, SP_DEVINFO_DA
                                            SP_DEVICE_INTERFACE_DATA* deviceInterfaceData) {
     FUNCTION_TRACE();
     MODUL_ASSERT(SetupDiEnumDeviceInterfaces_ != nullptr);
-    return SetupDiEnumDeviceInterfaces_(deviceInfoSet, deviceInfoData, interfaceClassGuid, memberIndex,
-                                        deviceInterfaceData);
+    return CallForeign([&] {
+        return SetupDiEnumDeviceInterfaces_(deviceInfoSet, deviceInfoData, interfaceClassGuid, memberIndex,
+                                            deviceInterfaceData);
+    });
 }
 
 BOOL SetupApi::SetupDiGetDeviceInterfaceDetailW(HDEVINFO deviceInfoSet,
@@ -77,8 +77,10 @@ BOOL SetupApi::SetupDiGetDeviceInterfaceDetailW(HDEVINFO deviceInfoSet,
                                                 SP_DEVINFO_DATA* deviceInfoData) {
     FUNCTION_TRACE();
     MODUL_ASSERT(SetupDiGetDeviceInterfaceDetailW_ != nullptr);
-    return SetupDiGetDeviceInterfaceDetailW_(deviceInfoSet, deviceInterfaceData, detailData, detailDataSize,
-                                             requiredSize, deviceInfoData);
+    return CallForeign([&] {
+        return SetupDiGetDeviceInterfaceDetailW_(deviceInfoSet, deviceInterfaceData, detailData,
+                                                 detailDataSize, requiredSize, deviceInfoData);
+    });
 }
 
 HKEY SetupApi::SetupDiOpenDeviceInterfaceRegKey(HDEVINFO deviceInfoSet,
@@ -86,7 +88,9 @@ HKEY SetupApi::SetupDiOpenDeviceInterfaceRegKey(HDEVINFO deviceInfoSet,
                                                 REGSAM access) {
     FUNCTION_TRACE();
     MODUL_ASSERT(SetupDiOpenDeviceInterfaceRegKey_ != nullptr);
-    return SetupDiOpenDeviceInterfaceRegKey_(deviceInfoSet, deviceInterfaceData, reserved, access);
+    return CallForeign([&] {
+        return SetupDiOpenDeviceInterfaceRegKey_(deviceInfoSet, deviceInterfaceData, reserved, access);
+    });
 }
 
 }  // namespace windows_api

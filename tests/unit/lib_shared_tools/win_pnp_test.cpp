@@ -2,29 +2,40 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "module_hooks.h"
+#include "structured_exception.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
+using operating_system::ForeignException;
 using operating_system::plug_and_play::DeviceInfoHandle;
 using operating_system::plug_and_play::DeviceInterface;
 using operating_system::plug_and_play::DeviceInterfaceFactory;
 
+using test_support::ModuleHooks;
 using test_support::TextOf;
 
 namespace {
 
 constexpr GUID kClass = {0x11112222, 0x3333, 0x4444, {5, 5, 6, 6, 7, 7, 8, 8}};
+constexpr DWORD kCppExceptionOfAnotherRunTime = 0xE06D7363;
 constexpr char kClassText[] = "{11112222-3333-4444-0505-060607070808}";
 
+constexpr DWORD kActive = SPINT_ACTIVE;
+constexpr DWORD kInactive = 0;
+const auto kSet = reinterpret_cast<HDEVINFO>(0x10);
+
 struct FakeInterface {
-    bool active = true;
+    DWORD flags = kActive;
     std::wstring path;
 };
 
@@ -32,8 +43,12 @@ struct FakeInterface {
 class FakeSetupApi : public windows_api::SetupApi {
   public:
     std::vector<FakeInterface> interfaces;
+    HDEVINFO set = kSet;
     bool failGetClassDevs = false;
     bool failDestroy = false;
+    bool enumerationFaults = false;
+    bool destroyFaults = false;
+    GUID classOfInterfaces = kClass;
     std::optional<DWORD> enumerationError;
     std::vector<DWORD> detailErrors;  // one for each call, until they are used up
     bool alwaysTooSmall = false;
@@ -43,33 +58,47 @@ class FakeSetupApi : public windows_api::SetupApi {
     std::vector<DWORD> detailSizes;
     DWORD lastFlags = 0;
     std::pair<DWORD, REGSAM> lastRegKeyArguments = {1, 0};
+    ULONG_PTR lastRegKeyIndex = 99;
 
-    HDEVINFO SetupDiGetClassDevsW(const GUID* guid, const wchar_t*, HWND, DWORD flags) override {
+    HDEVINFO SetupDiGetClassDevsW(const GUID* guid, const wchar_t* enumerator, HWND parent,
+                                  DWORD flags) override {
         EXPECT_TRUE(IsEqualGUID(*guid, kClass));
+        EXPECT_EQ(enumerator, nullptr);
+        EXPECT_EQ(parent, nullptr);
         lastFlags = flags;
         if (failGetClassDevs) return Fail<HDEVINFO>(ERROR_INVALID_CLASS, INVALID_HANDLE_VALUE);
         ++openSets;
-        return reinterpret_cast<HDEVINFO>(0x10);
+        return set;
     }
-    BOOL SetupDiDestroyDeviceInfoList(HDEVINFO) override {
+    BOOL SetupDiDestroyDeviceInfoList(HDEVINFO destroyed) override {
+        EXPECT_EQ(destroyed, kSet);
         --openSets;
+        if (destroyFaults) throw ForeignException{kCppExceptionOfAnotherRunTime};
         return failDestroy ? Fail<BOOL>(ERROR_INVALID_HANDLE, FALSE) : TRUE;
     }
-    BOOL SetupDiEnumDeviceInterfaces(HDEVINFO, SP_DEVINFO_DATA*, const GUID*, DWORD index,
-                                     SP_DEVICE_INTERFACE_DATA* data) override {
+    BOOL SetupDiEnumDeviceInterfaces(HDEVINFO enumerated, SP_DEVINFO_DATA* device, const GUID* guid,
+                                     DWORD index, SP_DEVICE_INTERFACE_DATA* data) override {
         ++enumerations;
+        EXPECT_EQ(enumerated, set);
+        EXPECT_EQ(device, nullptr);
+        EXPECT_TRUE(IsEqualGUID(*guid, kClass));
         EXPECT_EQ(data->cbSize, 32u);
+        EXPECT_TRUE(IsEqualGUID(data->InterfaceClassGuid, GUID{}) && data->Flags == 0 && data->Reserved == 0)
+            << "nothing is left of the interface before";
+        if (enumerationFaults) throw ForeignException{kCppExceptionOfAnotherRunTime};
         if (enumerationError) return Fail<BOOL>(*enumerationError, FALSE);
         if (index >= interfaces.size()) return Fail<BOOL>(ERROR_NO_MORE_ITEMS, FALSE);
-        data->InterfaceClassGuid = kClass;
-        data->Flags = interfaces[index].active ? SPINT_ACTIVE : 0;
+        data->InterfaceClassGuid = classOfInterfaces;
+        data->Flags = interfaces[index].flags;
         data->Reserved = index;
         return TRUE;
     }
     BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO, SP_DEVICE_INTERFACE_DATA* data,
                                           SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD size,
-                                          DWORD* required, SP_DEVINFO_DATA*) override {
+                                          DWORD* required, SP_DEVINFO_DATA* device) override {
+        EXPECT_EQ(device, nullptr);
         EXPECT_EQ(detail->cbSize, 8u);
+        detail->cbSize = 0xFFFF;  // whoever asks again has to write it again
         detailSizes.push_back(size);
         const std::wstring& path = interfaces[data->Reserved].path;
         *required = static_cast<DWORD>(4 + (path.length() + 1) * sizeof(wchar_t));
@@ -87,6 +116,8 @@ class FakeSetupApi : public windows_api::SetupApi {
                                           REGSAM access) override {
         EXPECT_NE(data->Flags & SPINT_ACTIVE, 0u);
         lastRegKeyArguments = {reserved, access};
+        lastRegKeyIndex = data->Reserved;
+        ::SetLastError(ERROR_FILE_NOT_FOUND);
         return regKey;
     }
 
@@ -100,15 +131,15 @@ class FakeSetupApi : public windows_api::SetupApi {
 
 class DeviceInterfaces : public testing::Test {
   protected:
-    DeviceInterfaces() { deviceInterface_.Register(kClass); }
+    DeviceInterfaces() { deviceInterface_->Register(kClass); }
     std::vector<std::wstring> Paths() {
         std::vector<std::wstring> paths{L"stale"};
-        deviceInterface_.Get_DeviceInterfaceDetails(paths);
+        deviceInterface_->Get_DeviceInterfaceDetails(paths);
         return paths;
     }
 
     std::shared_ptr<FakeSetupApi> machine_ = std::make_shared<FakeSetupApi>();
-    DeviceInterface deviceInterface_{machine_};
+    std::unique_ptr<DeviceInterface> deviceInterface_ = std::make_unique<DeviceInterface>(machine_);
 };
 
 }  // namespace
@@ -124,47 +155,129 @@ TEST(DeviceInterface, RefusesTheEmptyGuidAndASecondRegistration) {
               "GUID already registered!");
 }
 
+TEST(DeviceInterface, WithoutAGuidRefusesEveryQuery) {
+    const auto machine = std::make_shared<FakeSetupApi>();
+    DeviceInterface deviceInterface(machine);
+    std::vector<std::wstring> paths{L"untouched"};
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface.Get_DeviceInterfaceDetails(paths); }),
+              "Empty GUID not allowed!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface.OpenDeviceInterfaceRegKey(); }),
+              "Empty GUID not allowed!");
+    EXPECT_EQ(paths, (std::vector<std::wstring>{L"untouched"}));
+    EXPECT_EQ(machine->openSets, 0);
+}
+
+TEST_F(DeviceInterfaces, OnlyTheActiveFlagCounts) {
+    machine_->interfaces = {{SPINT_DEFAULT | SPINT_REMOVED, L"removed"},
+                            {SPINT_ACTIVE | SPINT_DEFAULT, L"a"}};
+    EXPECT_EQ(Paths(), (std::vector<std::wstring>{L"a"}));
+}
+
 TEST_F(DeviceInterfaces, InactiveOnesCountAsAbsent) {
-    machine_->interfaces = {{false, L"a"}, {false, L"b"}};
-    EXPECT_FALSE(deviceInterface_.IsPresent());
+    machine_->interfaces = {{kInactive, L"a"}, {kInactive, L"b"}};
+    EXPECT_FALSE(deviceInterface_->IsPresent());
     EXPECT_TRUE(Paths().empty());
-    EXPECT_EQ(deviceInterface_.OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE));
+    EXPECT_EQ(deviceInterface_->OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE));
     EXPECT_EQ(machine_->openSets, 0);
 }
 
 TEST_F(DeviceInterfaces, TwoActiveOnesAreListedInOrder) {
-    machine_->interfaces = {{true, L"\\\\?\\first"}, {false, L"inactive"}, {true, L"\\\\?\\second"}};
+    machine_->interfaces = {
+        {kActive, L"\\\\?\\first"}, {kInactive, L"inactive"}, {kActive, L"\\\\?\\second"}};
     EXPECT_EQ(Paths(), (std::vector<std::wstring>{L"\\\\?\\first", L"\\\\?\\second"}));
     EXPECT_EQ(machine_->lastFlags, 0x12u);
 }
 
 TEST_F(DeviceInterfaces, PresenceStopsAtTheFirstActiveOne) {
-    machine_->interfaces = {{true, L"a"}, {true, L"b"}};
-    EXPECT_TRUE(deviceInterface_.IsPresent());
+    machine_->interfaces = {{kActive, L"a"}, {kActive, L"b"}};
+    EXPECT_TRUE(deviceInterface_->IsPresent());
     EXPECT_EQ(machine_->enumerations, 1);
     EXPECT_TRUE(machine_->detailSizes.empty());
 }
 
 TEST_F(DeviceInterfaces, LongPathIsReadOnTheSecondAttempt) {
     const std::wstring path(200, L'p');
-    machine_->interfaces = {{true, path}};
+    machine_->interfaces = {{kActive, path}};
     EXPECT_EQ(Paths(), (std::vector<std::wstring>{path}));
     EXPECT_EQ(machine_->detailSizes, (std::vector<DWORD>{256, 4 + 201 * 2}));
 }
 
+TEST_F(DeviceInterfaces, BufferShrinksToWhatIsNeeded) {
+    machine_->interfaces = {{kActive, L"abc"}};
+    machine_->detailErrors = {ERROR_INSUFFICIENT_BUFFER};
+    EXPECT_EQ(Paths(), (std::vector<std::wstring>{L"abc"}));
+    EXPECT_EQ(machine_->detailSizes, (std::vector<DWORD>{256, 12}));
+}
+
+TEST_F(DeviceInterfaces, ThirdAttemptIsTheLast) {
+    machine_->interfaces = {{kActive, L"abc"}};
+    machine_->detailErrors = {ERROR_INSUFFICIENT_BUFFER, ERROR_INSUFFICIENT_BUFFER};
+    EXPECT_EQ(Paths(), (std::vector<std::wstring>{L"abc"}));
+    machine_->detailErrors.assign(3, ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Paths(); }),
+              "Never matched correct DEVICE_INTERFACE_DETAIL_DATA");
+}
+
+TEST_F(DeviceInterfaces, SetThatWasLeftOpenIsClosedWithTheObject) {
+    machine_->interfaces = {{kActive, L"a"}};
+    machine_->alwaysTooSmall = true;
+    EXPECT_THROW(Paths(), std::runtime_error);
+    deviceInterface_.reset();
+    EXPECT_EQ(machine_->openSets, 0);
+}
+
+TEST_F(DeviceInterfaces, OneOfAnotherClassIsAssertedAndUsed) {
+    machine_->interfaces = {{kActive, L"a"}};
+    machine_->classOfInterfaces = {1, 2, 3, {}};
+    const ModuleHooks hooks;
+    EXPECT_TRUE(deviceInterface_->IsPresent());
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"IsEqualGUID(DevIfData.InterfaceClassGuid, devIf_)"}));
+}
+
+TEST_F(DeviceInterfaces, NullSetIsAssertedAndNotDestroyed) {
+    machine_->set = nullptr;
+    const ModuleHooks hooks;
+    EXPECT_FALSE(deviceInterface_->IsPresent());
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"DevInfo != nullptr"}));
+    EXPECT_EQ(machine_->openSets, 1);
+}
+
+TEST_F(DeviceInterfaces, ForeignExceptionPassesAndLeavesTheSetToTheDestructor) {
+    machine_->enumerationFaults = true;
+    EXPECT_THROW(deviceInterface_->IsPresent(), ForeignException);
+    machine_->enumerationFaults = false;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface_->IsPresent(); }),
+              "Invalid sequence! DeviceInterfaceGuid already opened!");
+    EXPECT_EQ(machine_->openSets, 1);
+    deviceInterface_.reset();
+    EXPECT_EQ(machine_->openSets, 0);
+}
+
+TEST_F(DeviceInterfaces, ForeignExceptionOfTheDestructionStaysInside) {
+    machine_->destroyFaults = true;
+    machine_->interfaces = {{kActive, L"a"}};
+    EXPECT_TRUE(deviceInterface_->IsPresent());
+    EXPECT_EQ(Paths(), (std::vector<std::wstring>{L"a"})) << "usable again";
+    machine_->enumerationFaults = true;
+    EXPECT_THROW(deviceInterface_->IsPresent(), ForeignException);
+    deviceInterface_.reset();
+    EXPECT_EQ(machine_->openSets, 0);
+}
+
 TEST_F(DeviceInterfaces, BufferThatNeverFitsLeavesTheSetOpen) {
-    machine_->interfaces = {{true, L"a"}};
+    machine_->interfaces = {{kActive, L"a"}};
     machine_->alwaysTooSmall = true;
     EXPECT_EQ(TextOf<std::runtime_error>([&] { Paths(); }),
               "Never matched correct DEVICE_INTERFACE_DETAIL_DATA");
     EXPECT_EQ(machine_->detailSizes.size(), 3u);
     EXPECT_EQ(machine_->openSets, 1);
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface_.IsPresent(); }),
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { deviceInterface_->IsPresent(); }),
               "Invalid sequence! DeviceInterfaceGuid already opened!");
 }
 
 TEST_F(DeviceInterfaces, OtherDetailErrorsNameTheAttempt) {
-    machine_->interfaces = {{true, L"a"}};
+    machine_->interfaces = {{kActive, L"a"}};
     machine_->detailErrors = {ERROR_INVALID_DATA};
     const std::string first = TextOf<CWindowsApiExcp>([&] { Paths(); });
     EXPECT_TRUE(first.starts_with("FAILED! SetupDiGetDeviceInterfaceDetailW! ReturnValue(13): ")) << first;
@@ -178,7 +291,7 @@ TEST_F(DeviceInterfaces, OtherDetailErrorsNameTheAttempt) {
 
 TEST_F(DeviceInterfaces, EnumerationErrorNamesCodeAndClass) {
     machine_->enumerationError = ERROR_ACCESS_DENIED;
-    const std::string text = TextOf<CWindowsApiExcp>([&] { deviceInterface_.IsPresent(); });
+    const std::string text = TextOf<CWindowsApiExcp>([&] { deviceInterface_->IsPresent(); });
     EXPECT_TRUE(text.starts_with("FAILED! SetupDiEnumDeviceInterfaces! ReturnValue(5): ")) << text;
     EXPECT_TRUE(text.ends_with(std::string(" Hint: ") + kClassText + "\n")) << text;
     EXPECT_EQ(machine_->openSets, 0);
@@ -186,25 +299,41 @@ TEST_F(DeviceInterfaces, EnumerationErrorNamesCodeAndClass) {
 
 TEST_F(DeviceInterfaces, RefusedSetNamesTheClass) {
     machine_->failGetClassDevs = true;
-    const std::string text = TextOf<CWindowsApiExcp>([&] { deviceInterface_.IsPresent(); });
+    const std::string text = TextOf<CWindowsApiExcp>([&] { deviceInterface_->IsPresent(); });
     EXPECT_TRUE(text.starts_with("FAILED! SetupDiGetClassDevsW! LE(")) << text;
     EXPECT_TRUE(text.ends_with(std::string(" Hint: ") + kClassText + "\n")) << text;
     machine_->failGetClassDevs = false;
-    EXPECT_FALSE(deviceInterface_.IsPresent()) << "usable again";
+    EXPECT_FALSE(deviceInterface_->IsPresent()) << "usable again";
 }
 
 TEST_F(DeviceInterfaces, FailedDestroyIsIgnored) {
     machine_->failDestroy = true;
-    EXPECT_FALSE(deviceInterface_.IsPresent());
-    EXPECT_FALSE(deviceInterface_.IsPresent());
+    EXPECT_FALSE(deviceInterface_->IsPresent());
+    EXPECT_FALSE(deviceInterface_->IsPresent());
 }
 
 TEST_F(DeviceInterfaces, RegistryKeyIsOpenedForReading) {
-    machine_->interfaces = {{false, L"a"}, {true, L"b"}};
-    EXPECT_EQ(deviceInterface_.OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(0x99));
+    machine_->interfaces = {{kInactive, L"a"}, {kActive, L"b"}};
+    EXPECT_EQ(deviceInterface_->OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(0x99));
     EXPECT_EQ(machine_->lastRegKeyArguments, (std::pair<DWORD, REGSAM>{0, 0x20019}));
+    EXPECT_EQ(machine_->lastRegKeyIndex, 1u) << "the first active one's";
     machine_->regKey = reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE);
-    EXPECT_EQ(deviceInterface_.OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE));
+    EXPECT_EQ(deviceInterface_->OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE));
+}
+
+TEST_F(DeviceInterfaces, FailuresThatAreIgnoredAreTracedWithTheirCode) {
+    machine_->interfaces = {{kActive, L"a"}};
+    machine_->regKey = reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE);
+    machine_->failDestroy = true;
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kWarning, trace::kMessage, 1);
+
+    deviceInterface_->OpenDeviceInterfaceRegKey();
+
+    const auto traced = test_support::TakeTraceRecords();
+    ASSERT_EQ(traced.size(), 2u);
+    EXPECT_EQ(traced[0].Integer(0), static_cast<unsigned int>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(traced[1].Integer(0), static_cast<unsigned int>(ERROR_INVALID_HANDLE));
 }
 
 TEST(DeviceInfoHandle, HasAnOpenCloseSequence) {
