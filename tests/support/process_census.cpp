@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cwctype>
 #include <memory>
+#include <span>
 #include <winternl.h>
 
 namespace test_support {
@@ -36,7 +37,7 @@ using UniqueSnapshot = std::unique_ptr<void, decltype(&::CloseHandle)>;
 
 }  // namespace
 
-std::size_t HandleCount() {
+std::vector<OpenHandle> OpenHandles() {
     std::vector<ULONG_PTR> buffer(0x10000);
     const auto informationClass = static_cast<SYSTEM_INFORMATION_CLASS>(kSystemExtendedHandleInformation);
     ULONG needed = 0;
@@ -45,10 +46,19 @@ std::size_t HandleCount() {
         buffer.resize(buffer.size() * 2);
     }
     const auto* table = reinterpret_cast<const HandleTable*>(buffer.data());
-    const DWORD self = ::GetCurrentProcessId();
-    return static_cast<std::size_t>(
-        std::count_if(table->entries, table->entries + table->count,
-                      [self](const HandleEntry& entry) { return entry.processId == self; }));
+    std::vector<OpenHandle> handles;
+    for (const HandleEntry& entry : std::span(table->entries, table->count)) {
+        if (entry.processId != ::GetCurrentProcessId()) continue;
+        constexpr ULONG kInherit = 2;  // OBJ_INHERIT
+        handles.push_back(
+            {reinterpret_cast<HANDLE>(entry.handle), entry.access, (entry.attributes & kInherit) != 0});
+    }
+    std::ranges::sort(handles, {}, [](const OpenHandle& handle) { return handle.value; });
+    return handles;
+}
+
+std::size_t HandleCount() {
+    return OpenHandles().size();
 }
 
 std::size_t ThreadCount() {

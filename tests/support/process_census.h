@@ -1,5 +1,7 @@
 #pragma once
 
+#include <windows.h>
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -7,7 +9,16 @@
 /// What the running process holds, for tests that nothing is left behind.
 namespace test_support {
 
-/// Open handles of this process.
+struct OpenHandle {
+    HANDLE value;
+    DWORD access;  ///< the rights that were granted
+    bool inheritable;
+};
+
+/// The open handles of this process, in the order of their values.
+std::vector<OpenHandle> OpenHandles();
+
+/// Number of open handles of this process.
 std::size_t HandleCount();
 
 /// Running threads of this process.

@@ -1,36 +1,24 @@
 #include "win_interprocess.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 
+#include "named_objects.h"
 #include "process_census.h"
 #include "text_of.h"
 #include "unique_handle.h"
 #include "windows_api_excp.h"
 
-using interprocess::CSharedMemory;
 using interprocess::CSystemMutex;
-
+using modul_exception::CWindowsApiExcp;
+using test_support::AcquiredByAnotherThread;
+using test_support::HandleCount;
+using test_support::Narrow;
+using test_support::OpenToEveryUser;
+using test_support::Properties;
 using test_support::TextOf;
-
-namespace {
-
-/// An object name that no other process and no other test uses.
-std::wstring UniqueName(std::size_t length = 0) {
-    static int count = 0;
-    std::wstring name =
-        L"tessaplug_test_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count);
-    if (length > name.length()) name.append(length - name.length(), L'x');
-    return name;
-}
-
-std::string Narrow(const std::wstring& name) {
-    return {name.begin(), name.end()};
-}
-
-}  // namespace
+using test_support::UniqueName;
 
 TEST(SystemMutex, NameLimits) {
     CSystemMutex objects;
@@ -46,18 +34,85 @@ TEST(SystemMutex, NameLimits) {
               "Parameter FullMutexName is empty");
 }
 
+TEST(SystemMutex, NewObjectsAreOpenToEveryUserAndNotInherited) {
+    CSystemMutex objects;
+    const UniqueKernelHandle mutex(objects.CreateMutexInstance(UniqueName(), false));
+    const UniqueKernelHandle event(objects.CreateEventInstance(UniqueName()));
+
+    EXPECT_TRUE(OpenToEveryUser(mutex.get()));
+    EXPECT_FALSE(Properties(mutex.get()).inheritable);
+    EXPECT_TRUE(OpenToEveryUser(event.get()));
+    EXPECT_FALSE(Properties(event.get()).inheritable);
+}
+
+TEST(SystemMutex, ExistingObjectsAreOpenedWithAllAccessAndNotInherited) {
+    CSystemMutex objects;
+    const std::wstring mutexName = UniqueName();
+    const std::wstring eventName = UniqueName();
+    const UniqueKernelHandle mutex(::CreateMutexW(nullptr, FALSE, mutexName.c_str()));
+    const UniqueKernelHandle event(::CreateEventW(nullptr, FALSE, FALSE, eventName.c_str()));
+
+    const UniqueKernelHandle openedMutex(objects.OpenMutexInstance(mutexName));
+    const UniqueKernelHandle openedEvent(objects.OpenEventInstance(eventName));
+
+    EXPECT_EQ(Properties(openedMutex.get()).access, 0x001F0001u);
+    EXPECT_FALSE(Properties(openedMutex.get()).inheritable);
+    EXPECT_EQ(Properties(openedEvent.get()).access, 0x001F0003u);
+    EXPECT_FALSE(Properties(openedEvent.get()).inheritable);
+}
+
+TEST(SystemMutex, NewMutexBelongsToItsMakerOnlyIfAsked) {
+    CSystemMutex objects;
+    for (const bool owner : {false, true}) {
+        const std::wstring name = UniqueName();
+        const UniqueKernelHandle wide(objects.CreateMutexInstance(name, owner));
+        const UniqueKernelHandle narrow(objects.CreateMutexInstance(Narrow(UniqueName()), owner));
+        EXPECT_EQ(AcquiredByAnotherThread(wide.get()), !owner);
+        EXPECT_EQ(AcquiredByAnotherThread(narrow.get()), !owner);
+    }
+}
+
+TEST(SystemMutex, NewEventIsNotSignalled) {
+    CSystemMutex objects;
+    const UniqueKernelHandle event(objects.CreateEventInstance(UniqueName()));
+    EXPECT_EQ(::WaitForSingleObject(event.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST(SystemMutex, NarrowNamesEndAtTheirFirstZero) {
+    CSystemMutex objects;
+    const std::wstring name = UniqueName();
+    const UniqueKernelHandle event(objects.CreateEventInstance(Narrow(name) + '\0' + std::string(300, 'x')));
+    EXPECT_TRUE(UniqueKernelHandle(objects.OpenEventInstance(name)));
+}
+
+TEST(SystemMutex, NarrowNamesHaveTheLimitsOfWideOnes) {
+    CSystemMutex objects;
+    const std::wstring longest = UniqueName(260);
+    const UniqueKernelHandle mutex(objects.CreateMutexInstance(Narrow(longest), false));
+    EXPECT_TRUE(UniqueKernelHandle(objects.OpenMutexInstance(longest))) << "nothing is cut off";
+    EXPECT_TRUE(UniqueKernelHandle(objects.OpenMutexInstance(Narrow(longest))));
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { objects.CreateMutexInstance(Narrow(UniqueName(261)), false); }),
+        "Parameter FullMutexName is > MAX_PATH");
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { objects.CheckSingleInstanceAndLock(Narrow(UniqueName(254))); }),
+        "Global\\GlobalName > MAX_PATH!");
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { objects.ProbeInstanceLock(std::string()); }),
+              "GlobalName is empty!");
+}
+
 TEST(SystemMutex, SomebodyElsesObjectIsNullAndLeavesNoHandle) {
     CSystemMutex objects;
     const std::wstring mutexName = UniqueName();
     const std::wstring eventName = UniqueName();
     const UniqueKernelHandle mutex(::CreateMutexW(nullptr, FALSE, mutexName.c_str()));
     const UniqueKernelHandle event(::CreateEventW(nullptr, FALSE, FALSE, eventName.c_str()));
-    const std::size_t handles = test_support::HandleCount();
+    const std::size_t handles = HandleCount();
 
     EXPECT_EQ(objects.CreateMutexInstance(mutexName, true), nullptr);
     EXPECT_EQ(objects.CreateEventInstance(eventName), nullptr);
 
-    EXPECT_EQ(test_support::HandleCount(), handles);
+    EXPECT_EQ(HandleCount(), handles);
 }
 
 TEST(SystemMutex, MissingObjectsAreNullWithoutException) {
@@ -83,24 +138,24 @@ TEST(SystemMutex, ExistingObjectsAreOpenedAlsoByNarrowName) {
     EXPECT_EQ(::WaitForSingleObject(event.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "auto-reset";
 }
 
-TEST(SystemMutex, ObjectOfAnotherKindIsAFailedCall) {
+TEST(SystemMutex, ObjectOfAnotherKindIsAFailedCallThatNamesIt) {
     CSystemMutex objects;
-    const std::wstring name = UniqueName();
-    const UniqueKernelHandle event(::CreateEventW(nullptr, FALSE, FALSE, name.c_str()));
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
-                    objects.CreateMutexInstance(name, false);
-                }).starts_with("FAILED! CreateMutexW()! LE(6): "));
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
-                    objects.OpenMutexInstance(name);
-                }).ends_with(" Hint: " + Narrow(name) + "\n"));
+    const std::wstring eventName = UniqueName();
     const std::wstring mutexName = UniqueName();
+    const UniqueKernelHandle event(::CreateEventW(nullptr, FALSE, FALSE, eventName.c_str()));
     const UniqueKernelHandle mutex(::CreateMutexW(nullptr, FALSE, mutexName.c_str()));
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
-                    objects.CreateEventInstance(mutexName);
-                }).starts_with("FAILED! CreateEventW! LE(6): "));
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
-                    objects.OpenEventInstance(mutexName);
-                }).starts_with("FAILED! OpenEventW! LE(6): "));
+    const auto expectFailed = [](const std::string& call, const std::wstring& name, const std::string& text) {
+        EXPECT_TRUE(text.starts_with("FAILED! " + call + "! LE(6): ")) << text;
+        EXPECT_TRUE(text.ends_with(" Hint: " + Narrow(name) + "\n")) << text;
+    };
+    expectFailed("CreateMutexW()", eventName,
+                 TextOf<CWindowsApiExcp>([&] { objects.CreateMutexInstance(eventName, false); }));
+    expectFailed("OpenMutexW", eventName,
+                 TextOf<CWindowsApiExcp>([&] { objects.OpenMutexInstance(eventName); }));
+    expectFailed("CreateEventW", mutexName,
+                 TextOf<CWindowsApiExcp>([&] { objects.CreateEventInstance(mutexName); }));
+    expectFailed("OpenEventW", mutexName,
+                 TextOf<CWindowsApiExcp>([&] { objects.OpenEventInstance(mutexName); }));
 }
 
 TEST(InstanceLock, IsTakenOnceAndProbed) {
@@ -117,6 +172,24 @@ TEST(InstanceLock, IsTakenOnceAndProbed) {
     EXPECT_FALSE(objects.ProbeInstanceLock(name));
 }
 
+TEST(InstanceLock, BelongsToTheThreadThatTookIt) {
+    CSystemMutex objects;
+    const UniqueKernelHandle lock(objects.CheckSingleInstanceAndLock(UniqueName()));
+    EXPECT_FALSE(AcquiredByAnotherThread(lock.get()));
+}
+
+TEST(InstanceLock, ProbingLeavesNothingBehind) {
+    CSystemMutex objects;
+    const std::wstring name = UniqueName();
+    objects.ProbeInstanceLock(name);
+    const std::size_t handles = HandleCount();
+    EXPECT_FALSE(objects.ProbeInstanceLock(name));
+    EXPECT_FALSE(objects.ProbeInstanceLock(name)) << "the probe did not make it";
+    const UniqueKernelHandle lock(objects.CheckSingleInstanceAndLock(name));
+    EXPECT_TRUE(objects.ProbeInstanceLock(name));
+    EXPECT_EQ(HandleCount(), handles + 1) << "the lock's own";
+}
+
 TEST(InstanceLock, LimitCountsThePrefix) {
     CSystemMutex objects;
     EXPECT_TRUE(UniqueKernelHandle(objects.CheckSingleInstanceAndLock(UniqueName(253))));
@@ -124,90 +197,6 @@ TEST(InstanceLock, LimitCountsThePrefix) {
               "Global\\GlobalName > MAX_PATH!");
     EXPECT_EQ(TextOf<std::invalid_argument>([&] { objects.ProbeInstanceLock(std::wstring()); }),
               "GlobalName is empty!");
-}
-
-TEST(SharedMemory, LengthLimits) {
-    CSharedMemory memory;
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { memory.Create(UniqueName(), 0); }),
-              "SharedMemory Length is ZERO!");
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { memory.Create(UniqueName(), 4097); }),
-              "SharedMemory Length GT MAX_SHM_OBJECT_LEN_IN_KB!");
-    memory.Create(UniqueName(), 4096);
-    EXPECT_EQ(memory.GetShmLength(), 4096u);
-    EXPECT_TRUE(memory.ObjectIsValid());
-}
-
-TEST(SharedMemory, NameLimits) {
-    CSharedMemory memory;
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { memory.Create(L"", 24); }),
-              "Provided ObjectName is EMPTY!");
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { memory.Create(UniqueName(260), 24); }),
-              "Provided ObjectName > MAX_PATH!");
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { memory.Exists(UniqueName(260)); }),
-              "Provided ObjectName > MAX_PATH!");
-    EXPECT_NO_THROW(memory.Create(UniqueName(259), 24));
-}
-
-TEST(SharedMemory, TwoObjectsOfOneNameShareTheBytes) {
-    const std::wstring name = UniqueName();
-    CSharedMemory creator;
-    creator.Create(name, 24);
-    CSharedMemory opener;
-    opener.Open(Narrow(name), 24);
-
-    std::memcpy(creator.GetShmPtr(), "through the mapping", 20);
-
-    EXPECT_STREQ(static_cast<const char*>(opener.GetShmPtr()), "through the mapping");
-}
-
-TEST(SharedMemory, ExistsTellsWithoutChangingTheObject) {
-    const std::wstring name = UniqueName();
-    CSharedMemory memory;
-    EXPECT_FALSE(memory.Exists(name));
-    CSharedMemory other;
-    other.Create(name, 24);
-    EXPECT_TRUE(memory.Exists(name));
-    EXPECT_FALSE(memory.ObjectIsValid());
-}
-
-TEST(SharedMemory, CreateRefusesAnExistingMapping) {
-    const std::wstring name = UniqueName();
-    CSharedMemory first;
-    first.Create(name, 24);
-    EXPECT_THROW(CSharedMemory().Create(name, 24), std::runtime_error);  // and what the system opens once
-    const std::size_t handles = test_support::HandleCount();
-    {
-        CSharedMemory second;
-        EXPECT_EQ(TextOf<std::runtime_error>([&] { second.Create(name, 24); }),
-                  "FileMapping ERROR_ALREADY_EXISTS! --> Call Open()");
-        EXPECT_FALSE(second.ObjectIsValid());
-        EXPECT_EQ(TextOf<std::runtime_error>([&] { second.Close(); }), "Object does not exist!");
-        second.Open(name, 24);  // as the text advises
-        EXPECT_TRUE(second.ObjectIsValid());
-    }
-    EXPECT_EQ(test_support::HandleCount(), handles) << "a failed attempt's handle is released in the end";
-}
-
-TEST(SharedMemory, RefusesAWrongSequence) {
-    CSharedMemory memory;
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.GetShmPtr(); }),
-              "Object has invalid State! Wrong Sequence?");
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.GetShmLength(); }),
-              "Object has invalid State! Wrong Sequence?");
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.Open(UniqueName(), 24); }),
-              "OpenFileMapping() FAILED!");
-    memory.Create(UniqueName(), 24);
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.Create(UniqueName(), 24); }), "Object already exists!");
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.Open(UniqueName(), 24); }), "Object already exists!");
-    memory.Close();
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { memory.Close(); }), "Object does not exist!");
-}
-
-TEST(SharedMemory, ObjectOfAnotherKindIsAFailedCall) {
-    const std::wstring name = UniqueName();
-    const UniqueKernelHandle event(::CreateEventW(nullptr, FALSE, FALSE, name.c_str()));
-    CSharedMemory memory;
-    EXPECT_TRUE(TextOf<modul_exception::CWindowsApiExcp>([&] {
-                    memory.Create(name, 24);
-                }).starts_with("FAILED! CreateFileMappingW()! LE(6): "));
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { objects.CheckSingleInstanceAndLock(std::wstring()); }),
+              "GlobalName is empty!");
 }

@@ -6,13 +6,20 @@
 #include <string>
 #include <vector>
 
+#include "module_hooks.h"
+#include "named_objects.h"
 #include "process_census.h"
+#include "text_of.h"
 #include "unique_handle.h"
 #include "windows_api_excp.h"
 
 using tessaplug::CpEnvironment;
 using tessaplug::CpInterprocessDatabase;
 using tessaplug::CpInterprocessDatabaseIf;
+using tessaplug::CpInterprocessDatabases;
+using test_support::AcquiredByAnotherThread;
+using test_support::ModuleHooks;
+using test_support::OpenToEveryUser;
 
 namespace {
 
@@ -50,6 +57,73 @@ std::string TextOf(const std::wstring& shmName, const std::wstring& mtxName) {
     }
     return "accepted";
 }
+
+using Journal = std::vector<std::wstring>;
+
+/// Writes down what is asked of it; its mutexes were made by somebody else and are gone when opened.
+class VanishingMutexes : public interprocess::CSystemMutex {
+  public:
+    explicit VanishingMutexes(Journal& journal) : journal_(journal) {}
+    using CSystemMutex::CreateMutexInstance;
+    using CSystemMutex::OpenMutexInstance;
+    HANDLE CreateMutexInstance(const std::wstring& name, bool owner) override {
+        EXPECT_FALSE(owner);
+        journal_.push_back(L"create " + name);
+        return nullptr;
+    }
+    HANDLE OpenMutexInstance(const std::wstring& name) override {
+        journal_.push_back(L"open " + name);
+        return nullptr;
+    }
+
+  private:
+    Journal& journal_;
+};
+
+/// The real mutexes, written down.
+class RecordedMutexes : public interprocess::CSystemMutex {
+  public:
+    explicit RecordedMutexes(Journal& journal) : journal_(journal) {}
+    using CSystemMutex::CreateMutexInstance;
+    HANDLE CreateMutexInstance(const std::wstring& name, bool owner) override {
+        journal_.push_back(L"mutex " + name);
+        return CSystemMutex::CreateMutexInstance(name, owner);
+    }
+
+  private:
+    Journal& journal_;
+};
+
+/// The real memory, written down.
+class RecordedMemory : public interprocess::CSharedMemory {
+  public:
+    explicit RecordedMemory(Journal& journal) : journal_(journal) {}
+    bool Exists(const std::wstring& name) override {
+        journal_.push_back(L"memory " + name);
+        return CSharedMemory::Exists(name);
+    }
+
+  private:
+    Journal& journal_;
+};
+
+/// A model with mutexes and memory of the test's choice.
+class ScriptedModel : public CpInterprocessDatabase {
+  public:
+    ScriptedModel(const std::wstring& name, std::shared_ptr<interprocess::CSystemMutex> mutexes,
+                  std::shared_ptr<interprocess::CSharedMemory> memory)
+        : CpInterprocessDatabase(name + L"_shm", name + L"_mtx"),
+          mutexes_(std::move(mutexes)),
+          memory_(std::move(memory)) {}
+    const std::shared_ptr<interprocess::CSystemMutex>& Get_GlobalIpcMutex() const override {
+        return mutexes_;
+    }
+    const std::shared_ptr<interprocess::CSharedMemory>& Get_GlobalIpcShm() const override { return memory_; }
+
+  private:
+    std::shared_ptr<interprocess::CSystemMutex> mutexes_;
+    std::shared_ptr<interprocess::CSharedMemory> memory_;
+};
 
 }  // namespace
 
@@ -94,16 +168,70 @@ TEST(CpEnvironment, CreatesThreeMutexesAndMappingsAndReleasesThem) {
             EXPECT_TRUE(MutexExists(name));
         for (const auto& name : kMemories)
             EXPECT_TRUE(MappingExists(name));
-        const UniqueKernelHandle mutex(
-            ::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, kMutexes[0].c_str()));
-        EXPECT_EQ(::WaitForSingleObject(mutex.get(), 0), WAIT_OBJECT_0) << "it is nobody's";
-        ::ReleaseMutex(mutex.get());
     }
     for (const auto& name : kMutexes)
         EXPECT_FALSE(MutexExists(name));
     for (const auto& name : kMemories)
         EXPECT_FALSE(MappingExists(name));
     EXPECT_EQ(test_support::HandleCount(), handles);
+}
+
+TEST(CpEnvironment, OwnsNoMutexAndKeepsNobodyOut) {
+    const CpEnvironment environment;
+    for (const auto& name : kMutexes) {
+        const UniqueKernelHandle mutex(
+            ::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE | READ_CONTROL, FALSE, name.c_str()));
+        EXPECT_TRUE(AcquiredByAnotherThread(mutex.get()));
+        EXPECT_TRUE(OpenToEveryUser(mutex.get()));
+    }
+    for (const auto& name : kMemories) {
+        const UniqueKernelHandle memory(::OpenFileMappingW(READ_CONTROL, FALSE, name.c_str()));
+        EXPECT_TRUE(OpenToEveryUser(memory.get()));
+    }
+}
+
+TEST(CpEnvironment, MakesEachModelsMutexBeforeItsMemoryInTheOrderOfTheTable) {
+    Journal journal;
+    const auto model = [&journal](const wchar_t* name) {
+        return std::make_shared<ScriptedModel>(name, std::make_shared<RecordedMutexes>(journal),
+                                               std::make_shared<RecordedMemory>(journal));
+    };
+    const CpEnvironment environment(std::make_shared<CpInterprocessDatabases>(
+        CpInterprocessDatabases{model(L"tessaplug_test_a"), model(L"tessaplug_test_b")}));
+    EXPECT_EQ(journal,
+              (Journal{L"mutex Global\\tessaplug_test_a_mtx", L"memory Global\\tessaplug_test_a_shm",
+                       L"mutex Global\\tessaplug_test_b_mtx", L"memory Global\\tessaplug_test_b_shm"}));
+}
+
+TEST(CpEnvironment, MutexThatVanishesBeforeItIsOpenedIsAFailure) {
+    Journal journal;
+    const auto models = std::make_shared<CpInterprocessDatabases>(CpInterprocessDatabases{
+        std::make_shared<ScriptedModel>(L"tessaplug_test", std::make_shared<VanishingMutexes>(journal),
+                                        std::make_shared<interprocess::CSharedMemory>())});
+    EXPECT_EQ(test_support::TextOf<std::runtime_error>([&] { CpEnvironment environment(models); }),
+              "FAILED! OpenMutexInstance()");
+    EXPECT_EQ(journal, (Journal{L"create Global\\tessaplug_test_mtx", L"open Global\\tessaplug_test_mtx"}));
+}
+
+TEST(CpEnvironment, WithoutModelsIsAssertedTwice) {
+    const ModuleHooks hooks;
+    const CpEnvironment environment(std::make_shared<CpInterprocessDatabases>());
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"!ipcCps_->empty()", L"!ipcCps_->empty()"}));
+}
+
+TEST(CpEnvironment, TakesTheMutexesOutOfTheRecordsAndLeavesThemTheMemory) {
+    const auto records = CpInterprocessDatabaseIf::get_supported_cps();
+    {
+        const CpEnvironment environment(records);
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ((*records)[i]->GlobalMutexHandle(nullptr), nullptr);
+        EXPECT_FALSE(MutexExists(kMutexes[i]));
+        EXPECT_TRUE(MappingExists(kMemories[i]));
+    }
+    records->clear();
+    EXPECT_FALSE(MappingExists(kMemories[0])) << "released with its record";
 }
 
 TEST(CpEnvironment, OpensWhatAnInterfaceLibraryMadeFirst) {
@@ -135,7 +263,10 @@ TEST(CpEnvironment, ClosesExactlyTheThreeMutexHandlesOnceEach) {
 
 TEST(CpEnvironment, FailureClosesWhatWasMade) {
     const UniqueKernelHandle inTheWay(::CreateEventW(nullptr, FALSE, FALSE, kMutexes[2].c_str()));
-    EXPECT_THROW(CpEnvironment(), modul_exception::CWindowsApiExcp);
+    const auto kernel32 = std::make_shared<CountingKernel32>();
+    EXPECT_THROW(CpEnvironment(CpInterprocessDatabaseIf::get_supported_cps(), kernel32),
+                 modul_exception::CWindowsApiExcp);
+    EXPECT_EQ(kernel32->closed.size(), 2u) << "the third model has none";
     EXPECT_FALSE(MutexExists(kMutexes[0]));
     EXPECT_FALSE(MappingExists(kMemories[1]));
 }
