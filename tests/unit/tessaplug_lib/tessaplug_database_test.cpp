@@ -31,6 +31,10 @@ TEST(ServiceDb, HoldsLockNameAndApiVersion) {
     EXPECT_EQ(settings->ApiVersion(), 0x00010001u);
 }
 
+TEST(ServiceDb, IsMadeAnewForEachCaller) {
+    EXPECT_NE(tessaplug::ServiceDbIf::create_database(), tessaplug::ServiceDbIf::create_database());
+}
+
 TEST(ModelTable, HasTwoModelsFennlinkU3First) {
     const auto models = CommunicationProcessorDbIf::create_database();
 
@@ -54,11 +58,40 @@ TEST(ModelTable, FennlinkU3HasNoStationManagerName) {
     EXPECT_EQ(CommunicationProcessorDbIf::create_database()[0]->StationManagerCatalogName(), L"");
 }
 
+TEST(ModelTable, IsMadeAnewForEachCaller) {
+    EXPECT_NE(CommunicationProcessorDbIf::create_database()[0],
+              CommunicationProcessorDbIf::create_database()[0]);
+}
+
+TEST(ModelRecord, KeepsEachNameInItsPlace) {
+    const CommunicationProcessorDb model({L"first", L"second"}, kAnyGuid, L"displayed", L"catalogue");
+    EXPECT_EQ(model.SupportedLogDevices(), (std::vector<std::wstring>{L"first", L"second"}));
+    EXPECT_TRUE(IsEqualGUID(model.DeviceInterfaceGuid(), kAnyGuid));
+    EXPECT_EQ(model.DisplayedDeviceName(), L"displayed");
+    EXPECT_EQ(model.StationManagerCatalogName(), L"catalogue");
+}
+
+TEST(ModelRecord, EachLogDeviceIsCheckedCompletelyBeforeTheNext) {
+    const ModuleHooks hooks;
+
+    const CommunicationProcessorDb model({std::wstring(128, L'l'), L"", std::wstring(128, L'l')}, kAnyGuid,
+                                         L"Model", L"catalogue");
+
+    EXPECT_EQ(Lines(hooks), (std::vector<unsigned int>{115, 114, 115}));
+    EXPECT_EQ(
+        hooks.AssertedExpressions(),
+        (std::vector<std::wstring>{L"(*it).length() < 128", L"(*it).length() > 0", L"(*it).length() < 128"}));
+}
+
 TEST(ModelRecord, NamesAtTheirLimitsPass) {
     const CommunicationProcessorDb model({std::wstring(127, L'l')}, kAnyGuid, std::wstring(127, L'd'),
                                          std::wstring(63, L'c'));
     EXPECT_EQ(model.SupportedLogDevices()[0].length(), 127u);
     EXPECT_EQ(model.StationManagerCatalogName().length(), 63u);
+    const CommunicationProcessorDb shortest({L"l"}, kAnyGuid, L"d", L"c");
+    const CommunicationProcessorDb withoutCatalogName({std::wstring(127, L'l')}, kAnyGuid,
+                                                      std::wstring(127, L'd'));
+    EXPECT_EQ(withoutCatalogName.StationManagerCatalogName(), L"");
 }
 
 TEST(ModelRecord, OverlongLogDeviceNameIsAssertedAndStillBuilt) {
