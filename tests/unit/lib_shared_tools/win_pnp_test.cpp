@@ -9,10 +9,13 @@
 #include <utility>
 #include <vector>
 
+#include "adapter_control.h"
 #include "module_hooks.h"
+#include "program_folder.h"
 #include "structured_exception.h"
 #include "text_of.h"
 #include "trace_recorder.h"
+#include "unique_handle.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
@@ -140,6 +143,42 @@ class DeviceInterfaces : public testing::Test {
 
     std::shared_ptr<FakeSetupApi> machine_ = std::make_shared<FakeSetupApi>();
     std::unique_ptr<DeviceInterface> deviceInterface_ = std::make_unique<DeviceInterface>(machine_);
+};
+
+/// A real driver's device interfaces: an adapter with two ports, installed and unplugged.
+class RealDeviceInterfaces : public testing::Test {
+  protected:
+    RealDeviceInterfaces() {
+        adapter_control::Install(model_, test_support::ProgramFolder() + L"adapters.inf");
+        UnplugAll();
+    }
+    ~RealDeviceInterfaces() override { UnplugAll(); }
+    void UnplugAll() {
+        for (const DWORD port : {0u, 1u})
+            adapter_control::Unplug(model_, port);
+    }
+    /// What a driver's installation does; without it there is no key to be opened.
+    void MakeRegistryKey() {
+        windows_api::SetupApi setupApi;
+        const HDEVINFO set = setupApi.SetupDiGetClassDevsW(&model_.interfaceClass, nullptr, nullptr,
+                                                           DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+        SP_DEVICE_INTERFACE_DATA data = {};
+        data.cbSize = sizeof data;
+        EXPECT_TRUE(setupApi.SetupDiEnumDeviceInterfaces(set, nullptr, &model_.interfaceClass, 0, &data));
+        const UniqueRegistryKey made(
+            ::SetupDiCreateDeviceInterfaceRegKeyW(set, &data, 0, KEY_ALL_ACCESS, nullptr, nullptr));
+        EXPECT_TRUE(made);
+        setupApi.SetupDiDestroyDeviceInfoList(set);
+    }
+    std::vector<std::wstring> Paths() {
+        std::vector<std::wstring> paths;
+        deviceInterface_->Get_DeviceInterfaceDetails(paths);
+        return paths;
+    }
+
+    const adapter_control::Model& model_ = *adapter_control::FindModel(L"nx4120");
+    std::shared_ptr<DeviceInterface> deviceInterface_ =
+        DeviceInterfaceFactory().create_from(model_.interfaceClass);
 };
 
 }  // namespace
@@ -360,4 +399,37 @@ TEST(DeviceInterfaceFactory, MakesAReadyObjectOnTheRealMachine) {
     EXPECT_EQ(deviceInterface->OpenDeviceInterfaceRegKey(), reinterpret_cast<HKEY>(INVALID_HANDLE_VALUE));
     EXPECT_EQ(TextOf<std::runtime_error>([] { DeviceInterfaceFactory().create_from({}); }),
               "Empty GUID not allowed!");
+}
+
+TEST_F(RealDeviceInterfaces, AreFoundWhilePluggedInAndNotAfterwards) {
+    adapter_control::Plug(model_, 0);
+    adapter_control::Plug(model_, 1);
+    EXPECT_TRUE(deviceInterface_->IsPresent());
+    const auto both = Paths();
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both, adapter_control::DevicePaths(model_));
+
+    adapter_control::Unplug(model_, 0);
+    EXPECT_TRUE(deviceInterface_->IsPresent());
+    EXPECT_EQ(Paths(), (std::vector<std::wstring>{both[1]}));
+
+    adapter_control::Unplug(model_, 1);
+    EXPECT_FALSE(deviceInterface_->IsPresent());
+    EXPECT_TRUE(Paths().empty());
+}
+
+TEST_F(RealDeviceInterfaces, RegistryKeyCanBeReadAndNotWrittenTo) {
+    adapter_control::Plug(model_);
+    MakeRegistryKey();
+
+    const UniqueRegistryKey key(deviceInterface_->OpenDeviceInterfaceRegKey());
+
+    ASSERT_TRUE(key);
+    EXPECT_EQ(::RegQueryInfoKeyW(key.get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                 nullptr, nullptr, nullptr, nullptr),
+              ERROR_SUCCESS);
+    const DWORD value = 1;
+    EXPECT_EQ(::RegSetValueExW(key.get(), L"test", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                               sizeof value),
+              ERROR_ACCESS_DENIED);
 }
