@@ -246,3 +246,32 @@ TEST_F(ModelWithThreeLogDevices, AnyOtherExceptionDuringRegistrationIsAsserted) 
 
     EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected exception!\""}));
 }
+
+TEST_F(ModelWithThreeLogDevices, StructuredExceptionOfAPartnerIsAssertedAndEndsTheEventOnly) {
+    configuration_.hiddenByName.erase("DEV(B)");
+    RegisterQuietly(model_);
+    for (const DWORD code : {0xE06D7363ul, EXCEPTION_ACCESS_VIOLATION}) {
+        panel_->raise = code;
+        journal_.clear();
+        const ModuleHooks hooks;
+        notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+        EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected exception!\""}));
+        EXPECT_EQ(journal_, (Journal{"show DEV(A)", "missing DEV(B)", "panel"}));
+    }
+    panel_->raise = 0;
+    journal_.clear();
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "missing DEV(B)", "panel", "show DEV(C)"}));
+}
+
+TEST_F(ModelWithThreeLogDevices, StructuredExceptionDuringRegistrationIsAssertedAndKeepsTheModel) {
+    deviceInterfaces_->onQuery = [] { ::RaiseException(0xE06D7363, 0, 0, nullptr); };
+    notifier_->Initialize(kServiceHandle);
+    const ModuleHooks hooks;
+
+    notifier_->Register(model_);
+
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!\"Unexpected exception!\""}));
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(journal_, (Journal{"show DEV(A)", "show DEV(B)", "show DEV(C)"}));
+}

@@ -169,11 +169,13 @@ class FakePanel : public quelm::TvorPanel {
     explicit FakePanel(Journal& journal) : journal_(journal) {}
     void CallSilent() override {
         journal_.push_back("panel");
+        if (raise != 0) ::RaiseException(raise, 0, 0, nullptr);
         if (fail) throw std::runtime_error("panel failed");
         if (throwNonStandard) throw 42;
     }
     bool fail = false;
     bool throwNonStandard = false;
+    DWORD raise = 0;  // code of a structured exception
 
   private:
     Journal& journal_;
