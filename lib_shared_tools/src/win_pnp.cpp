@@ -77,6 +77,7 @@ void DeviceInfoHandle::Close() {
         TRACE_WARNING(13, "SetupDiDestroyDeviceInfoList() raised an exception");
     }
 }
+
 HDEVINFO DeviceInfoHandle::Get_DeviceInfoSet() {
     FUNCTION_TRACE();
     if (!opened_) MODUL_THROW(std::runtime_error("Invalid sequence! First call open"));
