@@ -1,6 +1,8 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -91,6 +93,26 @@ TEST_F(Notifier, RegistersWithServiceHandleAndFilter) {
     EXPECT_EQ(user32_->lastFilter.dbcc_devicetype, 5u);
     EXPECT_EQ(user32_->lastFilter.dbcc_reserved, 0u);
     EXPECT_TRUE(IsEqualGUID(user32_->lastFilter.dbcc_classguid, kGuidA));
+}
+
+/// A model for which memory runs out when it is to be kept: at the second look at its class.
+class ModelThatCannotBeKept : public tessaplug::CommunicationProcessorDb {
+  public:
+    ModelThatCannotBeKept() : CommunicationProcessorDb({}, kGuidA, L"A") {}
+    const GUID& DeviceInterfaceGuid() const override {
+        if (++looks_ == 2) throw std::bad_alloc();
+        return CommunicationProcessorDb::DeviceInterfaceGuid();
+    }
+
+  private:
+    mutable int looks_ = 0;
+};
+
+TEST_F(Notifier, NotificationThatCannotBeKeptIsUnregisteredAgain) {
+    notifier_->Initialize(kServiceHandle);
+    EXPECT_THROW(notifier_->Register(std::make_shared<ModelThatCannotBeKept>()), std::bad_alloc);
+    EXPECT_EQ(user32_->handedOut, 1);
+    EXPECT_EQ(journal_, (Journal{"unregister 1"}));
 }
 
 TEST_F(Notifier, RefusesAWrongSequence) {
