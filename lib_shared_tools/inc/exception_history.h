@@ -52,12 +52,19 @@ void RecordException(const std::exception& exception, const char* expressionText
 
 /// Throws what `...` constructs, after filing it into the exception history. The expression is evaluated
 /// twice, each time with the last error as it was at the throw: the filed instance is not the thrown one.
-#define MODUL_THROW(...)                                                                                \
-    do {                                                                                                \
-        const DWORD lastErrorAtThrow = ::GetLastError();                                                \
-        DECLARE_FUNCTION_NAME(throwingFunction);                                                        \
-        modul_exception::RecordException(__VA_ARGS__, #__VA_ARGS__, kSourcePath, throwingFunction.text, \
-                                         __LINE__);                                                     \
-        ::SetLastError(lastErrorAtThrow);                                                               \
-        throw __VA_ARGS__;                                                                              \
+#define MODUL_THROW(...)                                                        \
+    do {                                                                        \
+        DECLARE_FUNCTION_NAME(throwingFunction);                                \
+        MODUL_FILE_AND_THROW(throwingFunction.text, #__VA_ARGS__, __VA_ARGS__); \
+    } while (false)
+
+/// The same for a helper of several functions: `functionName` is the one that is filed.
+#define MODUL_THROW_FROM(functionName, ...) MODUL_FILE_AND_THROW(functionName, #__VA_ARGS__, __VA_ARGS__)
+
+#define MODUL_FILE_AND_THROW(functionName, expressionText, ...)                                             \
+    do {                                                                                                    \
+        const DWORD lastErrorAtThrow = ::GetLastError();                                                    \
+        modul_exception::RecordException(__VA_ARGS__, expressionText, kSourcePath, functionName, __LINE__); \
+        ::SetLastError(lastErrorAtThrow);                                                                   \
+        throw __VA_ARGS__;                                                                                  \
     } while (false)

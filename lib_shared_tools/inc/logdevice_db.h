@@ -109,7 +109,8 @@ class DefaultLogDeviceDatabaseIf {
     static std::unique_ptr<DefaultLogDeviceDatabaseIf> Create();
 
     virtual ~DefaultLogDeviceDatabaseIf() = default;
-    /// Their names in the classic spelling. An entry of more than 255 characters ends the list.
+    /// Their names in the classic spelling. An entry of more than 255 characters ends the list, as do 10000
+    /// entries.
     virtual std::vector<std::string> Installed() = 0;
 };
 

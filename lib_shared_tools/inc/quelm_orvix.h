@@ -2,9 +2,11 @@
 
 #include <windows.h>
 
-#include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <string>
+
+#include "win_api.h"
 
 namespace quelm {
 
@@ -28,7 +30,7 @@ class Q5orvixIf {
   public:
     virtual ~Q5orvixIf() = default;
 
-    /// Loads the library.
+    /// Loads the library. A path that is too long for it ends the process.
     /// @throws std::runtime_error if it is loaded already
     /// @throws modul_exception::CWindowsApiExcp if it cannot be loaded or lacks an export
     virtual void LoadLib() = 0;
@@ -37,8 +39,8 @@ class Q5orvixIf {
     /// Name of a return code, for traces.
     virtual const char* GetReturnCodeName(DWORD code) const = 0;
 
-    // The four calls return the codes named with them, which are outcomes; every other code, a fault inside
-    // the library and a call while it is not loaded become std::runtime_error, a bad argument
+    // The four calls return the codes named with them, which are outcomes; every other code, whatever the
+    // library throws or raises, and a call while it is not loaded become std::runtime_error, a bad argument
     // std::invalid_argument.
 
     /// @param dwFlags any value that is not negative when read as a signed number
@@ -64,7 +66,8 @@ class Q5orvix : public Q5orvixIf {
     static constexpr std::size_t MAX_LOG_DEVICE_NAME_LEN = 128;
     static constexpr std::size_t MAX_XML_PARAM_NAME_LEN = 256;
 
-    Q5orvix() = default;
+    explicit Q5orvix(
+        std::shared_ptr<windows_api::CKernel32> kernel32 = std::make_shared<windows_api::CKernel32>());
     ~Q5orvix() override;
     Q5orvix(const Q5orvix&) = delete;
     Q5orvix& operator=(const Q5orvix&) = delete;
@@ -90,9 +93,11 @@ class Q5orvix : public Q5orvixIf {
                                                  DWORD* nameLength);
 
     void UnloadLibInternal();
+    void FreeLib();
     void ResolveExports();
-    bool IsAccepted(DWORD code, std::initializer_list<DWORD> accepted) const;
+    static void ParameterCheck_LogDevice(const wchar_t* LogDevice);
 
+    const std::shared_ptr<windows_api::CKernel32> kernel32_;
     HMODULE module_ = nullptr;
     LogDeviceExistsFunction* logDeviceExists_ = nullptr;
     LogDeviceGetValueFunction* logDeviceGetValue_ = nullptr;
@@ -101,7 +106,8 @@ class Q5orvix : public Q5orvixIf {
     std::mutex lock_;
 };
 
-/// Path from which Q5orvix loads its library. Empty if the system cannot name the default folder.
+/// Path from which Q5orvix loads its library. Empty if the system cannot name the default folder. One of
+/// MAX_PATH characters or more is returned whole: whoever gets it can say so, where LoadLib ends the process.
 /// @param isRegistered if given, whether the path comes from the registry and not from the default folder
 std::wstring ConfigurationLibraryPath(bool* isRegistered = nullptr);
 

@@ -44,6 +44,24 @@ auto CallForeign(Call call) {
     }
 }
 
+/// Traces what Completes caught.
+/// @param code of a structured exception, 0 for a C++ exception of this run time's kind
+void TraceCaught(DWORD code) noexcept;
+
+/// True if `call` returns. Whatever it throws or raises ends in here, a C++ exception of this run time's kind
+/// too: for calls into a partner whose failure has one outcome, and for clean-up.
+template <typename Call>
+bool Completes(Call call) noexcept {
+    try {
+        const DWORD code = CallGuarded(call);
+        if (code != 0) TraceCaught(code);
+        return code == 0;
+    } catch (...) {
+        TraceCaught(0);
+        return false;
+    }
+}
+
 /// DebugBreak for a user who asked for it: no guard catches it, so that without a debugger it ends the
 /// process.
 void BreakIntoDebugger();

@@ -247,6 +247,10 @@ std::shared_ptr<LogDeviceDatabaseIf> LogDeviceDatabaseFactory::create_from_log_d
 std::shared_ptr<LogDeviceDatabaseIf> LogDeviceDatabaseFactory::create_from_log_device(
     const std::shared_ptr<LogDeviceName>& name) {
     FUNCTION_TRACE();
+    // Where the library keeps the log devices. It is the library's business alone; traces name it for whoever
+    // looks for a log device by hand.
+    const std::wstring logDevicesKey = L"SOFTWARE\\VALDORN\\TORUX\\LogDevices";
+    TRACE_VERBOSE(21, "Opening %s below %S", name->GetLogNameA(), logDevicesKey);
     return std::make_shared<LogDeviceDatabaseOrvix>(std::make_unique<quelm::Q5orvix>(), name);
 }
 
@@ -264,8 +268,9 @@ DefaultLogDeviceDatabaseOrvix::DefaultLogDeviceDatabaseOrvix(std::unique_ptr<que
 std::vector<std::string> DefaultLogDeviceDatabaseOrvix::Installed() {
     FUNCTION_TRACE();
     constexpr DWORD kBufferLength = 256;
+    constexpr DWORD kMaxEntries = 10000;  // no installation has so many: a template that never ends
     std::vector<std::string> names;
-    for (DWORD index = 0;; ++index) {
+    for (DWORD index = 0; index < kMaxEntries; ++index) {
         std::wstring buffer(kBufferLength, L'\0');
         DWORD length = kBufferLength;
         const DWORD code = library_->TemplateGetEnum(L"DefaultLogDevices", index, buffer.data(), &length);
@@ -273,10 +278,14 @@ std::vector<std::string> DefaultLogDeviceDatabaseOrvix::Installed() {
             if (code == quelm::LDCF_ERR_NO_MORE_ITEMS) TRACE_INFO(20, "%u default log devices", index);
             return names;
         }
-        buffer.resize(length);
+        if (length > kBufferLength)
+            TRACE_WARNING(22, "Entry %u: %u characters cannot be in the buffer", index, length);
+        buffer.resize(std::min(length, kBufferLength));
         std::string name;
         if (PostProcess(buffer, name)) names.push_back(std::move(name));
     }
+    TRACE_WARNING(23, "The template does not end after %u entries", kMaxEntries);
+    return names;
 }
 
 bool DefaultLogDeviceDatabaseOrvix::PostProcess(const std::wstring& entry, std::string& name) {

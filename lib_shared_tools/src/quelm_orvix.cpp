@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <initializer_list>
 #include <stdexcept>
+#include <utility>
 
 #include "dll_loader_convenience.h"
 #include "exception_history.h"
@@ -31,137 +33,48 @@ constexpr wchar_t kBaseFolderValue[] = L"Korvane_Oam";
 constexpr wchar_t kDefaultBaseFolder[] = L"Valdorn\\Automation\\Korvane OAM";
 constexpr wchar_t kOnlyTemplateType[] = L"DefaultLogDevices";
 
-using PathBuffer = wchar_t[MAX_PATH];
-
 bool IsEmulated32BitProcess() {
     FUNCTION_TRACE();
     BOOL emulated = FALSE;
     return ::IsWow64Process(::GetCurrentProcess(), &emulated) && emulated;
 }
 
-bool ReadBaseFolderFromRegistry(PathBuffer& folder) {
+/// @return empty if none is registered
+std::wstring RegisteredBaseFolder() {
     FUNCTION_TRACE();
     HKEY opened = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kBaseFolderKey, 0, KEY_READ, &opened) != ERROR_SUCCESS)
-        return false;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kBaseFolderKey, 0, KEY_READ, &opened) != ERROR_SUCCESS) return {};
     const UniqueRegistryKey key(opened);
+    wchar_t folder[MAX_PATH] = {};
     // Bytes, although the buffer is counted in characters: stations are set up with folders that fit, and a
     // longer value has always meant the default folder.
     DWORD size = MAX_PATH - 1;
     if (::RegQueryValueExW(key.get(), kBaseFolderValue, nullptr, nullptr, reinterpret_cast<BYTE*>(folder),
                            &size) != ERROR_SUCCESS)
-        return false;
+        return {};
     folder[size / sizeof(wchar_t)] = L'\0';
-    return folder[0] != L'\0';
+    return folder;
 }
 
-bool DefaultBaseFolder(PathBuffer& folder) {
+/// @return empty if the system cannot name it
+std::wstring DefaultBaseFolder() {
     FUNCTION_TRACE();
-    if (!::SHGetSpecialFolderPathW(nullptr, folder, CSIDL_PROGRAM_FILES_COMMON, FALSE)) return false;
-    ::wcscat_s(folder, MAX_PATH, L"\\");
-    ::wcscat_s(folder, MAX_PATH, kDefaultBaseFolder);
-    return true;
+    wchar_t commonFiles[MAX_PATH] = {};
+    if (!::SHGetSpecialFolderPathW(nullptr, commonFiles, CSIDL_PROGRAM_FILES_COMMON, FALSE)) return {};
+    return std::wstring(commonFiles) + L"\\" + kDefaultBaseFolder;
 }
 
-void CheckLogDevice(const wchar_t* LogDevice) {
+/// A path that does not fit into MAX_PATH characters ends the process, as a run time does whose bounded copy
+/// gets an invalid parameter: by fast fail, which no handler sees, with exit status 0xC0000409. The one that
+/// is linked here would return an error and go on, and what is then loaded may lie at the root of a drive.
+void EndProcessIfTooLong(const std::wstring& path) {
     FUNCTION_TRACE();
-    if (LogDevice == nullptr) MODUL_THROW(std::invalid_argument("LogDevice == nullptr"));
-    constexpr std::size_t kLimit = Q5orvix::MAX_LOG_DEVICE_NAME_LEN + 1;
-    if (::wcsnlen(LogDevice, kLimit) >= kLimit)
-        MODUL_THROW(std::invalid_argument("LogDevice > MAX_LOG_DEVICE_NAME_LEN"));
+    if (path.length() < MAX_PATH) return;
+    TRACE_ERROR(20, "A path of %llu characters ends the process: %S", path.length(), path);
+    __fastfail(FAST_FAIL_INVALID_ARG);
 }
 
-void CheckParameter(const wchar_t* Parameter) {
-    FUNCTION_TRACE();
-    if (Parameter == nullptr) MODUL_THROW(std::invalid_argument("Parameter == nullptr"));
-    constexpr std::size_t kLimit = Q5orvix::MAX_XML_PARAM_NAME_LEN + 1;
-    // The text names the wrong pair of limits; scripts that search logs for it know it so.
-    if (::wcsnlen(Parameter, kLimit) >= kLimit)
-        MODUL_THROW(std::invalid_argument("MAX_XML_PARAM_NAME_LEN > MAX_LOG_DEVICE_NAME_LEN"));
-}
-
-void CheckLoaded(const void* entry) {
-    FUNCTION_TRACE();
-    if (entry == nullptr) MODUL_THROW(std::runtime_error("Q5Orvix-DLL not loaded!"));
-}
-
-template <typename Function>
-void CheckLoaded(Function* entry) {
-    CheckLoaded(reinterpret_cast<const void*>(entry));
-}
-
-}  // namespace
-
-std::wstring ConfigurationLibraryPath(bool* isRegistered) {
-    FUNCTION_TRACE();
-    PathBuffer path = {};
-    const bool emulated = IsEmulated32BitProcess();
-    const bool registered = !emulated && ReadBaseFolderFromRegistry(path);
-    if (isRegistered != nullptr) *isRegistered = registered;
-    if (emulated) return kFileName;
-    if (!registered && !DefaultBaseFolder(path)) return {};
-    // A path that does not fit ends the process here: the bounded functions do not cut off.
-    ::wcscat_s(path, MAX_PATH, L"\\");
-    ::wcscat_s(path, MAX_PATH, L"bin");
-    ::wcscat_s(path, MAX_PATH, L"\\");
-    ::wcscat_s(path, MAX_PATH, kFileName);
-    return path;
-}
-
-Q5orvix::~Q5orvix() {
-    FUNCTION_TRACE();
-    UnloadLibInternal();
-}
-
-void Q5orvix::LoadLib() {
-    FUNCTION_TRACE();
-    const std::lock_guard guard(lock_);
-    if (module_ != nullptr) MODUL_THROW(std::runtime_error("Sequence! Q5orvix-DLL already loaded"));
-    const std::wstring path = ConfigurationLibraryPath();
-    if (!path.empty()) module_ = ::LoadLibraryW(path.c_str());
-    if (module_ == nullptr)
-        MODUL_THROW(CWindowsApiExcp("LoadLibraryW()", toolbox::WstringToString(kFileName)));
-    TRACE_INFO(10, "%S loaded", path);
-    try {
-        ResolveExports();
-    } catch (const std::exception& error) {
-        TRACE_ERROR(11, "%S: %s", path, error.what());
-        UnloadLibInternal();
-        throw;
-    }
-}
-
-void Q5orvix::ResolveExports() {
-    FUNCTION_TRACE();
-    using operating_system::CheckAndInitFunctionPointer;
-    CheckAndInitFunctionPointer(module_, logDeviceExists_, "LogDeviceExists");
-    CheckAndInitFunctionPointer(module_, logDeviceGetValue_, "LogDeviceGetValue");
-    CheckAndInitFunctionPointer(module_, logDeviceSetNdiValue_, "LogDeviceSetNdiValue");
-    CheckAndInitFunctionPointer(module_, templateGetEnum_, "TemplateGetEnum");
-}
-
-void Q5orvix::UnloadLib() {
-    FUNCTION_TRACE();
-    const std::lock_guard guard(lock_);
-    UnloadLibInternal();
-}
-
-void Q5orvix::UnloadLibInternal() {
-    FUNCTION_TRACE();
-    if (module_ != nullptr) {
-        if (::FreeLibrary(module_))
-            TRACE_VERBOSE(12, "%S freed", kFileName);
-        else
-            TRACE_ERROR(13, "FreeLibrary(%S) failed, LE(%u)", kFileName, ::GetLastError());
-    }
-    module_ = nullptr;
-    logDeviceExists_ = nullptr;
-    logDeviceGetValue_ = nullptr;
-    logDeviceSetNdiValue_ = nullptr;
-    templateGetEnum_ = nullptr;
-}
-
-const char* Q5orvix::GetReturnCodeName(DWORD code) const {
+const char* NameOf(DWORD code) {
     FUNCTION_TRACE();
     switch (code) {
         case LDCF_OK:
@@ -191,57 +104,171 @@ const char* Q5orvix::GetReturnCodeName(DWORD code) const {
     }
 }
 
-bool Q5orvix::IsAccepted(DWORD code, std::initializer_list<DWORD> accepted) const {
+// The helpers below belong to the four operations. They throw on behalf of `method`, the operation that was
+// called: it is what the exception history names.
+
+void CheckLoaded(const char* method, bool isLoaded) {
     FUNCTION_TRACE();
-    TRACE_INFO(14, "Return code %u %s", code, GetReturnCodeName(code));
-    const bool isAccepted = std::ranges::find(accepted, code) != accepted.end();
-    if (!isAccepted) TRACE_ERROR(15, "Unexpected return code %u %s", code, GetReturnCodeName(code));
-    return isAccepted;
+    if (!isLoaded) MODUL_THROW_FROM(method, std::runtime_error("Q5Orvix-DLL not loaded!"));
+}
+
+void CheckNotNull(const char* method, const void* argument, const char* text) {
+    FUNCTION_TRACE();
+    if (argument == nullptr) MODUL_THROW_FROM(method, std::invalid_argument(text));
+}
+
+void CheckParameter(const char* method, const wchar_t* Parameter) {
+    FUNCTION_TRACE();
+    CheckNotNull(method, Parameter, "Parameter == nullptr");
+    constexpr std::size_t kLimit = Q5orvix::MAX_XML_PARAM_NAME_LEN + 1;
+    // The text names the wrong pair of limits; scripts that search logs for it know it so.
+    if (::wcsnlen(Parameter, kLimit) >= kLimit)
+        MODUL_THROW_FROM(method, std::invalid_argument("MAX_XML_PARAM_NAME_LEN > MAX_LOG_DEVICE_NAME_LEN"));
+}
+
+/// Calls into the library, which nobody here wrote, and judges what comes of it.
+/// @param operation the operation as texts name it
+/// @return one of the accepted codes
+template <typename Entry>
+DWORD CallLibrary(const char* method, const std::string& operation, std::initializer_list<DWORD> accepted,
+                  Entry entry) {
+    FUNCTION_TRACE();
+    DWORD code = LDCF_OK;
+    if (!operating_system::Completes([&] { code = entry(); })) {
+        const std::string text = "SEH! Orvix: " + operation;
+        _ModulAssert((L"!\"" + toolbox::StringToWstring(text) + L"\"").c_str(), kWideSourcePath, __LINE__);
+        MODUL_THROW_FROM(method, std::runtime_error(text));
+    }
+    TRACE_INFO(14, "%s returned %u %s", operation, code, NameOf(code));
+    if (std::ranges::find(accepted, code) != accepted.end()) return code;
+    TRACE_ERROR(15, "%s: unexpected return code %u %s", operation, code, NameOf(code));
+    MODUL_THROW_FROM(method,
+                     std::runtime_error(operation + " -> Unexpected ReturnCode! " + std::to_string(code)));
+}
+
+}  // namespace
+
+std::wstring ConfigurationLibraryPath(bool* isRegistered) {
+    FUNCTION_TRACE();
+    if (isRegistered != nullptr) *isRegistered = false;
+    if (IsEmulated32BitProcess()) return kFileName;
+    std::wstring folder = RegisteredBaseFolder();
+    if (isRegistered != nullptr) *isRegistered = !folder.empty();
+    if (folder.empty()) folder = DefaultBaseFolder();
+    if (folder.empty()) return {};
+    return folder + L"\\bin\\" + kFileName;
+}
+
+Q5orvix::Q5orvix(std::shared_ptr<windows_api::CKernel32> kernel32) : kernel32_(std::move(kernel32)) {
+    FUNCTION_TRACE();
+}
+
+Q5orvix::~Q5orvix() {
+    FUNCTION_TRACE();
+    UnloadLibInternal();
+}
+
+void Q5orvix::LoadLib() {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lock_);
+    if (module_ != nullptr) MODUL_THROW(std::runtime_error("Sequence! Q5orvix-DLL already loaded"));
+    const std::wstring path = ConfigurationLibraryPath();
+    EndProcessIfTooLong(path);
+    // The library's initialisation runs in here: whatever it throws or raises is a failed load.
+    if (!path.empty() &&
+        !operating_system::Completes([&] { module_ = kernel32_->LoadLibraryW(path.c_str()); }))
+        ::SetLastError(ERROR_DLL_INIT_FAILED);
+    if (module_ == nullptr)
+        MODUL_THROW(CWindowsApiExcp("LoadLibraryW()", toolbox::WstringToString(kFileName)));
+    TRACE_INFO(10, "%S loaded", path);
+    try {
+        ResolveExports();
+    } catch (const std::exception& error) {
+        TRACE_ERROR(11, "%S: %s", path, error.what());
+        UnloadLibInternal();
+        throw;
+    }
+}
+
+void Q5orvix::ResolveExports() {
+    FUNCTION_TRACE();
+    using operating_system::CheckAndInitFunctionPointer;
+    CheckAndInitFunctionPointer(module_, logDeviceExists_, "LogDeviceExists");
+    CheckAndInitFunctionPointer(module_, logDeviceGetValue_, "LogDeviceGetValue");
+    CheckAndInitFunctionPointer(module_, logDeviceSetNdiValue_, "LogDeviceSetNdiValue");
+    CheckAndInitFunctionPointer(module_, templateGetEnum_, "TemplateGetEnum");
+}
+
+void Q5orvix::UnloadLib() {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lock_);
+    UnloadLibInternal();
+}
+
+void Q5orvix::UnloadLibInternal() {
+    FUNCTION_TRACE();
+    if (module_ != nullptr) FreeLib();
+    module_ = nullptr;
+    logDeviceExists_ = nullptr;
+    logDeviceGetValue_ = nullptr;
+    logDeviceSetNdiValue_ = nullptr;
+    templateGetEnum_ = nullptr;
+}
+
+void Q5orvix::FreeLib() {
+    FUNCTION_TRACE();
+    // The library's own clean-up runs in here.
+    BOOL isFreed = FALSE;
+    if (!operating_system::Completes([&] { isFreed = kernel32_->FreeLibrary(module_); }))
+        ::SetLastError(ERROR_DLL_INIT_FAILED);
+    if (isFreed)
+        TRACE_VERBOSE(12, "%S freed", kFileName);
+    else
+        TRACE_ERROR(13, "FreeLibrary(%S) failed, LE(%u)", kFileName, ::GetLastError());
+}
+
+const char* Q5orvix::GetReturnCodeName(DWORD code) const {
+    FUNCTION_TRACE();
+    return NameOf(code);
+}
+
+void Q5orvix::ParameterCheck_LogDevice(const wchar_t* LogDevice) {
+    FUNCTION_TRACE();
+    if (LogDevice == nullptr) MODUL_THROW(std::invalid_argument("LogDevice == nullptr"));
+    constexpr std::size_t kLimit = MAX_LOG_DEVICE_NAME_LEN + 1;
+    if (::wcsnlen(LogDevice, kLimit) >= kLimit)
+        MODUL_THROW(std::invalid_argument("LogDevice > MAX_LOG_DEVICE_NAME_LEN"));
 }
 
 DWORD Q5orvix::LogDeviceExists(const wchar_t* LogDevice, DWORD dwFlags) {
     FUNCTION_TRACE();
     const std::lock_guard guard(lock_);
-    CheckLoaded(logDeviceExists_);
-    CheckLogDevice(LogDevice);
+    CheckLoaded(tracedFunction.text, logDeviceExists_ != nullptr);
+    ParameterCheck_LogDevice(LogDevice);
     // Only the top bit is refused, whatever the text says: values from 13 up are the library's business.
     if (static_cast<LONG>(dwFlags) < 0) MODUL_THROW(std::invalid_argument("Invalid Bitmask dwflag [0..12]"));
     TRACE_INFO(16, "LogDeviceExists(%S, 0x%x)", LogDevice, dwFlags);
-    DWORD code = LDCF_OK;
-    auto call = [&] { code = logDeviceExists_(LogDevice, dwFlags); };
-    if (operating_system::CallGuarded(call) != 0) {
-        MODUL_FAIL("SEH! Orvix: LogDeviceExists()");
-        MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceExists()"));
-    }
-    if (!IsAccepted(code, {LDCF_OK, LDCF_ACCESS_DENIED, LDCF_ERR_INVALID_PARAMETERS,
-                           LDCF_ERR_LOG_DEVICE_NOT_EXISTS, LDCF_ERR_XML_FILE_NOT_EXISTS}))
-        MODUL_THROW(
-            std::runtime_error("LogDeviceExists() -> Unexpected ReturnCode! " + std::to_string(code)));
-    return code;
+    return CallLibrary(tracedFunction.text, "LogDeviceExists()",
+                       {LDCF_OK, LDCF_ACCESS_DENIED, LDCF_ERR_INVALID_PARAMETERS,
+                        LDCF_ERR_LOG_DEVICE_NOT_EXISTS, LDCF_ERR_XML_FILE_NOT_EXISTS},
+                       [&] { return logDeviceExists_(LogDevice, dwFlags); });
 }
 
 DWORD Q5orvix::LogDeviceGetValue(const wchar_t* LogDevice, const wchar_t* Parameter, wchar_t* Value,
                                  DWORD* valueLen) {
     FUNCTION_TRACE();
     const std::lock_guard guard(lock_);
-    CheckLoaded(logDeviceGetValue_);
-    CheckLogDevice(LogDevice);
-    CheckParameter(Parameter);
-    if (Value == nullptr) MODUL_THROW(std::invalid_argument("Value == nullptr"));
-    if (valueLen == nullptr) MODUL_THROW(std::invalid_argument("valueLen == nullptr"));
+    CheckLoaded(tracedFunction.text, logDeviceGetValue_ != nullptr);
+    ParameterCheck_LogDevice(LogDevice);
+    CheckParameter(tracedFunction.text, Parameter);
+    CheckNotNull(tracedFunction.text, Value, "Value == nullptr");
+    CheckNotNull(tracedFunction.text, valueLen, "valueLen == nullptr");
     TRACE_INFO(17, "LogDeviceGetValue(%S, %S), length %u", LogDevice, Parameter, *valueLen);
-    DWORD code = LDCF_OK;
-    auto call = [&] { code = logDeviceGetValue_(LogDevice, Parameter, Value, valueLen); };
-    if (operating_system::CallGuarded(call) != 0) {
-        MODUL_FAIL("SEH! Orvix: LogDeviceGetValue()");
-        MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceGetValue()"));
-    }
-    if (!IsAccepted(code, {LDCF_OK, LDCF_ERR_INVALID_PARAMETERS, LDCF_ERR_LOG_DEVICE_NOT_EXISTS,
-                           LDCF_ERR_PARAMETER_NOT_EXISTS, LDCF_ERR_PARAMETER_LINK_NOT_FOUND,
-                           LDCF_ERR_PARAMETER_DESC_NOT_FOUND, LDCF_ERR_PARAMETER_DEFAULT_NOT_FOUND}))
-        MODUL_THROW(
-            std::runtime_error("LogDeviceGetValue() -> Unexpected ReturnCode! " + std::to_string(code)));
-    return code;
+    return CallLibrary(tracedFunction.text, "LogDeviceGetValue()",
+                       {LDCF_OK, LDCF_ERR_INVALID_PARAMETERS, LDCF_ERR_LOG_DEVICE_NOT_EXISTS,
+                        LDCF_ERR_PARAMETER_NOT_EXISTS, LDCF_ERR_PARAMETER_LINK_NOT_FOUND,
+                        LDCF_ERR_PARAMETER_DESC_NOT_FOUND, LDCF_ERR_PARAMETER_DEFAULT_NOT_FOUND},
+                       [&] { return logDeviceGetValue_(LogDevice, Parameter, Value, valueLen); });
 }
 
 DWORD Q5orvix::LogDeviceSetNdiValue(const wchar_t* LogDevice, const wchar_t* Parameter,
@@ -249,50 +276,35 @@ DWORD Q5orvix::LogDeviceSetNdiValue(const wchar_t* LogDevice, const wchar_t* Par
     FUNCTION_TRACE();
     constexpr DWORD kUnnamedCode = 8508;  // an outcome without a name in the library's table
     const std::lock_guard guard(lock_);
-    CheckLoaded(logDeviceSetNdiValue_);
-    CheckLogDevice(LogDevice);
-    CheckParameter(Parameter);
-    if (Value == nullptr) MODUL_THROW(std::invalid_argument("Value == nullptr"));
+    CheckLoaded(tracedFunction.text, logDeviceSetNdiValue_ != nullptr);
+    ParameterCheck_LogDevice(LogDevice);
+    CheckParameter(tracedFunction.text, Parameter);
+    CheckNotNull(tracedFunction.text, Value, "Value == nullptr");
     TRACE_INFO(18, "LogDeviceSetNdiValue(%S, %S, %S)", LogDevice, Parameter, Value);
-    DWORD code = LDCF_OK;
-    auto call = [&] { code = logDeviceSetNdiValue_(LogDevice, Parameter, Value); };
-    if (operating_system::CallGuarded(call) != 0) {
-        MODUL_FAIL("SEH! Orvix: LogDeviceSetNdiValue()");
-        MODUL_THROW(std::runtime_error("SEH! Orvix: LogDeviceSetNdiValue()"));
-    }
-    if (!IsAccepted(code,
-                    {LDCF_OK, LDCF_ERR_INVALID_PARAMETERS, LDCF_ERR_LOG_DEVICE_NOT_EXISTS,
-                     LDCF_ERR_PARAMETER_NOT_EXISTS, LDCF_ERR_PARAMETER_LINK_NOT_FOUND,
-                     LDCF_ERR_PARAMETER_DESC_NOT_FOUND, LDCF_ERR_PARAMETER_DEFAULT_NOT_FOUND, kUnnamedCode}))
-        MODUL_THROW(
-            std::runtime_error("LogDeviceSetNdiValue() -> Unexpected ReturnCode! " + std::to_string(code)));
-    return code;
+    return CallLibrary(
+        tracedFunction.text, "LogDeviceSetNdiValue()",
+        {LDCF_OK, LDCF_ERR_INVALID_PARAMETERS, LDCF_ERR_LOG_DEVICE_NOT_EXISTS, LDCF_ERR_PARAMETER_NOT_EXISTS,
+         LDCF_ERR_PARAMETER_LINK_NOT_FOUND, LDCF_ERR_PARAMETER_DESC_NOT_FOUND,
+         LDCF_ERR_PARAMETER_DEFAULT_NOT_FOUND, kUnnamedCode},
+        [&] { return logDeviceSetNdiValue_(LogDevice, Parameter, Value); });
 }
 
 DWORD Q5orvix::TemplateGetEnum(const wchar_t* lpszTemplateType, DWORD index, wchar_t* lpszTemplate,
                                DWORD* pcbTemplateLenName) {
     FUNCTION_TRACE();
     const std::lock_guard guard(lock_);
-    CheckLoaded(templateGetEnum_);
-    if (lpszTemplateType == nullptr)
-        MODUL_THROW(std::invalid_argument("Parameter lpszTemplateType is NULL!"));
-    if (lpszTemplate == nullptr) MODUL_THROW(std::invalid_argument("Parameter lpszTemplate is NULL!"));
-    if (pcbTemplateLenName == nullptr)
-        MODUL_THROW(std::invalid_argument("Parameter pcbTemplateLenName is NULL!"));
+    CheckLoaded(tracedFunction.text, templateGetEnum_ != nullptr);
+    CheckNotNull(tracedFunction.text, lpszTemplateType, "Parameter lpszTemplateType is NULL!");
+    CheckNotNull(tracedFunction.text, lpszTemplate, "Parameter lpszTemplate is NULL!");
+    CheckNotNull(tracedFunction.text, pcbTemplateLenName, "Parameter pcbTemplateLenName is NULL!");
     if (*pcbTemplateLenName == 0) MODUL_THROW(std::invalid_argument("Parameter *pcbTemplateLenName is 0!"));
     if (std::wcscmp(lpszTemplateType, kOnlyTemplateType) != 0)
         MODUL_THROW(std::invalid_argument("Only template DefaultLogDevices supported!"));
     TRACE_INFO(19, "TemplateGetEnum(%S, %u), length %u", lpszTemplateType, index, *pcbTemplateLenName);
-    DWORD code = LDCF_OK;
-    auto call = [&] { code = templateGetEnum_(lpszTemplateType, index, lpszTemplate, pcbTemplateLenName); };
-    if (operating_system::CallGuarded(call) != 0) {
-        MODUL_FAIL("SEH! Orvix: TemplateGetEnum()");
-        MODUL_THROW(std::runtime_error("SEH! Orvix: TemplateGetEnum()"));
-    }
-    if (!IsAccepted(code, {LDCF_OK, LDCF_ERR_BUFFER_TOO_SHORT, LDCF_ERR_NO_MORE_ITEMS}))
-        MODUL_THROW(
-            std::runtime_error("TemplateGetEnum() -> Unexpected ReturnCode! " + std::to_string(code)));
-    return code;
+    return CallLibrary(tracedFunction.text, "TemplateGetEnum()",
+                       {LDCF_OK, LDCF_ERR_BUFFER_TOO_SHORT, LDCF_ERR_NO_MORE_ITEMS}, [&] {
+                           return templateGetEnum_(lpszTemplateType, index, lpszTemplate, pcbTemplateLenName);
+                       });
 }
 
 }  // namespace quelm

@@ -59,6 +59,14 @@ void ThrowForeignException(DWORD code) {
     throw ForeignException{code};
 }
 
+void TraceCaught(DWORD code) noexcept {
+    FUNCTION_TRACE();
+    if (code != 0)
+        TRACE_ERROR(11, "Structured exception 0x%x", code);
+    else
+        TRACE_ERROR(12, "C++ exception");
+}
+
 void BreakIntoDebugger() {
     FUNCTION_TRACE();
     breakingThread = ::GetCurrentThreadId();

@@ -20,6 +20,21 @@ bool MayBeStopped(const StationComponentInfo& component) {
     return component.ulStatus == 0x201 || component.ulStatus == 0x205;
 }
 
+/// Makes one call for a component. A refusal, returned or raised, is traced and goes no further.
+template <typename Call>
+void CallForComponent(const char* what, LONG lVmdID, Call call) {
+    FUNCTION_TRACE();
+    try {
+        const HRESULT result = call();
+        if (FAILED(result))
+            TRACE_INFO(20, "Component %d: %s failed with 0x%x", lVmdID, what, result);
+        else
+            TRACE_VERBOSE(18, "Component %d: %s done", lVmdID, what);
+    } catch (const _com_error& error) {
+        TRACE_INFO(19, "Component %d: %s failed: %S", lVmdID, what, ComErrorText(error));
+    }
+}
+
 }  // namespace
 
 std::shared_ptr<StationManagerIf> StationManagerFactory::Create() {
@@ -80,20 +95,14 @@ void StationManager::StopComponent(const StationComponentInfo& component) {
     constexpr BYTE kStoppedByRemoval = 35;
     constexpr WORD kReason = 1;
     constexpr int kVirtualDeviceShift = 24;
-    const auto virtualDevice = static_cast<ULONG>(component.lVmdID);
-    MODUL_ASSERT(virtualDevice <= MAX_COMP_VMDID);
-    MODUL_ASSERT(virtualDevice > 0);
-    try {
-        configuration_->CfgStopComponent(component.lVmdID);
-        TRACE_VERBOSE(15, "Component %d stopped", component.lVmdID);
-    } catch (const _com_error& error) {
-        TRACE_INFO(16, "Component %d cannot be stopped: %S", component.lVmdID, ComErrorText(error));
-    }
-    try {
-        configuration_->DiagEntry(kStoppedByRemoval, kReason, virtualDevice << kVirtualDeviceShift);
-    } catch (const _com_error& error) {
-        TRACE_INFO(17, "No diagnostic entry for component %d: %S", component.lVmdID, ComErrorText(error));
-    }
+    const LONG lVmdID = component.lVmdID;
+    MODUL_ASSERT(lVmdID <= LONG{MAX_COMP_VMDID});
+    MODUL_ASSERT(lVmdID > 0);
+    CallForComponent("stop", lVmdID, [&] { return configuration_->CfgStopComponent(lVmdID); });
+    CallForComponent("diagnostic entry", lVmdID, [&] {
+        return configuration_->DiagEntry(kStoppedByRemoval, kReason,
+                                         static_cast<ULONG>(lVmdID) << kVirtualDeviceShift);
+    });
 }
 
 }  // namespace korvane

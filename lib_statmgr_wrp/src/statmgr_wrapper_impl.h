@@ -51,17 +51,21 @@ class ComInterface {
 
     /// @throws std::runtime_error if the thread cannot have COM, for one because it is in another apartment
     virtual void Initialize();
-    /// Gives back what Initialize took, on the same thread.
+    /// Gives back what every Initialize took, on the same thread.
     virtual void Cleanup();
 
   private:
-    bool isInit_ = false;
+    unsigned int initialisations_ = 0;
 };
 
-/// The station object's operations on components and diagnostics.
+/// The station object's operations on components and diagnostics. What the object raises in a call is thrown
+/// as an operating_system::ForeignException.
 class StatMgrCfg {
   public:
-    virtual ~StatMgrCfg() = default;
+    virtual ~StatMgrCfg();
+    StatMgrCfg() = default;
+    StatMgrCfg(const StatMgrCfg&) = delete;
+    StatMgrCfg& operator=(const StatMgrCfg&) = delete;
 
     /// @throws std::runtime_error if the station object cannot be created
     virtual void Initialize();
@@ -85,7 +89,8 @@ class StatMgrCfg {
     IDiagnosticsPtr m_pDiagnostics;
 };
 
-/// The station's configuration.
+/// The station's configuration. What the station object raises in a call is thrown as an
+/// operating_system::ForeignException.
 class CStatMgrImpl {
   public:
     virtual ~CStatMgrImpl();

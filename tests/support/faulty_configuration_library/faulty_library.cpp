@@ -1,14 +1,64 @@
 #include <windows.h>
 
+#include <cwchar>
+#include <stdexcept>
+
 // Configuration libraries that misbehave, one for each way; the build chooses which by a definition.
 //
 //   MISSING_EXPORT  has no TemplateGetEnum
 //   ANSWERS_CODE    answers every call with the code in the environment variable Q5ORVIX_ANSWER
 //   FAULTS          raises a processor exception in every call
+//   RAISES          raises what Q5ORVIX_RAISES names, as long as it names something
+//   BLOCKS          the first to come here sets the event Q5ORVIX_ENTERED and waits for Q5ORVIX_GO_ON
+//
+// The last two misbehave where Q5ORVIX_WHERE says: in a "call", at "attach" or at "detach".
 
 namespace {
 
+[[maybe_unused]] bool IsSet(const wchar_t* variable, const wchar_t* to) {
+    wchar_t text[32] = {};
+    ::GetEnvironmentVariableW(variable, text, ARRAYSIZE(text));
+    return std::wcscmp(text, to) == 0;
+}
+
+[[maybe_unused]] void TouchGuardPage() {
+    auto* page = static_cast<volatile char*>(
+        ::VirtualAlloc(nullptr, 1, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE | PAGE_GUARD));
+    *page = 1;
+}
+
+[[maybe_unused]] void Raise() {
+    constexpr DWORD kCppExceptionOfAnotherRunTime = 0xE06D7363;
+    constexpr DWORD kSoftwareException = 0xE0000001;
+    const auto is = [](const wchar_t* kind) { return IsSet(L"Q5ORVIX_RAISES", kind); };
+    if (is(L"access violation")) *static_cast<volatile int*>(nullptr) = 0;  // NOLINT: it is asked for
+    if (is(L"breakpoint")) ::DebugBreak();
+    if (is(L"guard page")) TouchGuardPage();
+    if (is(L"software exception")) ::RaiseException(kSoftwareException, 0, 0, nullptr);
+    if (is(L"another C++ exception"))
+        ::RaiseException(kCppExceptionOfAnotherRunTime, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    if (is(L"standard exception")) throw std::runtime_error("thrown by the library");
+    if (is(L"unknown exception")) throw 42;
+}
+
+[[maybe_unused]] void Block() {
+    static LONG comers = 0;
+    if (::InterlockedIncrement(&comers) != 1) return;
+    constexpr DWORD kLongestTest = 30000;
+    ::SetEvent(::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Q5ORVIX_ENTERED"));
+    ::WaitForSingleObject(::OpenEventW(SYNCHRONIZE, FALSE, L"Q5ORVIX_GO_ON"), kLongestTest);
+}
+
+void Misbehave([[maybe_unused]] const wchar_t* where) {
+#if defined(RAISES)
+    if (IsSet(L"Q5ORVIX_WHERE", where)) Raise();
+#elif defined(BLOCKS)
+    if (IsSet(L"Q5ORVIX_WHERE", where)) Block();
+#endif
+}
+
 DWORD Behave() {
+    Misbehave(L"call");
 #if defined(FAULTS)
     *static_cast<volatile int*>(nullptr) = 0;  // NOLINT: it is what this library is for
 #elif defined(ANSWERS_CODE)
@@ -25,6 +75,12 @@ DWORD Behave() {
 }  // namespace
 
 extern "C" {
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*) {
+    if (reason == DLL_PROCESS_ATTACH) Misbehave(L"attach");
+    if (reason == DLL_PROCESS_DETACH) Misbehave(L"detach");
+    return TRUE;
+}
 
 __declspec(dllexport) DWORD WINAPI LogDeviceExists(const wchar_t*, DWORD) {
     return Behave();

@@ -216,23 +216,3 @@ TEST(ConfigurationLibrary, ReturnCodesHaveNames) {
     for (const auto& [code, name] : names)
         EXPECT_EQ(library.GetReturnCodeName(code), name);
 }
-
-TEST(ConfigurationLibrary, FaultInsideACallIsAssertedAndBecomesAnException) {
-    const ConfigurationLibraryLocation location(FaultyLibrary(L"faults"));
-    const test_support::ModuleHooks hooks;
-    Q5orvix library;
-    library.LoadLib();
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceExists(L"d", 0); }),
-              "SEH! Orvix: LogDeviceExists()");
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceGetValue(L"d", L"p", buffer, &length); }),
-              "SEH! Orvix: LogDeviceGetValue()");
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceSetNdiValue(L"d", L"p", L"true"); }),
-              "SEH! Orvix: LogDeviceSetNdiValue()");
-    EXPECT_EQ(TextOf<std::runtime_error>(
-                  [&] { library.TemplateGetEnum(L"DefaultLogDevices", 0, buffer, &length); }),
-              "SEH! Orvix: TemplateGetEnum()");
-    EXPECT_EQ(hooks.AssertedExpressions(),
-              (std::vector<std::wstring>{
-                  L"!\"SEH! Orvix: LogDeviceExists()\"", L"!\"SEH! Orvix: LogDeviceGetValue()\"",
-                  L"!\"SEH! Orvix: LogDeviceSetNdiValue()\"", L"!\"SEH! Orvix: TemplateGetEnum()\""}));
-}
