@@ -21,11 +21,11 @@ class ScriptedStation final : public ISetupSupport,
                               public IDiagnostics,
                               public IClassFactory {
   public:
-    ScriptedStation() {
+    /// @param contexts in which it can be had
+    explicit ScriptedStation(DWORD contexts = CLSCTX_LOCAL_SERVER | CLSCTX_INPROC_SERVER) {
         ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        if (FAILED(::CoRegisterClassObject(__uuidof(PCStation), static_cast<IClassFactory*>(this),
-                                           CLSCTX_LOCAL_SERVER | CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
-                                           &registration_)))
+        if (FAILED(::CoRegisterClassObject(__uuidof(PCStation), static_cast<IClassFactory*>(this), contexts,
+                                           REGCLS_MULTIPLEUSE, &registration_)))
             throw std::runtime_error("the class object cannot be registered");
     }
     ~ScriptedStation() {
@@ -50,13 +50,22 @@ class ScriptedStation final : public ISetupSupport,
     HRESULT addEntryResult = S_OK;
     IID missingInterface = {};
     HRESULT createSetupSupportResult = S_OK;
+    // Called where the station is; what they throw or raise is what the station does.
     std::function<void()> onGetData = [] {};
+    std::function<void(VARIANT&)> onAnswer = [](VARIANT&) {};  ///< before GetData returns
+    std::function<void()> onStop = [] {};
+    std::function<void()> onAddEntry = [] {};
+    std::function<void(REFIID)> onQuery = [](REFIID) {};
+    std::function<void(REFIID)> onCreate = [](REFIID) {};
     std::function<void()> onRelease = [] {};
     std::vector<std::string> journal;
-    LONG references = 0;  ///< held by clients
+    std::vector<IID> queried;  ///< interfaces, in order
+    LONG references = 0;       ///< held by clients
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
         *object = nullptr;
+        queried.push_back(iid);
+        onQuery(iid);
         if (IsEqualIID(iid, missingInterface)) return E_NOINTERFACE;
         if (IsEqualIID(iid, __uuidof(IUnknown)) || IsEqualIID(iid, __uuidof(ISetupSupport)))
             *object = static_cast<ISetupSupport*>(this);
@@ -78,6 +87,7 @@ class ScriptedStation final : public ISetupSupport,
     }
 
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID iid, void** object) override {
+        onCreate(iid);
         if (IsEqualIID(iid, __uuidof(ISetupSupport)) && FAILED(createSetupSupportResult))
             return createSetupSupportResult;
         return QueryInterface(iid, object);
@@ -92,10 +102,12 @@ class ScriptedStation final : public ISetupSupport,
         data->vt = VT_ARRAY | VT_UI1;
         data->parray = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(size + surplusBytes));
         if (size > 0) std::memcpy(data->parray->pvData, components.data(), size);
+        onAnswer(*data);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE StopComponent(LONG virtualDevice, LONG reserved) override {
         journal.push_back("stop " + std::to_string(virtualDevice) + " " + std::to_string(reserved));
+        onStop();
         for (const LONG number : refused)
             if (number == virtualDevice) return E_ACCESSDENIED;
         return S_OK;
@@ -105,6 +117,7 @@ class ScriptedStation final : public ISetupSupport,
         char text[64] = {};
         std::snprintf(text, sizeof text, "entry %u 0x%X %u 0x%lX", area, code, value, detail);
         journal.push_back(text);
+        onAddEntry();
         return addEntryResult;
     }
 

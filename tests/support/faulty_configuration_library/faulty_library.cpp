@@ -1,12 +1,15 @@
 #include <windows.h>
 
+#include <cstdarg>
 #include <cwchar>
 #include <stdexcept>
 
 // Configuration libraries that misbehave, one for each way; the build chooses which by a definition.
 //
 //   MISSING_EXPORT  has no TemplateGetEnum
-//   ANSWERS_CODE    answers every call with the code in the environment variable Q5ORVIX_ANSWER
+//   ANSWERS_CODE    answers every call with the code in the environment variable Q5ORVIX_ANSWER, writes
+//   "answer"
+//                   where it may, and tells in Q5ORVIX_RECEIVED what it was asked
 //   FAULTS          raises a processor exception in every call
 //   RAISES          raises what Q5ORVIX_RAISES names, as long as it names something
 //   BLOCKS          the first to come here sets the event Q5ORVIX_ENTERED and waits for Q5ORVIX_GO_ON
@@ -72,6 +75,24 @@ DWORD Behave() {
     return 0;
 }
 
+void Tell([[maybe_unused]] const wchar_t* format, ...) {
+#if defined(ANSWERS_CODE)
+    wchar_t text[1024] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    std::vswprintf(text, ARRAYSIZE(text), format, arguments);
+    va_end(arguments);
+    ::SetEnvironmentVariableW(L"Q5ORVIX_RECEIVED", text);
+#endif
+}
+
+void Write([[maybe_unused]] wchar_t* buffer, [[maybe_unused]] DWORD* length) {
+#if defined(ANSWERS_CODE)
+    std::wcscpy(buffer, L"answer");
+    *length = 6;
+#endif
+}
+
 }  // namespace
 
 extern "C" {
@@ -82,17 +103,26 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*) {
     return TRUE;
 }
 
-__declspec(dllexport) DWORD WINAPI LogDeviceExists(const wchar_t*, DWORD) {
+__declspec(dllexport) DWORD WINAPI LogDeviceExists(const wchar_t* logDevice, DWORD flags) {
+    Tell(L"exists %ls %lu", logDevice, flags);
     return Behave();
 }
-__declspec(dllexport) DWORD WINAPI LogDeviceGetValue(const wchar_t*, const wchar_t*, wchar_t*, DWORD*) {
+__declspec(dllexport) DWORD WINAPI LogDeviceGetValue(const wchar_t* logDevice, const wchar_t* parameter,
+                                                     wchar_t* value, DWORD* length) {
+    Tell(L"get %ls %ls %lu", logDevice, parameter, *length);
+    Write(value, length);
     return Behave();
 }
-__declspec(dllexport) DWORD WINAPI LogDeviceSetNdiValue(const wchar_t*, const wchar_t*, const wchar_t*) {
+__declspec(dllexport) DWORD WINAPI LogDeviceSetNdiValue(const wchar_t* logDevice, const wchar_t* parameter,
+                                                        const wchar_t* value) {
+    Tell(L"set %ls %ls %ls", logDevice, parameter, value);
     return Behave();
 }
 #ifndef MISSING_EXPORT
-__declspec(dllexport) DWORD WINAPI TemplateGetEnum(const wchar_t*, DWORD, wchar_t*, DWORD*) {
+__declspec(dllexport) DWORD WINAPI TemplateGetEnum(const wchar_t* type, DWORD index, wchar_t* name,
+                                                   DWORD* length) {
+    Tell(L"enum %ls %lu %lu", type, index, *length);
+    Write(name, length);
     return Behave();
 }
 #endif

@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "configuration_library_location.h"
-#include "module_hooks.h"
+#include "exception_history.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 #include "windows_api_excp.h"
 
 using modul_exception::CWindowsApiExcp;
@@ -31,8 +32,74 @@ void AnswerWith(DWORD code) {
     ::SetEnvironmentVariableW(L"Q5ORVIX_ANSWER", std::to_wstring(code).c_str());
 }
 
+/// What the library that answers was asked last.
+std::wstring Received() {
+    wchar_t text[1024] = {};
+    ::GetEnvironmentVariableW(L"Q5ORVIX_RECEIVED", text, 1024);
+    return text;
+}
+
 wchar_t buffer[16];
 DWORD length = 16;
+
+/// The function that the exception history names for the last exception.
+std::string LastThrowingFunction() {
+    const auto& history = modul_exception::exceptionHistory;
+    return history.records[(history.writeIndex + history.kCapacity - 1) % history.kCapacity].function;
+}
+
+/// Makes the machine's common files folder one of so many characters, as long as it lives.
+class CommonFilesFolder {
+  public:
+    explicit CommonFilesFolder(std::size_t length) : folder_(L"C:\\" + std::wstring(length - 3, L'f')) {
+        DWORD size = sizeof before_;
+        ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_SZ, nullptr, before_, &size);
+        ::CreateDirectoryW(folder_.c_str(), nullptr);  // without it the system does not name it
+        Set(folder_);
+    }
+    ~CommonFilesFolder() {
+        Set(before_);
+        ::RemoveDirectoryW(folder_.c_str());
+    }
+    CommonFilesFolder(const CommonFilesFolder&) = delete;
+    CommonFilesFolder& operator=(const CommonFilesFolder&) = delete;
+
+    /// The length with which the library's path has so many characters.
+    static std::size_t ForPathOf(std::size_t pathLength) {
+        return pathLength - std::wstring(L"\\Valdorn\\Automation\\Korvane OAM\\bin\\q5orvix64x.dll").length();
+    }
+
+  private:
+    static void Set(const std::wstring& folder) {
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue, REG_SZ, folder.c_str(),
+                          static_cast<DWORD>((folder.length() + 1) * sizeof(wchar_t)));
+    }
+    static constexpr wchar_t kKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
+    static constexpr wchar_t kValue[] = L"CommonFilesDir";
+    const std::wstring folder_;
+    wchar_t before_[MAX_PATH] = {};
+};
+
+/// The trace points that were passed, in order.
+std::vector<USHORT> NumbersOf(const std::vector<test_support::TraceRecord>& records) {
+    std::vector<USHORT> numbers;
+    for (const auto& record : records)
+        numbers.push_back(record.number);
+    return numbers;
+}
+
+/// The log-device configuration's trace points of a level and below, and nothing else.
+class ConfigurationTracing {
+  public:
+    explicit ConfigurationTracing(UCHAR level) {
+        test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kConfiguration, 1);
+        test_support::TakeTraceRecords();
+    }
+    static std::vector<test_support::TraceRecord> Take() { return test_support::TakeTraceRecords(); }
+
+  private:
+    const test_support::Tracing tracing_;
+};
 
 /// A library that answers with what a test tells it to.
 class AnsweringLibrary : public testing::Test {
@@ -51,14 +118,13 @@ class AnsweringLibrary : public testing::Test {
     Q5orvix library_;
 };
 
-/// Every code of the table, and some that are not in it.
-const std::vector<DWORD> kCodes = {0,    1,    5,    87,   234,  259,  8012,
-                                   8040, 8042, 8044, 8046, 8503, 8508, 4294967295};
-
-/// Calls with every code and compares with what is accepted.
+/// Calls with every code up to beyond the table's last and with the greatest ones, and compares with what is
+/// accepted.
 template <typename Call>
 void ExpectAccepted(const std::vector<DWORD>& accepted, const std::string& prefix, Call call) {
-    for (const DWORD code : kCodes) {
+    constexpr DWORD kBeyondTheTable = 8600;
+    for (DWORD i = 0; i < kBeyondTheTable + 2; ++i) {
+        const DWORD code = i < kBeyondTheTable ? i : 0xFFFFFFFF - (i - kBeyondTheTable);
         AnswerWith(code);
         if (std::ranges::find(accepted, code) != accepted.end())
             EXPECT_EQ(call(), code);
@@ -78,6 +144,31 @@ TEST(ConfigurationLibrary, CallsBeforeLoadingAreRefused) {
     EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceSetNdiValue(L"d", L"p", L"true"); }), text);
     EXPECT_EQ(TextOf<std::runtime_error>([&] { library.TemplateGetEnum(L"t", 0, buffer, &length); }), text);
     library.UnloadLib();  // harmless
+}
+
+TEST(ConfigurationLibrary, CallsBeforeLoadingAreRefusedWhateverTheirArguments) {
+    Q5orvix library;
+    const std::string text = "Q5Orvix-DLL not loaded!";
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceExists(nullptr, 0x80000000); }), text);
+    EXPECT_EQ(
+        TextOf<std::runtime_error>([&] { library.LogDeviceGetValue(nullptr, nullptr, nullptr, nullptr); }),
+        text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceSetNdiValue(nullptr, nullptr, nullptr); }),
+              text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { library.TemplateGetEnum(nullptr, 0, nullptr, nullptr); }),
+              text);
+}
+
+TEST(ConfigurationLibrary, CallsBeforeLoadingAreFiledUnderTheOperation) {
+    Q5orvix library;
+    EXPECT_THROW(library.LogDeviceExists(L"d", 0), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceExists");
+    EXPECT_THROW(library.LogDeviceGetValue(L"d", L"p", buffer, &length), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceGetValue");
+    EXPECT_THROW(library.LogDeviceSetNdiValue(L"d", L"p", L"true"), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceSetNdiValue");
+    EXPECT_THROW(library.TemplateGetEnum(L"t", 0, buffer, &length), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::TemplateGetEnum");
 }
 
 TEST(ConfigurationLibrary, MissingFileIsAFailedCall) {
@@ -118,6 +209,116 @@ TEST(ConfigurationLibrary, IsLookedForInTheCommonFolderOtherwise) {
     EXPECT_EQ(quelm::ConfigurationLibraryPath(), longest + L"\\bin\\q5orvix64x.dll");
     ConfigurationLibraryLocation::Set(longest + L"f");
     EXPECT_EQ(quelm::ConfigurationLibraryPath(), expected) << "what does not fit into 259 bytes is not read";
+}
+
+TEST(ConfigurationLibrary, LongestPathIsTriedAndALongerOneIsReturnedWhole) {
+    const ConfigurationLibraryLocation location(L"");
+    {
+        const CommonFilesFolder folder(CommonFilesFolder::ForPathOf(259));
+        EXPECT_EQ(quelm::ConfigurationLibraryPath().length(), 259u);
+        Q5orvix library;
+        EXPECT_TRUE(
+            TextOf<CWindowsApiExcp>([&] { library.LoadLib(); }).starts_with("FAILED! LoadLibraryW()!"));
+    }
+    const CommonFilesFolder folder(CommonFilesFolder::ForPathOf(260));
+    EXPECT_EQ(quelm::ConfigurationLibraryPath().length(), 260u);
+    EXPECT_TRUE(quelm::ConfigurationLibraryPath().ends_with(L"\\bin\\q5orvix64x.dll"));
+}
+
+TEST(ConfigurationLibraryDeathTest, OverlongPathEndsTheProcessByFastFail) {
+    constexpr int kFastFail = static_cast<int>(0xC0000409);  // STATUS_STACK_BUFFER_OVERRUN, its exit status
+    const ConfigurationLibraryLocation location(L"");
+    const CommonFilesFolder folder(CommonFilesFolder::ForPathOf(260));
+    EXPECT_EXIT(Q5orvix().LoadLib(), testing::ExitedWithCode(kFastFail), "");
+}
+
+TEST(ConfigurationLibrary, PathTellsWhereItComesFrom) {
+    const ConfigurationLibraryLocation location(L"C:\\base");
+    bool isRegistered = false;
+    quelm::ConfigurationLibraryPath(&isRegistered);
+    EXPECT_TRUE(isRegistered);
+    ConfigurationLibraryLocation::Remove();
+    quelm::ConfigurationLibraryPath(&isRegistered);
+    EXPECT_FALSE(isRegistered);
+}
+
+TEST(ConfigurationLibrary, MissingExportIsTraced) {
+    const ConfigurationLibraryLocation location(FaultyLibrary(L"missing_export"));
+    Q5orvix library;
+    const ConfigurationTracing tracing(trace::kError);
+    EXPECT_THROW(library.LoadLib(), CWindowsApiExcp);
+    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{11}));
+}
+
+TEST_F(AnsweringLibrary, IsAskedWhatTheCallerAsks) {
+    length = 16;
+    Exists();
+    EXPECT_EQ(Received(), L"exists NX4120.XLI.1 0");
+    library_.LogDeviceExists(L"d", 12);
+    EXPECT_EQ(Received(), L"exists d 12");
+    GetValue();
+    EXPECT_EQ(Received(), L"get NX4120.XLI.1 p 16");
+    EXPECT_STREQ(buffer, L"answer");
+    EXPECT_EQ(length, 6u);
+    SetNdiValue();
+    EXPECT_EQ(Received(), L"set NX4120.XLI.1 hidden true");
+    buffer[0] = L'\0';
+    length = 16;
+    library_.TemplateGetEnum(L"DefaultLogDevices", 7, buffer, &length);
+    EXPECT_EQ(Received(), L"enum DefaultLogDevices 7 16");
+    EXPECT_STREQ(buffer, L"answer");
+    EXPECT_EQ(length, 6u);
+}
+
+TEST_F(AnsweringLibrary, ThrowsAreFiledUnderTheOperation) {
+    const std::wstring tooLong(257, L'p');
+    EXPECT_THROW(library_.LogDeviceExists(nullptr, 0), std::invalid_argument);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::ParameterCheck_LogDevice");
+    EXPECT_THROW(library_.LogDeviceExists(L"d", 0x80000000), std::invalid_argument);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceExists");
+    EXPECT_THROW(library_.LogDeviceGetValue(L"d", nullptr, buffer, &length), std::invalid_argument);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceGetValue");
+    EXPECT_THROW(library_.LogDeviceSetNdiValue(L"d", tooLong.c_str(), L"true"), std::invalid_argument);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceSetNdiValue");
+    EXPECT_THROW(library_.TemplateGetEnum(nullptr, 0, buffer, &length), std::invalid_argument);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::TemplateGetEnum");
+    AnswerWith(1);
+    EXPECT_THROW(Exists(), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::Q5orvix::LogDeviceExists");
+    EXPECT_STREQ(modul_exception::exceptionHistory.records[0].file, "quelm_orvix");
+}
+
+TEST_F(AnsweringLibrary, CallIsTracedAtLevelFourAndAnUnexpectedCodeAtLevelTwo) {
+    const ConfigurationTracing tracing(trace::kInformation);
+    AnswerWith(8012);
+    Exists();
+    const auto accepted = ConfigurationTracing::Take();
+    ASSERT_EQ(NumbersOf(accepted), (std::vector<USHORT>{16, 14}));
+    EXPECT_EQ(accepted[1].Integer(1), 8012u);
+    EXPECT_EQ(accepted[1].Text(2), "LDCF_ERR_LOG_DEVICE_NOT_EXISTS");
+    AnswerWith(234);
+    EXPECT_THROW(GetValue(), std::runtime_error);
+    EXPECT_THROW(SetNdiValue(), std::runtime_error);
+    AnswerWith(5);
+    EXPECT_THROW(GetEnum(), std::runtime_error);
+    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()),
+              (std::vector<USHORT>{17, 14, 15, 18, 14, 15, 19, 14, 15}));
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
+    EXPECT_THROW(GetEnum(), std::runtime_error);
+    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{15}));
+}
+
+TEST_F(AnsweringLibrary, LoadingAndFreeingAreTraced) {
+    library_.UnloadLib();
+    const ConfigurationTracing tracing(trace::kVerbose);
+    library_.LoadLib();
+    const auto loaded = ConfigurationTracing::Take();
+    ASSERT_EQ(NumbersOf(loaded), (std::vector<USHORT>{10}));
+    EXPECT_EQ(loaded[0].WideText(0), quelm::ConfigurationLibraryPath());
+    library_.UnloadLib();
+    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{12}));
+    library_.UnloadLib();
+    EXPECT_TRUE(ConfigurationTracing::Take().empty()) << "there is nothing to free";
 }
 
 TEST_F(AnsweringLibrary, SecondLoadIsRefused) {

@@ -1,5 +1,6 @@
 #include "statmgr_wrapper.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -9,6 +10,8 @@
 #include "module_hooks.h"
 #include "scripted_station.h"
 #include "text_of.h"
+#include "trace_point.h"
+#include "trace_recorder.h"
 
 using korvane::ComInterface;
 using korvane::CStatMgrImpl;
@@ -29,8 +32,41 @@ class Station : public testing::Test {
   protected:
     void Initialize() { stationManager_.Initialize(); }
 
+    long long TimesQueried(const IID& iid) const {
+        return std::ranges::count_if(station_.queried,
+                                     [&iid](const IID& queried) { return IsEqualIID(queried, iid); });
+    }
+
     ScriptedStation station_;
     StationManager stationManager_;
+};
+
+/// The station in one context only.
+class StationInContext : public testing::TestWithParam<DWORD> {};
+INSTANTIATE_TEST_SUITE_P(Contexts, StationInContext,
+                         testing::Values(CLSCTX_INPROC_SERVER, CLSCTX_INPROC_HANDLER, CLSCTX_LOCAL_SERVER,
+                                         CLSCTX_REMOTE_SERVER));
+
+/// The message GUIDs of the files whose trace points are looked at.
+constexpr GUID kWrapperFile = trace::GuidFrom("7c2e5a18-d90b-4b36-8f47-e1b3a6c05d24");
+
+/// The trace points of a file that were passed since the last look, in order.
+std::vector<USHORT> NumbersIn(const GUID& file) {
+    std::vector<USHORT> numbers;
+    for (const auto& record : test_support::TakeTraceRecords())
+        if (IsEqualGUID(record.messageGuid, file)) numbers.push_back(record.number);
+    return numbers;
+}
+
+/// The module's trace points of a level and below, without function entry and exit.
+class ModuleTracing {
+  public:
+    explicit ModuleTracing(UCHAR level) {
+        test_support::EnableTracing(test_support::kModuleGuid, level, trace::kMessage, 1);
+    }
+
+  private:
+    const test_support::Tracing tracing_;
 };
 
 /// COM is there on this thread.
@@ -138,14 +174,126 @@ TEST_F(Station, Exactly32ComponentsAreNothingSpecial) {
 TEST_F(Station, ImpossibleVirtualDevicesAreAssertedAndStopped) {
     station_.Add(0, "NX4120");
     station_.Add(33, "NX4120");
+    station_.Add(-1, "NX4120");
     Initialize();
     const ModuleHooks hooks;
 
     stationManager_.StopCpBy("NX4120");
 
-    EXPECT_EQ(hooks.Assertions().size(), 2u);
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"lVmdID > 0", L"lVmdID <= LONG{MAX_COMP_VMDID}", L"lVmdID > 0"}));
     EXPECT_EQ(station_.journal,
-              (Journal{"stop 0 0", "entry 165 0xA523 1 0x0", "stop 33 0", "entry 165 0xA523 1 0x21000000"}));
+              (Journal{"stop 0 0", "entry 165 0xA523 1 0x0", "stop 33 0", "entry 165 0xA523 1 0x21000000",
+                       "stop -1 0", "entry 165 0xA523 1 0xFF000000"}));
+}
+
+TEST_F(Station, FirstAndLastVirtualDeviceAreNothingSpecial) {
+    station_.Add(1, "NX4120");
+    station_.Add(32, "NX4120");
+    Initialize();
+    stationManager_.StopCpBy("NX4120");
+    EXPECT_EQ(station_.journal.size(), 4u);
+}
+
+TEST_F(Station, InterfacesAreAskedForOnceAndKept) {
+    station_.Add(1, "NX4120");
+    station_.Add(2, "NX4120");
+    Initialize();
+
+    stationManager_.StopCpBy("NX4120");
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(TimesQueried(__uuidof(IComponentControl)), 1);
+    EXPECT_EQ(TimesQueried(__uuidof(IDiagnostics)), 1);
+}
+
+TEST_F(Station, OutcomesAreTraced) {
+    station_.Add(1, "NX4120");
+    station_.Add(2, "NX4120");
+    station_.refused = {2};
+    Initialize();
+    const ModuleTracing tracing(trace::kVerbose);
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 14, 18, 18, 14, 19, 18}))
+        << "what could not be stopped is no success";
+}
+
+TEST_F(Station, RefusalsAreTracedAtLevelFour) {
+    station_.Add(1, "NX4120");
+    station_.Add(2, "NX4120");
+    station_.refused = {1, 2};
+    station_.addEntryResult = E_FAIL;
+    Initialize();
+    const ModuleTracing tracing(trace::kInformation);
+
+    stationManager_.StopCpBy("NX4120");
+
+    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 19, 19, 19, 19}));
+}
+
+TEST_F(Station, CountsThatAreNoConfigurationAreTracedAtLevelThree) {
+    Initialize();
+    const ModuleTracing tracing(trace::kWarning);
+    stationManager_.HasPluggedComponentes();
+    station_.Add(1, "PC Station");
+    stationManager_.HasPluggedComponentes();
+    station_.components.resize(33);
+    stationManager_.HasPluggedComponentes();
+    std::vector<unsigned int> counts;
+    for (const auto& record : test_support::TakeTraceRecords())
+        counts.push_back(record.Integer(0));
+    EXPECT_EQ(counts, (std::vector<unsigned int>{0, 33}));
+}
+
+TEST_F(Station, AnswerIsTraced) {
+    station_.Add(1, "PC Station");
+    Initialize();
+    const ModuleTracing tracing(trace::kVerbose);
+    stationManager_.HasPluggedComponentes();
+    station_.Add(2, "NX4120");
+    stationManager_.HasPluggedComponentes();
+    std::vector<std::string> answers;
+    for (const auto& record : test_support::TakeTraceRecords())
+        if (IsEqualGUID(record.messageGuid, kWrapperFile)) answers.push_back(record.Text(0));
+    EXPECT_EQ(answers, (std::vector<std::string>{"false", "true"}));
+}
+
+TEST_F(Station, DataThatIsNoArrayOfBytesHoldsNoRecords) {
+    Initialize();
+    station_.Add(1, "PC Station");
+    station_.Add(2, "NX4120");
+    EXPECT_TRUE(stationManager_.HasPluggedComponentes());
+    station_.onAnswer = [](VARIANT& data) {
+        ::VariantClear(&data);
+        data.vt = VT_ARRAY | VT_I1;
+        data.parray = ::SafeArrayCreateVector(VT_I1, 0, 2 * sizeof(StationComponentInfo));
+    };
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+    station_.onAnswer = [](VARIANT& data) {
+        ::VariantClear(&data);
+        SAFEARRAYBOUND bounds[] = {{2, 0}, {sizeof(StationComponentInfo), 0}};
+        data.vt = VT_ARRAY | VT_UI1;
+        data.parray = ::SafeArrayCreate(VT_UI1, 2, bounds);
+    };
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+    station_.onAnswer = [](VARIANT& data) {
+        ::VariantClear(&data);
+        data.vt = VT_ARRAY | VT_UI1;
+        data.parray = nullptr;
+    };
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+}
+
+TEST_F(Station, ArrayMayBeginAtAnyIndex) {
+    Initialize();
+    station_.onAnswer = [](VARIANT& data) {
+        ::VariantClear(&data);
+        data.vt = VT_ARRAY | VT_UI1;
+        data.parray = ::SafeArrayCreateVector(VT_UI1, -7, 2 * sizeof(StationComponentInfo));
+    };
+    EXPECT_TRUE(stationManager_.HasPluggedComponentes());
 }
 
 TEST_F(Station, RefusedStopDoesNotKeepTheNextFromBeingStopped) {
@@ -288,6 +436,33 @@ TEST_F(Station, ComErrorWhileReleasingIsAsserted) {
                                          L"!\"Unhandled exception in StationManagerImpl-DTOR\""}));
 }
 
+TEST_P(StationInContext, IsHadAsSetupSupportInAnyAndAsStationObjectAsLocalServerOnly) {
+    const ScriptedStation station(GetParam());
+    EXPECT_NO_THROW(CStatMgrImpl().Initalize());
+    if (GetParam() == CLSCTX_LOCAL_SERVER)
+        EXPECT_NO_THROW(StatMgrCfg().Initialize());
+    else
+        EXPECT_THROW(StatMgrCfg().Initialize(), std::runtime_error);
+}
+
+TEST(StationManager, TracesARefusalThatIsReturnedAsAFailure) {
+    class Refusing : public StatMgrCfg {
+        HRESULT CfgStopComponent(LONG) override { return E_ACCESSDENIED; }
+        HRESULT DiagEntry(BYTE, WORD, DWORD) override { return S_FALSE; }
+    };
+    ScriptedStation station;
+    station.Add(1, "PC Station");
+    station.Add(2, "NX4120");
+    StationManager stationManager(std::make_unique<ComInterface>(), std::make_unique<Refusing>(),
+                                  std::make_unique<CStatMgrImpl>());
+    stationManager.Initialize();
+    const ModuleTracing tracing(trace::kVerbose);
+
+    stationManager.StopCpBy("NX4120");
+
+    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 14, 14, 20, 18}));
+}
+
 TEST(StationManager, TellsOfAnImplementationThatStaysUninitialised) {
     class Idle : public CStatMgrImpl {
         void Initalize() override {}
@@ -330,6 +505,45 @@ TEST(ComInterface, BalancesAnInitialisationThatWasThere) {
     EXPECT_TRUE(HasCom());
     ::CoUninitialize();
     EXPECT_FALSE(HasCom());
+}
+
+TEST(ComInterface, IsInTheMultithreadedApartment) {
+    ComInterface com;
+    com.Initialize();
+    APTTYPE type = APTTYPE_CURRENT;
+    APTTYPEQUALIFIER qualifier = APTTYPEQUALIFIER_NONE;
+    ASSERT_EQ(::CoGetApartmentType(&type, &qualifier), S_OK);
+    EXPECT_EQ(type, APTTYPE_MTA);
+}
+
+TEST(ComInterface, BalancesEveryInitialisation) {
+    {
+        ComInterface com;
+        com.Initialize();
+        com.Initialize();
+        com.Cleanup();
+        EXPECT_FALSE(HasCom());
+    }
+    EXPECT_FALSE(HasCom());
+}
+
+TEST(StationManager, GivesComBackAfterARepeatedInitialisation) {
+    {
+        StationManager stationManager;
+        EXPECT_THROW(stationManager.Initialize(), std::runtime_error) << "there is no station manager";
+        EXPECT_THROW(stationManager.Initialize(), std::runtime_error);
+    }
+    EXPECT_FALSE(HasCom());
+}
+
+TEST(StationManager, CanBeInitialisedAfterAFailure) {
+    StationManager stationManager;
+    EXPECT_THROW(stationManager.Initialize(), std::runtime_error);
+    ScriptedStation station;
+    station.Add(1, "PC Station");
+    station.Add(2, "NX4120");
+    EXPECT_NO_THROW(stationManager.Initialize());
+    EXPECT_TRUE(stationManager.HasPluggedComponentes());
 }
 
 TEST(ComInterface, UndoesNothingThatItDidNotDo) {
