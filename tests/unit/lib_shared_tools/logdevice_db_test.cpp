@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "configuration_library_location.h"
 #include "module_hooks.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 
 using korvane::DefaultLogDeviceDatabaseOrvix;
 using korvane::LogDeviceDatabaseOrvix;
@@ -32,6 +34,23 @@ class MockLibrary : public quelm::Q5orvixIf {
     MOCK_METHOD(DWORD, LogDeviceGetValue, (const wchar_t*, const wchar_t*, wchar_t*, DWORD*), (override));
     MOCK_METHOD(DWORD, LogDeviceSetNdiValue, (const wchar_t*, const wchar_t*, const wchar_t*), (override));
     MOCK_METHOD(DWORD, TemplateGetEnum, (const wchar_t*, DWORD, wchar_t*, DWORD*), (override));
+};
+
+/// The configuration's trace points of a level and below, in the order in which they were passed.
+class ConfigurationTracing {
+  public:
+    explicit ConfigurationTracing(UCHAR level) {
+        test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kConfiguration, 1);
+    }
+    static std::vector<USHORT> TakeNumbers() {
+        std::vector<USHORT> numbers;
+        for (const auto& record : test_support::TakeTraceRecords())
+            numbers.push_back(record.number);
+        return numbers;
+    }
+
+  private:
+    const test_support::Tracing tracing_;
 };
 
 class LogDevice : public testing::Test {
@@ -89,6 +108,75 @@ TEST(LogDeviceName, ClassicNameIsTrimmedAndUpperCased) {
 TEST(LogDeviceName, SlashesAreCut) {
     EXPECT_EQ(LogDeviceName("/NX4120(XLI)/").GetLogNameClassicA(), "NX4120(XLI)");
     EXPECT_EQ(LogDeviceName("NX4120(XLI)/ABC").GetLogNameClassicA(), "NX4120(XLI)");
+}
+
+TEST(LogDeviceName, OnlyLettersOfTheAlphabetAreUpperCased) {
+    std::string given;
+    for (int c = 1; c < 128; ++c)
+        if (c != '/' && c != '\n' && c != '\r' && c != '(' && c != ')') given += static_cast<char>(c);
+    std::string expected;
+    for (const char c : given)
+        expected += c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    EXPECT_EQ(LogDeviceName(given + "()").GetLogNameClassicA(), expected + "()");
+    given.clear();
+    for (int c = 128; c < 253; ++c)
+        given += static_cast<char>(c);
+    EXPECT_EQ(LogDeviceName(given + "()").GetLogNameClassicA(), given + "()") << "bytes from 0x80 up";
+    EXPECT_EQ(LogDeviceName("\xFC\xFF()").GetLogNameClassicA(), "\xFC\xFF()");
+}
+
+TEST(LogDeviceName, EachByteIsWidenedToTheCharacterOfItsNumber) {
+    EXPECT_EQ(LogDeviceName("\xE4\x80(\xFF)").GetLogName(), L"\x00E4\x0080.\x00FF.1");
+}
+
+TEST(LogDeviceName, OnlyBlanksAreTrimmed) {
+    EXPECT_EQ(LogDeviceName(" \tA(B)").GetLogNameClassicA(), "\tA(B)");
+    EXPECT_EQ(LogDeviceName("\v\f\xA0 A(B)  ").GetLogNameClassicA(), "\v\f\xA0 A(B)");
+    EXPECT_EQ(LogDeviceName("A(B)\t").GetLogNameClassicA(), "A(B)\t") << "kept, and so of unknown format";
+    EXPECT_EQ(LogDeviceName("a (b )").GetLogNameClassicA(), "A (B )") << "blanks inside stay";
+}
+
+TEST(LogDeviceName, OneLeadingSlashIsDroppedAndEverythingFromTheLastOneOn) {
+    EXPECT_EQ(LogDeviceName("//A(B)/").GetLogNameClassicA(), "/A(B)");
+    EXPECT_EQ(LogDeviceName("//A(B)").GetLogNameClassicA(), "//A(B)") << "nothing is left: unknown, kept";
+    EXPECT_EQ(LogDeviceName("A(B)/C(D)/E(F)").GetLogNameClassicA(), "A(B)/C(D)");
+    EXPECT_EQ(LogDeviceName("A(B)//").GetLogNameClassicA(), "A(B)//") << "A(B)/ is of unknown format";
+}
+
+TEST(LogDeviceName, BlanksAreTrimmedBeforeSlashesAreLookedFor) {
+    EXPECT_EQ(LogDeviceName("  /a(b)").GetLogNameClassicA(), "A(B)");
+    EXPECT_EQ(LogDeviceName("/  a(b)").GetLogNameClassicA(), "  A(B)") << "not trimmed again";
+    EXPECT_EQ(LogDeviceName("a.b.1 /x").GetLogNameA(), "a.b.1 /x") << "a blank before the slash stays";
+}
+
+TEST(LogDeviceName, LengthIsThatOfTheNameAsGiven) {
+    const std::string given = std::string(124, ' ') + "A(B)";
+    ASSERT_EQ(given.length(), 128u);
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { LogDeviceName{given}; }), "LogDeviceName is >= 128 !");
+    EXPECT_EQ(LogDeviceName(given.substr(1)).GetLogNameClassicA(), "A(B)");
+    EXPECT_EQ(LogDeviceName("   ").GetLogNameA(), "   ") << "blanks alone are no empty name";
+}
+
+TEST(LogDeviceName, CasesAreTraced) {
+    const ConfigurationTracing tracing(trace::kVerbose);
+    const auto numbersFor = [](const char* name) {
+        const LogDeviceName made(name);
+        return ConfigurationTracing::TakeNumbers();
+    };
+    EXPECT_EQ(numbersFor("LDCF_TEMP_LOG_DEVICE____1"), (std::vector<USHORT>{14, 10}));
+    EXPECT_EQ(numbersFor("A(B)"), (std::vector<USHORT>{14, 11}));
+    EXPECT_EQ(numbersFor("A.B.1"), (std::vector<USHORT>{14, 12}));
+    EXPECT_EQ(numbersFor("A"), (std::vector<USHORT>{14, 13}));
+}
+
+TEST(LogDeviceName, ConversionIsTracedAtLevelFourAndABadTemporaryNameAtLevelTwo) {
+    const ConfigurationTracing tracing(trace::kInformation);
+    const LogDeviceName name("A(B)");
+    EXPECT_EQ(name.GetLogNameA(), "A.B.1");
+    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{16}));
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
+    EXPECT_THROW(LogDeviceName("LDCF_TEMP_LOG_DEVICE_1"), std::invalid_argument);
+    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{15}));
 }
 
 TEST(LogDeviceName, NewNameHasNoWayBack) {
@@ -229,6 +317,63 @@ TEST_F(LogDevice, ExistsOnlyForCodeZero) {
         EXPECT_FALSE(logDevice_.Exists());
 }
 
+TEST_F(LogDevice, OtherCodesThanThoseOfAMissingLogDeviceAreTracedWithTheirNames) {
+    quelm::Q5orvix names;
+    ON_CALL(library_, GetReturnCodeName).WillByDefault([&names](DWORD code) {
+        return names.GetReturnCodeName(code);
+    });
+    EXPECT_CALL(library_, LogDeviceExists)
+        .WillOnce(Return(0))
+        .WillOnce(Return(8012))
+        .WillOnce(Return(8503))
+        .WillOnce(Return(5))
+        .WillOnce(Return(87));
+    const ConfigurationTracing tracing(trace::kError);
+    for (int i = 0; i < 5; ++i)
+        logDevice_.Exists();
+    const auto records = test_support::TakeTraceRecords();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].Text(1), "LDCF_ACCESS_DENIED");
+    EXPECT_EQ(records[1].Text(1), "LDCF_ERR_INVALID_PARAMETERS");
+}
+
+TEST_F(LogDevice, FailedReadAndWriteAreTracedAtLevelTwo) {
+    ON_CALL(library_, LogDeviceGetValue).WillByDefault(Return(8040));
+    ON_CALL(library_, LogDeviceSetNdiValue).WillByDefault(Return(8044));
+    const ConfigurationTracing tracing(trace::kError);
+    EXPECT_THROW(logDevice_.ReadStringParameter(L"p"), std::runtime_error);
+    EXPECT_THROW(logDevice_.EnableFlagNdi(L"p"), std::runtime_error);
+    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{17, 18}));
+}
+
+TEST_F(LogDevice, ExceptionsOfTheLibraryPassUnchanged) {
+    ON_CALL(library_, LogDeviceExists).WillByDefault(testing::Throw(std::runtime_error("of the library")));
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { logDevice_.Exists(); }), "of the library");
+}
+
+TEST(LogDeviceFactory, OpensTheLibraryOfItsOwnAndNamesTheKeyOfTheLogDevices) {
+    const test_support::ConfigurationLibraryLocation location(test_support::FaultyLibrary(L"answers_code"));
+    ::SetEnvironmentVariableW(L"Q5ORVIX_ANSWER", L"0");
+    const ConfigurationTracing tracing(trace::kVerbose);
+    {
+        const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device("nx4120(xli)");
+        EXPECT_NE(::GetModuleHandleW(L"q5orvix64x.dll"), nullptr);
+        EXPECT_TRUE(logDevice->Exists());
+    }
+    EXPECT_EQ(::GetModuleHandleW(L"q5orvix64x.dll"), nullptr);
+    std::wstring key;
+    for (const auto& record : test_support::TakeTraceRecords())
+        if (record.number == 21) key = record.WideText(1);
+    EXPECT_EQ(key, L"SOFTWARE\\VALDORN\\TORUX\\LogDevices");
+}
+
+TEST(LogDeviceFactory, RefusesANameBeforeItLoadsTheLibrary) {
+    const test_support::ConfigurationLibraryLocation location(L"C:\\no such folder");
+    EXPECT_EQ(TextOf<std::invalid_argument>(
+                  [] { korvane::LogDeviceDatabaseFactory().create_from_log_device(std::string()); }),
+              "LogDeviceName is empty!");
+}
+
 TEST_F(DefaultLogDevices, AreListedInClassicSpelling) {
     Answer({L"/0/LDT-Fennlink U3.xli", L"no such entry", L"LDT-no dot", L"LDT-a.LDT-NX4120.Profibus"});
     EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"Fennlink U3(XLI)", "NX4120(PROFIBUS)"}));
@@ -242,4 +387,71 @@ TEST_F(DefaultLogDevices, EndAtOnceYieldsAnEmptyList) {
 TEST_F(DefaultLogDevices, OverlongEntryEndsTheList) {
     Answer({L"LDT-A.b"}, 234);
     EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)"}));
+}
+
+TEST_F(DefaultLogDevices, EntryIsCutToTheReturnedLength) {
+    const std::vector<std::pair<std::wstring, DWORD>> entries = {
+        {L"LDT-A.bcd", 7}, {L"LDT-E.f", 256}, {L"LDT-G.h", 257}, {L"LDT-I.j", 0xFFFFFFFF}, {L"LDT-K.l", 0}};
+    ON_CALL(library_, TemplateGetEnum)
+        .WillByDefault([&](const wchar_t*, DWORD index, wchar_t* buffer, DWORD* length) -> DWORD {
+            if (index >= entries.size()) return 259;
+            std::ranges::copy(entries[index].first, buffer);
+            *length = entries[index].second;
+            return 0;
+        });
+    const ConfigurationTracing tracing(trace::kWarning);
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)", "E(F)", "G(H)", "I(J)"}));
+    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{22, 22})) << "more than the buffer";
+}
+
+TEST_F(DefaultLogDevices, EntryMayFillTheBufferWithoutAZero) {
+    const std::wstring entry = L"LDT-" + std::wstring(250, L'a') + L".b";
+    ASSERT_EQ(entry.length(), 256u);
+    Answer({entry});
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{std::string(250, 'a') + "(B)"}));
+}
+
+TEST_F(DefaultLogDevices, EntryEndsAtItsZero) {
+    Answer({std::wstring(L"LDT-A.b\0c", 9)});
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)"}));
+}
+
+TEST_F(DefaultLogDevices, OnlyTheKindIsUpperCasedAndMayBeEmpty) {
+    Answer({L"LDT-a.b.c.d", L"LDT-.", L"x.LDT-y", L"LDT-LDT-z.LDT.q", L"ldt-a.b"});
+    EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"a.b.c(D)", "()", "z.LDT(Q)"}));
+}
+
+TEST_F(DefaultLogDevices, TemplateThatNeverEndsIsLeftAfterTenThousandEntries) {
+    DWORD last = 0;
+    ON_CALL(library_, TemplateGetEnum)
+        .WillByDefault([&last](const wchar_t*, DWORD index, wchar_t* buffer, DWORD* length) -> DWORD {
+            last = index;
+            std::ranges::copy(std::wstring_view(L"LDT-A.b"), buffer);
+            *length = 7;
+            return 0;
+        });
+    const ConfigurationTracing tracing(trace::kWarning);
+    EXPECT_EQ(logDevices_.Installed().size(), 10000u);
+    EXPECT_EQ(last, 9999u);
+    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{23}));
+}
+
+TEST_F(DefaultLogDevices, EndIsTracedWithTheCountAndAnEntryThatDoesNotFitIsNot) {
+    Answer({L"LDT-A.b", L"x"});
+    const ConfigurationTracing tracing(trace::kInformation);
+    logDevices_.Installed();
+    const auto records = test_support::TakeTraceRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].Integer(0), 2u);
+    Answer({}, 234);
+    logDevices_.Installed();
+    EXPECT_TRUE(test_support::TakeTraceRecords().empty());
+}
+
+TEST(DefaultLogDevicesFactory, LoadsTheLibrary) {
+    const test_support::ConfigurationLibraryLocation location(test_support::FaultyLibrary(L"answers_code"));
+    ::SetEnvironmentVariableW(L"Q5ORVIX_ANSWER", L"259");
+    const auto logDevices = korvane::DefaultLogDeviceDatabaseIf::Create();
+    EXPECT_NE(::GetModuleHandleW(L"q5orvix64x.dll"), nullptr);
+    EXPECT_TRUE(logDevices->Installed().empty());
 }

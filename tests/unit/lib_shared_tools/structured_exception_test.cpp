@@ -81,6 +81,13 @@ TEST(CallForeign, FilesTheCodeIntoTheExceptionHistory) {
     EXPECT_STREQ(modul_exception::exceptionHistory.records[index].what, "Structured exception 0xE0000042");
 }
 
+TEST(Completes, OnlyIfTheCallReturns) {
+    EXPECT_TRUE(operating_system::Completes([] {}));
+    EXPECT_FALSE(operating_system::Completes([] { WriteToNull(); }));
+    EXPECT_FALSE(operating_system::Completes([] { throw 42; }));
+    EXPECT_FALSE(operating_system::Completes([] { throw std::runtime_error("ours"); }));
+}
+
 TEST(BreakIntoDebuggerDeathTest, EndsTheProcessThroughEveryGuard) {
     auto call = [] { operating_system::BreakIntoDebugger(); };
     EXPECT_DEATH(CallGuarded(call), "");
