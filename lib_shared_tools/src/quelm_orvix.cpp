@@ -139,9 +139,9 @@ DWORD CallLibrary(const char* method, const std::string& operation, std::initial
         _ModulAssert((L"!\"" + toolbox::StringToWstring(text) + L"\"").c_str(), kWideSourcePath, __LINE__);
         MODUL_THROW_FROM(method, std::runtime_error(text));
     }
-    TRACE_INFO(14, "%s returned %u %s", operation, code, NameOf(code));
+    TRACE_INFO(21, "%s returned %u %s", operation, code, NameOf(code));
     if (std::ranges::find(accepted, code) != accepted.end()) return code;
-    TRACE_ERROR(15, "%s: unexpected return code %u %s", operation, code, NameOf(code));
+    TRACE_ERROR(22, "%s: unexpected return code %u %s", operation, code, NameOf(code));
     MODUL_THROW_FROM(method,
                      std::runtime_error(operation + " -> Unexpected ReturnCode! " + std::to_string(code)));
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "common_files_folder.h"
 #include "station.h"
 
 // The operator's tool beside a real station.
@@ -15,6 +16,7 @@ using adapter_control::Plug;
 using adapter_control::Report;
 using adapter_control::Unplug;
 using test_support::CommandResult;
+using test_support::CommonFilesFolder;
 using test_support::ConfigurationLibraryLocation;
 using test_support::ProgramFolder;
 using test_support::RunCommand;
@@ -172,6 +174,16 @@ TEST_F(Tessactl, EveryCommandSaysThatTheLibraryIsMissing) {
     const CommandResult watched = Tool(L"watch --seconds 1");
     EXPECT_EQ(watched.exitCode, 0u);
     EXPECT_TRUE(Contains(watched, "adapters and messages only")) << watched.output;
+}
+
+TEST_F(Tessactl, EveryCommandSaysThatTheLibrarysPathIsTooLong) {
+    ConfigurationLibraryLocation::Remove();
+    const CommonFilesFolder folder(CommonFilesFolder::ForPathOf(260));
+    const std::string told = "the path of the configuration library has 260 characters";
+    for (const auto* command : {L"status", L"doctor", L"show NX4120(XLI)", L"hide NX4120(XLI)"}) {
+        const CommandResult result = Tool(command);
+        EXPECT_TRUE(Contains(result, told.c_str())) << result.output;
+    }
 }
 
 TEST_F(Tessactl, WorksWithoutTheService) {

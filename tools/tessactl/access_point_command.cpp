@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "json.h"
 #include "logdevice_db.h"
+#include "station_state.h"
 #include "text.h"
 #include "tmf_catalog.h"
 #include "toolbox.h"
@@ -27,7 +28,7 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
     if (rest.size() != 1) return UsageError(L"the name of one access point, please");
     const std::string name = toolbox::WstringToString(rest[0]);
     const std::string shown = Utf8(rest[0]);
-    const auto installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
+    const auto installed = InstalledLogDevices();
     if (std::ranges::find(installed, name) == installed.end())
         return Refuse(
             shown,

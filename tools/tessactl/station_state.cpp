@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 
 #include "logdevice_db.h"
 #include "quelm_orvix.h"
@@ -63,12 +64,21 @@ const char* StationState::AccessPoint::State() const {
     return hidden ? "hidden" : "visible";
 }
 
+std::vector<std::string> InstalledLogDevices() {
+    // To load the library from such a path would end this process.
+    const std::size_t length = quelm::ConfigurationLibraryPath().length();
+    if (length >= MAX_PATH)
+        throw std::runtime_error("the path of the configuration library has " + std::to_string(length) +
+                                 " characters; from 260 on the service ends when it loads it");
+    return korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
+}
+
 std::vector<StationState::Model> ReadModels(std::string& libraryError) {
     std::vector<StationState::Model> models;
     std::vector<std::string> installed;
     libraryError.clear();
     try {
-        installed = korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
+        installed = InstalledLogDevices();
     } catch (const std::exception& error) {
         libraryError = Utf8FromAnsi(error.what());
     }

@@ -40,6 +40,10 @@ struct StationState {
 /// Looks at everything. What cannot be had is missing in the result; nothing is thrown for it.
 StationState ReadStation();
 
+/// The default log devices that are installed.
+/// @throws std::exception if the configuration library cannot tell
+std::vector<std::string> InstalledLogDevices();
+
 /// Adapters and access points only.
 std::vector<StationState::Model> ReadModels(std::string& libraryError);
 

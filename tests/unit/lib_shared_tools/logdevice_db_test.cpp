@@ -10,6 +10,7 @@
 #include "configuration_library_location.h"
 #include "module_hooks.h"
 #include "text_of.h"
+#include "trace_point.h"
 #include "trace_recorder.h"
 
 using korvane::DefaultLogDeviceDatabaseOrvix;
@@ -35,6 +36,9 @@ class MockLibrary : public quelm::Q5orvixIf {
     MOCK_METHOD(DWORD, LogDeviceSetNdiValue, (const wchar_t*, const wchar_t*, const wchar_t*), (override));
     MOCK_METHOD(DWORD, TemplateGetEnum, (const wchar_t*, DWORD, wchar_t*, DWORD*), (override));
 };
+
+/// Message GUID of the file under test.
+constexpr GUID kLogDeviceFile = trace::GuidFrom("b3e7a5c1-4d60-4f89-a2b8-9c1d7e0f5a0d");
 
 /// The configuration's trace points of a level and below, in the order in which they were passed.
 class ConfigurationTracing {
@@ -363,7 +367,7 @@ TEST(LogDeviceFactory, OpensTheLibraryOfItsOwnAndNamesTheKeyOfTheLogDevices) {
     EXPECT_EQ(::GetModuleHandleW(L"q5orvix64x.dll"), nullptr);
     std::wstring key;
     for (const auto& record : test_support::TakeTraceRecords())
-        if (record.number == 21) key = record.WideText(1);
+        if (IsEqualGUID(record.messageGuid, kLogDeviceFile) && record.number == 21) key = record.WideText(1);
     EXPECT_EQ(key, L"SOFTWARE\\VALDORN\\TORUX\\LogDevices");
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common_files_folder.h"
 #include "configuration_library_location.h"
 #include "exception_history.h"
 #include "text_of.h"
@@ -17,6 +18,7 @@
 
 using modul_exception::CWindowsApiExcp;
 using quelm::Q5orvix;
+using test_support::CommonFilesFolder;
 using test_support::ConfigurationLibraryLocation;
 using test_support::FaultyLibrary;
 
@@ -47,38 +49,6 @@ std::string LastThrowingFunction() {
     const auto& history = modul_exception::exceptionHistory;
     return history.records[(history.writeIndex + history.kCapacity - 1) % history.kCapacity].function;
 }
-
-/// Makes the machine's common files folder one of so many characters, as long as it lives.
-class CommonFilesFolder {
-  public:
-    explicit CommonFilesFolder(std::size_t length) : folder_(L"C:\\" + std::wstring(length - 3, L'f')) {
-        DWORD size = sizeof before_;
-        ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_SZ, nullptr, before_, &size);
-        ::CreateDirectoryW(folder_.c_str(), nullptr);  // without it the system does not name it
-        Set(folder_);
-    }
-    ~CommonFilesFolder() {
-        Set(before_);
-        ::RemoveDirectoryW(folder_.c_str());
-    }
-    CommonFilesFolder(const CommonFilesFolder&) = delete;
-    CommonFilesFolder& operator=(const CommonFilesFolder&) = delete;
-
-    /// The length with which the library's path has so many characters.
-    static std::size_t ForPathOf(std::size_t pathLength) {
-        return pathLength - std::wstring(L"\\Valdorn\\Automation\\Korvane OAM\\bin\\q5orvix64x.dll").length();
-    }
-
-  private:
-    static void Set(const std::wstring& folder) {
-        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue, REG_SZ, folder.c_str(),
-                          static_cast<DWORD>((folder.length() + 1) * sizeof(wchar_t)));
-    }
-    static constexpr wchar_t kKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
-    static constexpr wchar_t kValue[] = L"CommonFilesDir";
-    const std::wstring folder_;
-    wchar_t before_[MAX_PATH] = {};
-};
 
 /// The trace points that were passed, in order.
 std::vector<USHORT> NumbersOf(const std::vector<test_support::TraceRecord>& records) {
@@ -293,7 +263,7 @@ TEST_F(AnsweringLibrary, CallIsTracedAtLevelFourAndAnUnexpectedCodeAtLevelTwo) {
     AnswerWith(8012);
     Exists();
     const auto accepted = ConfigurationTracing::Take();
-    ASSERT_EQ(NumbersOf(accepted), (std::vector<USHORT>{16, 14}));
+    ASSERT_EQ(NumbersOf(accepted), (std::vector<USHORT>{16, 21}));
     EXPECT_EQ(accepted[1].Integer(1), 8012u);
     EXPECT_EQ(accepted[1].Text(2), "LDCF_ERR_LOG_DEVICE_NOT_EXISTS");
     AnswerWith(234);
@@ -302,10 +272,10 @@ TEST_F(AnsweringLibrary, CallIsTracedAtLevelFourAndAnUnexpectedCodeAtLevelTwo) {
     AnswerWith(5);
     EXPECT_THROW(GetEnum(), std::runtime_error);
     EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()),
-              (std::vector<USHORT>{17, 14, 15, 18, 14, 15, 19, 14, 15}));
+              (std::vector<USHORT>{17, 21, 22, 18, 21, 22, 19, 21, 22}));
     test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
     EXPECT_THROW(GetEnum(), std::runtime_error);
-    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{15}));
+    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{22}));
 }
 
 TEST_F(AnsweringLibrary, LoadingAndFreeingAreTraced) {
