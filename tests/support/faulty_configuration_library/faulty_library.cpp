@@ -48,8 +48,12 @@ namespace {
     static LONG comers = 0;
     if (::InterlockedIncrement(&comers) != 1) return;
     constexpr DWORD kLongestTest = 30000;
-    ::SetEvent(::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Q5ORVIX_ENTERED"));
-    ::WaitForSingleObject(::OpenEventW(SYNCHRONIZE, FALSE, L"Q5ORVIX_GO_ON"), kLongestTest);
+    const HANDLE entered = ::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Q5ORVIX_ENTERED");
+    const HANDLE goOn = ::OpenEventW(SYNCHRONIZE, FALSE, L"Q5ORVIX_GO_ON");
+    ::SetEvent(entered);
+    ::WaitForSingleObject(goOn, kLongestTest);
+    ::CloseHandle(entered);
+    ::CloseHandle(goOn);
 }
 
 void Misbehave([[maybe_unused]] const wchar_t* where) {

@@ -1,5 +1,6 @@
 #include "tessaplug_orvix.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -7,10 +8,12 @@
 #include <vector>
 
 #include "command.h"
+#include "exception_history.h"
 #include "module_hooks.h"
 #include "process_census.h"
 #include "program_folder.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 #include "win_convenience.h"
 #include "windows_api_excp.h"
 
@@ -49,11 +52,13 @@ class FakeKernel32 : public windows_api::CKernel32 {
         expected.cb = 104;
         EXPECT_EQ(BytesOf(*startup), BytesOf(expected));
         startedLine = commandLine;
-        *process = {kProcess, kThread, 1, 2};
-        return TRUE;
+        *process = started;
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return createResult;
     }
     DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) override {
         waits.push_back({handle, milliseconds});
+        onWait();
         ::SetLastError(ERROR_INVALID_HANDLE);
         return waitResult;
     }
@@ -62,12 +67,38 @@ class FakeKernel32 : public windows_api::CKernel32 {
         return closeResult;
     }
 
+    BOOL createResult = TRUE;
+    PROCESS_INFORMATION started = {kProcess, kThread, 1, 2};
     DWORD waitResult = WAIT_OBJECT_0;
+    std::function<void()> onWait = [] {};
     BOOL closeResult = TRUE;
     std::wstring startedLine;
     std::vector<std::pair<HANDLE, DWORD>> waits;
     std::vector<HANDLE> closed;
 };
+
+/// The module's trace points of a level and below that are passed in its lifetime.
+class ModuleTracing {
+  public:
+    explicit ModuleTracing(UCHAR level) {
+        test_support::EnableTracing(test_support::kModuleGuid, level, trace::kMessage, 1);
+    }
+    static std::vector<USHORT> TakeNumbers() {
+        std::vector<USHORT> numbers;
+        for (const auto& record : test_support::TakeTraceRecords())
+            numbers.push_back(record.number);
+        return numbers;
+    }
+
+  private:
+    const test_support::Tracing tracing_;
+};
+
+/// The function that the exception history names for the last exception.
+std::string LastThrowingFunction() {
+    const auto& history = modul_exception::exceptionHistory;
+    return history.records[(history.writeIndex + history.kCapacity - 1) % history.kCapacity].function;
+}
 
 class Panel : public testing::Test {
   protected:
@@ -131,6 +162,57 @@ TEST_F(Panel, UnknownWaitResultIsAssertedToo) {
     EXPECT_THROW(panel_.CallSilent(), CWindowsApiExcp);
     EXPECT_EQ(hooks.AssertedExpressions(),
               (std::vector<std::wstring>{L"!\"INVALID Case for WaitForSingleObject()\""}));
+}
+
+TEST_F(Panel, ThatCannotBeStartedIsNeitherWaitedForNorClosed) {
+    kernel32_->createResult = FALSE;
+    const std::string text = TextOf<CWindowsApiExcp>([&] { panel_.CallSilent(); });
+    EXPECT_TRUE(text.starts_with("FAILED! CreateProcessW()! LE(5): ")) << text;
+    EXPECT_TRUE(kernel32_->waits.empty());
+    EXPECT_TRUE(kernel32_->closed.empty());
+}
+
+TEST_F(Panel, ExceptionOfAnyKindWhileWaitingPassesUnchangedAfterTheHandlesAreClosed) {
+    kernel32_->onWait = [] { throw 42; };
+    EXPECT_THROW(panel_.CallSilent(), int);
+    EXPECT_EQ(kernel32_->closed, bothHandles_);
+}
+
+TEST_F(Panel, WithoutAProcessHandleIsAssertedAndWaitedFor) {
+    kernel32_->started.hProcess = nullptr;
+    const ModuleHooks hooks;
+    panel_.CallSilent();
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"hProcess != NULL"}));
+    EXPECT_EQ(kernel32_->waits.size(), 1u);
+}
+
+TEST_F(Panel, IsTracedFromStartToEnd) {
+    const ModuleTracing tracing(trace::kVerbose);
+    panel_.CallSilent();
+    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{10, 11, 13, 14}));
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kInformation, trace::kMessage, 1);
+    panel_.CallSilent();
+    EXPECT_TRUE(ModuleTracing::TakeNumbers().empty());
+}
+
+TEST_F(Panel, FailuresAreTracedByTheirLevels) {
+    kernel32_->waitResult = WAIT_TIMEOUT;
+    kernel32_->closeResult = FALSE;
+    const ModuleTracing tracing(trace::kWarning);
+    EXPECT_THROW(panel_.CallSilent(), std::runtime_error);
+    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{12, 15, 15}));
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kError, trace::kMessage, 1);
+    EXPECT_THROW(panel_.CallSilent(), std::runtime_error);
+    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{12}));
+}
+
+TEST_F(Panel, ThrowsAreFiledUnderTheirMethods) {
+    kernel32_->waitResult = WAIT_TIMEOUT;
+    EXPECT_THROW(panel_.CallSilent(), std::runtime_error);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::TvorPanel::WaitUntilTvorPanelFinished");
+    kernel32_->createResult = FALSE;
+    EXPECT_THROW(panel_.CallSilent(), CWindowsApiExcp);
+    EXPECT_EQ(LastThrowingFunction(), "quelm::TvorPanel::CallSilent");
 }
 
 TEST_F(Panel, HandlesThatCannotBeClosedAreNoFailure) {
