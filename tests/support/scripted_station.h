@@ -49,6 +49,7 @@ class ScriptedStation final : public ISetupSupport,
     std::vector<LONG> refused;  // by StopComponent
     HRESULT addEntryResult = S_OK;
     IID missingInterface = {};
+    IID nullInterface = {};  ///< claimed and not handed out
     HRESULT createSetupSupportResult = S_OK;
     // Called where the station is; what they throw or raise is what the station does.
     std::function<void()> onGetData = [] {};
@@ -67,6 +68,7 @@ class ScriptedStation final : public ISetupSupport,
         queried.push_back(iid);
         onQuery(iid);
         if (IsEqualIID(iid, missingInterface)) return E_NOINTERFACE;
+        if (IsEqualIID(iid, nullInterface)) return S_OK;
         if (IsEqualIID(iid, __uuidof(IUnknown)) || IsEqualIID(iid, __uuidof(ISetupSupport)))
             *object = static_cast<ISetupSupport*>(this);
         else if (IsEqualIID(iid, __uuidof(IComponentControl)))

@@ -9,9 +9,11 @@
 #include <vector>
 
 #include "configuration_library_location.h"
+#include "exception_history.h"
 #include "module_hooks.h"
 #include "quelm_orvix.h"
 #include "text_of.h"
+#include "trace_recorder.h"
 #include "unique_handle.h"
 #include "windows_api_excp.h"
 
@@ -30,6 +32,12 @@ bool LibraryIsLoaded() {
 
 wchar_t buffer[16];
 DWORD length = 16;
+
+/// The function that the exception history names for the last exception.
+std::string LastThrowingFunction() {
+    const auto& history = modul_exception::exceptionHistory;
+    return history.records[(history.writeIndex + history.kCapacity - 1) % history.kCapacity].function;
+}
 
 struct Operation {
     const char* name;
@@ -144,6 +152,7 @@ TEST_P(RaisingLibrary, IsAssertedAndBecomesOneExceptionInEveryCallAndTheNextCall
         EXPECT_EQ(hooks.AssertedExpressions(),
                   (std::vector<std::wstring>{L"!\"" + std::wstring(text.begin(), text.end()) + L"\""}));
         EXPECT_EQ(hooks.Assertions().at(0).sourcePath, L"lib_shared_tools\\src\\quelm_orvix");
+        EXPECT_EQ(LastThrowingFunction() + "()", std::string("quelm::Q5orvix::") + operation.name);
         Misbehave(L"call");
         for (const Operation& next : kCalls)
             EXPECT_NO_THROW(next.call(library_)) << operation.name << " then " << next.name;
@@ -194,12 +203,18 @@ TEST(ConfigurationLibrary, WhatTheLoaderLetsPassIsAFailedLoadAndTheNextLoadWorks
 TEST(ConfigurationLibrary, WhatTheLoaderLetsPassAtTheEndIsNoFailureAndTheNextLoadWorks) {
     const ConfigurationLibraryLocation location(FaultyLibrary(L"raises"));
     Misbehave(L"call");
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
     const auto kernel32 = std::make_shared<RaisingKernel32>();
     for (const auto& fault : kFaults) {
         Q5orvix library(kernel32);
         library.LoadLib();
         kernel32->onFree = fault;
+        test_support::TakeTraceRecords();
         EXPECT_NO_THROW(library.UnloadLib());
+        const auto traced = test_support::TakeTraceRecords();
+        ASSERT_FALSE(traced.empty());
+        EXPECT_EQ(traced.back().number, 13) << "that it could not be freed";
         EXPECT_EQ(TextOf<std::runtime_error>([&] { library.LogDeviceExists(L"d", 0); }),
                   "Q5Orvix-DLL not loaded!");
         library.LoadLib();  // and is freed by destruction, which raises too

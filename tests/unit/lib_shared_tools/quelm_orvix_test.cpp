@@ -309,6 +309,15 @@ TEST_F(AnsweringLibrary, IsFreedByUnloadAndByDestruction) {
     library_.LoadLib();  // can be loaded again
 }
 
+TEST_F(AnsweringLibrary, CallsAfterUnloadingAreRefused) {
+    library_.UnloadLib();
+    const std::string text = "Q5Orvix-DLL not loaded!";
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Exists(); }), text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { GetValue(); }), text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { SetNdiValue(); }), text);
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { GetEnum(); }), text);
+}
+
 TEST_F(AnsweringLibrary, LogDeviceNameLimits) {
     EXPECT_EQ(library_.LogDeviceExists(std::wstring(128, L'n').c_str(), 0), 0u);
     const std::wstring tooLong(129, L'n');
@@ -335,7 +344,7 @@ TEST_F(AnsweringLibrary, ParametersAreChecked) {
         return TextOf<std::invalid_argument>(
             [&] { library_.LogDeviceGetValue(L"d", parameter, value, valueLength); });
     };
-    EXPECT_EQ(get(nullptr, buffer, &length), "Parameter == nullptr");
+    EXPECT_EQ(get(nullptr, nullptr, nullptr), "Parameter == nullptr");
     EXPECT_EQ(get(tooLong.c_str(), buffer, &length), "MAX_XML_PARAM_NAME_LEN > MAX_LOG_DEVICE_NAME_LEN");
     EXPECT_EQ(get(longest.c_str(), buffer, &length), "no exception");
     EXPECT_EQ(get(L"p", nullptr, nullptr), "Value == nullptr");
@@ -343,7 +352,7 @@ TEST_F(AnsweringLibrary, ParametersAreChecked) {
     const auto set = [&](const wchar_t* parameter, const wchar_t* value) {
         return TextOf<std::invalid_argument>([&] { library_.LogDeviceSetNdiValue(L"d", parameter, value); });
     };
-    EXPECT_EQ(set(nullptr, L"true"), "Parameter == nullptr");
+    EXPECT_EQ(set(nullptr, nullptr), "Parameter == nullptr");
     EXPECT_EQ(set(tooLong.c_str(), L"true"), "MAX_XML_PARAM_NAME_LEN > MAX_LOG_DEVICE_NAME_LEN");
     EXPECT_EQ(set(L"p", nullptr), "Value == nullptr");
 }

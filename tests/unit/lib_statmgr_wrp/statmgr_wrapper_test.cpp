@@ -50,6 +50,8 @@ INSTANTIATE_TEST_SUITE_P(Contexts, StationInContext,
 /// The message GUIDs of the files whose trace points are looked at.
 constexpr GUID kWrapperFile = trace::GuidFrom("7c2e5a18-d90b-4b36-8f47-e1b3a6c05d24");
 
+constexpr GUID kImplementationFile = trace::GuidFrom("1d7b9e40-52c6-4f8a-b1e3-6a0c8d4f2b13");
+
 /// The trace points of a file that were passed since the last look, in order.
 std::vector<USHORT> NumbersIn(const GUID& file) {
     std::vector<USHORT> numbers;
@@ -82,6 +84,15 @@ TEST(StationManagerFactory, MakesOneThatIsNotInitialised) {
     const ModuleHooks hooks;
     const auto stationManager = korvane::StationManagerFactory().Create();
     EXPECT_THROW(stationManager->HasPluggedComponentes(), std::runtime_error);
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"m_isInit", L"m_isInit", L"m_pISetupSupport != NULL"}));
+}
+
+TEST(StationManager, StoppingBeforeInitialisingIsAssertedAndFails) {
+    const ModuleHooks hooks;
+    StationManager stationManager;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager.StopCpBy("NX4120"); }),
+              "Caught COM-EXCPETION: CStatMgrImpl::GetConfigData()!");
     EXPECT_EQ(hooks.AssertedExpressions(),
               (std::vector<std::wstring>{L"m_isInit", L"m_isInit", L"m_pISetupSupport != NULL"}));
 }
@@ -223,14 +234,14 @@ TEST_F(Station, OutcomesAreTraced) {
 TEST_F(Station, RefusalsAreTracedAtLevelFour) {
     station_.Add(1, "NX4120");
     station_.Add(2, "NX4120");
-    station_.refused = {1, 2};
+    station_.refused = {2};
     station_.addEntryResult = E_FAIL;
     Initialize();
     const ModuleTracing tracing(trace::kInformation);
 
     stationManager_.StopCpBy("NX4120");
 
-    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 19, 19, 19, 19}));
+    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 19, 19, 19})) << "and no success is";
 }
 
 TEST_F(Station, CountsThatAreNoConfigurationAreTracedAtLevelThree) {
@@ -273,7 +284,7 @@ TEST_F(Station, DataThatIsNoArrayOfBytesHoldsNoRecords) {
     EXPECT_FALSE(stationManager_.HasPluggedComponentes());
     station_.onAnswer = [](VARIANT& data) {
         ::VariantClear(&data);
-        SAFEARRAYBOUND bounds[] = {{2, 0}, {sizeof(StationComponentInfo), 0}};
+        SAFEARRAYBOUND bounds[] = {{2 * sizeof(StationComponentInfo), 0}, {1, 0}};
         data.vt = VT_ARRAY | VT_UI1;
         data.parray = ::SafeArrayCreate(VT_UI1, 2, bounds);
     };
@@ -284,6 +295,18 @@ TEST_F(Station, DataThatIsNoArrayOfBytesHoldsNoRecords) {
         data.parray = nullptr;
     };
     EXPECT_FALSE(stationManager_.HasPluggedComponentes());
+}
+
+TEST_F(Station, AnswerIsEmptied) {
+    Initialize();
+    station_.onAnswer = [this](VARIANT& data) {
+        ::VariantClear(&data);
+        data.vt = VT_UNKNOWN;
+        station_.QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&data.punkVal));
+    };
+    const LONG before = station_.references;
+    stationManager_.HasPluggedComponentes();
+    EXPECT_EQ(station_.references, before);
 }
 
 TEST_F(Station, ArrayMayBeginAtAnyIndex) {
@@ -350,8 +373,8 @@ TEST_F(Station, WholeRecordsAreUsedWhenTheDataIsCutOff) {
     stationManager_.StopCpBy("NX4120");
 
     EXPECT_EQ(station_.journal.front(), "stop 2 0");
-    station_.components.clear();
-    EXPECT_FALSE(stationManager_.HasPluggedComponentes()) << "less than one record";
+    station_.components.resize(1);
+    EXPECT_FALSE(stationManager_.HasPluggedComponentes()) << "less than two records";
 }
 
 TEST_F(Station, RefusedConfigurationDataIsTold) {
@@ -398,6 +421,51 @@ TEST_F(Station, RefusalIsRaisedAsAComError) {
     EXPECT_EQ(configuration.CfgStopComponent(1), S_OK);
     EXPECT_THROW(configuration.CfgStopComponent(2), _com_error);
     EXPECT_THROW(configuration.DiagEntry(35, 1, 0), _com_error);
+}
+
+TEST(StationObject, UsedBeforeItIsInitialisedIsAssertedAndFails) {
+    const ModuleHooks hooks;
+    StatMgrCfg configuration;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { configuration.CfgStopComponent(1); }),
+              "QueryInterface COM FAILED!");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { configuration.DiagEntry(35, 1, 0); }),
+              "QueryInterface COM FAILED!");
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"m_isInit", L"m_pIUnkStatMgr != NULL", L"m_isInit",
+                                         L"m_pIUnkStatMgr != NULL"}));
+}
+
+TEST_F(Station, SecondInitialisationOfTheImplementationIsAssertedAndLosesNoReference) {
+    const LONG before = station_.references;
+    {
+        CStatMgrImpl implementation;
+        implementation.Initalize();
+        const ModuleHooks hooks;
+        implementation.Initalize();
+        EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"!m_isInit"}));
+    }
+    EXPECT_EQ(station_.references, before);
+}
+
+TEST_F(Station, InterfaceThatIsNullIsAsserted) {
+    StatMgrCfg configuration;
+    configuration.Initialize();
+    station_.nullInterface = __uuidof(IDiagnostics);
+    const ModuleHooks hooks;
+    EXPECT_THROW(configuration.DiagEntry(35, 1, 0), _com_error);
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"*ppvObject != NULL"}));
+}
+
+TEST_F(Station, FailuresAreTracedAtLevelTwo) {
+    const ModuleTracing tracing(trace::kError);
+    Initialize();
+    station_.onGetData = [] { throw _com_error(RPC_E_SERVERFAULT); };
+    EXPECT_THROW(stationManager_.StopCpBy("NX4120"), std::runtime_error);
+    EXPECT_THROW(stationManager_.HasPluggedComponentes(), std::runtime_error);
+    EXPECT_EQ(NumbersIn(kImplementationFile), (std::vector<USHORT>{20, 21}));
+    station_.createSetupSupportResult = E_NOINTERFACE;
+    EXPECT_THROW(CStatMgrImpl().Initalize(), std::runtime_error);
+    EXPECT_EQ(NumbersIn(kImplementationFile), (std::vector<USHORT>{18}));
 }
 
 TEST_F(Station, EveryReferenceIsGivenBack) {
@@ -461,6 +529,9 @@ TEST(StationManager, TracesARefusalThatIsReturnedAsAFailure) {
     stationManager.StopCpBy("NX4120");
 
     EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 14, 14, 20, 18}));
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kInformation, trace::kMessage, 1);
+    stationManager.StopCpBy("NX4120");
+    EXPECT_EQ(NumbersIn(kWrapperFile), (std::vector<USHORT>{13, 20}));
 }
 
 TEST(StationManager, TellsOfAnImplementationThatStaysUninitialised) {
@@ -477,9 +548,11 @@ TEST(StationManager, TellsOfAnImplementationThatStaysUninitialised) {
 TEST(StationManager, TellsOfAThreadThatCannotHaveCom) {
     ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     {
+        const ModuleTracing tracing(trace::kError);
         StationManager stationManager;
         EXPECT_EQ(TextOf<std::runtime_error>([&] { stationManager.Initialize(); }),
                   "CStatMgrImpl::CTOR - CoInitializeEx() FAILED");
+        EXPECT_EQ(NumbersIn(kImplementationFile), (std::vector<USHORT>{12}));
     }
     EXPECT_TRUE(HasCom()) << "what failed is not undone";
     ::CoUninitialize();
@@ -516,15 +589,17 @@ TEST(ComInterface, IsInTheMultithreadedApartment) {
     EXPECT_EQ(type, APTTYPE_MTA);
 }
 
-TEST(ComInterface, BalancesEveryInitialisation) {
+TEST(ComInterface, BalancesEveryInitialisationOnce) {
     {
         ComInterface com;
         com.Initialize();
         com.Initialize();
         com.Cleanup();
         EXPECT_FALSE(HasCom());
+        ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     }
-    EXPECT_FALSE(HasCom());
+    EXPECT_TRUE(HasCom()) << "what somebody else took";
+    ::CoUninitialize();
 }
 
 TEST(StationManager, GivesComBackAfterARepeatedInitialisation) {
