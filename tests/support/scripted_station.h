@@ -24,8 +24,9 @@ class ScriptedStation final : public ISetupSupport,
     /// @param contexts in which it can be had
     explicit ScriptedStation(DWORD contexts = CLSCTX_LOCAL_SERVER | CLSCTX_INPROC_SERVER) {
         ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        // Multiple use would add the in-process server to whatever the contexts are.
         if (FAILED(::CoRegisterClassObject(__uuidof(PCStation), static_cast<IClassFactory*>(this), contexts,
-                                           REGCLS_MULTIPLEUSE, &registration_)))
+                                           REGCLS_MULTI_SEPARATE, &registration_)))
             throw std::runtime_error("the class object cannot be registered");
     }
     ~ScriptedStation() {
