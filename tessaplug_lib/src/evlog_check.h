@@ -11,7 +11,8 @@
 
 namespace operating_system {
 
-/// Reads the records that are appended to one classic event log, from the first read on.
+/// Reads the records that are appended to one classic event log, from the first read on. What is appended
+/// without the log telling of it is found within a minute.
 ///
 /// Threads: one thread owns the object; only CancelRead may come from another.
 class EventLog {
@@ -28,6 +29,7 @@ class EventLog {
 
     /// @throws std::runtime_error if it is open
     /// @throws modul_exception::CWindowsApiExcp if Windows refuses
+    /// @throws ForeignException if the event log's library raises a structured exception
     virtual void Open();
     /// The next read after it starts behind what the log holds then. Never throws.
     virtual void Close();
@@ -36,13 +38,29 @@ class EventLog {
     /// @return empty if it was cancelled or the log could not be read; the latter is traced
     /// @throws std::runtime_error before Open
     virtual std::vector<std::byte> BlockingRead();
+    /// Closes the log and opens it again, as what cannot be read any more needs it: the next read goes on
+    /// behind the last record that was returned. A log that was cleared meanwhile is watched from its newest
+    /// record on. Never throws.
+    /// @return false if it could not be opened; the reason is traced
+    virtual bool Reopen();
+    /// How many reads and openings have failed since the log could last be read.
+    virtual DWORD FailedReads() const;
     /// Makes a BlockingRead that waits, or the next one, return at once. Never throws.
     virtual void CancelRead();
 
   private:
+    /// Records are numbered one after the other.
+    struct Numbers {
+        DWORD oldest = 0;
+        DWORD count = 0;
+        DWORD Newest() const { return oldest + count - 1; }
+    };
+
     void CreateEvents();
     void Cleanup();
-    DWORD GetLastRecordNumber(HANDLE hEventLog) const;
+    Numbers GetNumbers(HANDLE hEventLog) const;
+    DWORD GetLastRecordNumber(HANDLE hEventLog, Numbers& numbers) const;
+    DWORD NextNumber(const Numbers& numbers) const;
     void ReadRecord(HANDLE hEventLog, std::vector<std::byte>& buffer, DWORD recordOffset, DWORD readFlags);
     bool ReadOnce(HANDLE hEventLog, std::vector<std::byte>& buffer, DWORD recordOffset, DWORD readFlags);
     void HandleCleanupOfEventLog();
@@ -50,6 +68,10 @@ class EventLog {
     void RegisterForEventLogChangeNotification();
     bool WaitForChangesInEventLog();
     void ReadNewRecords(std::vector<std::byte>& buffer);
+    void ReadBehindLastRecord(HANDLE hEventLog, std::vector<std::byte>& buffer);
+    bool TryReadFrom(HANDLE hEventLog, DWORD number, DWORD newest, std::vector<std::byte>& buffer);
+    bool IsReadable(HANDLE hEventLog, DWORD number);
+    void TakePosition();
     void WaitAndRead(std::vector<std::byte>& buffer);
 
     enum EventIndex { kCancel = 0, kNotification = 1, kEventCount = 2 };
@@ -58,7 +80,12 @@ class EventLog {
     HANDLE events_[kEventCount] = {};
     std::wstring eventSourceName_;
     bool seekRequired_ = true;
-    DWORD lastRecordNumber_ = 0;
+    DWORD lastRecordNumber_ = 0;       // of the last record that is not to be returned (again)
+    DWORD oldestRecordNumber_ = 0;     // as last seen; it falls only if the log is cleared
+    bool isNumberKnown_ = false;       // whether a log that is opened again is read on by number
+    bool isPositionByNumber_ = false;  // whether the log's own read position is not where it should be
+    bool mayHoldMore_ = false;         // whether the last read has not come to the log's end
+    DWORD failedReads_ = 0;
     std::unique_ptr<windows_api::Advapi32> advapi32_;
     std::unique_ptr<windows_api::CKernel32> kernel32_;
 };
@@ -150,6 +177,7 @@ class MessageRessource {
     /// @return "ERROR: NO STRING FOR EVENT ID" if the file has no such message
     /// @throws std::runtime_error before Open
     /// @throws std::invalid_argument if argv is null although argc is not 0
+    /// @throws ForeignException if the file is of a kind that makes Windows raise a structured exception
     virtual std::wstring ReadMessage(DWORD messageId, DWORD argc, const wchar_t* argv);
 
   private:

@@ -6,24 +6,20 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "event_record.h"
 #include "module_hooks.h"
-#include "program_folder.h"
 #include "text_of.h"
-#include "windows_api_excp.h"
+#include "trace_recorder.h"
 
-// Records, filters and messages. The reader: event_log_reader_test.cpp.
-using modul_exception::CWindowsApiExcp;
+// Records and the parser. The reader: event_log_reader_test.cpp; the driver's messages:
+// driver_messages_test.cpp.
 using operating_system::EventLogFilterIf;
 using operating_system::EventLogRecord;
 using operating_system::EventRecordParser;
-using operating_system::Fenlu3;
 using operating_system::FilterChain;
-using operating_system::MessageRessource;
 using operating_system::UserMessage;
 using test_support::EventRecord;
 using test_support::FieldsOf;
@@ -59,6 +55,21 @@ class Parser : public testing::Test {
             ids.push_back(std::stoul(message.message));
         return ids;
     }
+    /// The texts that begin with a brace, of what is traced while a buffer is processed.
+    std::vector<std::string> LinesTracedAt(UCHAR level, const Bytes& buffer) {
+        constexpr ULONG kMessages = 1;
+        constexpr TRACEHANDLE kLogger = 5;
+        const test_support::Tracing tracing;
+        test_support::EnableTracing(test_support::kModuleGuid, level, kMessages, kLogger);
+        parser_.Process(buffer, messages_);
+        test_support::DisableTracing(test_support::kModuleGuid);
+        std::vector<std::string> lines;
+        for (const test_support::TraceRecord& record : test_support::TakeTraceRecords())
+            if (record.arguments.size() == 1 && record.arguments[0].size() > 8 &&
+                record.Text(0).starts_with("{"))
+                lines.push_back(record.Text(0));
+        return lines;
+    }
     static Bytes Record(DWORD id, const std::wstring& source = L"ours") {
         EventRecord record;
         record.source = source;
@@ -74,16 +85,6 @@ class Parser : public testing::Test {
 
 EventLogRecord RecordFrom(const Bytes& bytes) {
     return EventLogRecord(reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()));
-}
-
-const std::wstring kDriverFile = test_support::ProgramFolder() + L"fenlu3.sys";
-constexpr DWORD kInformationId = 0x40040101;
-constexpr DWORD kWarningId = 0x80040102;
-constexpr DWORD kErrorId = 0xC0040103;
-
-UserMessage DriverMessage(const EventRecord& record) {
-    Fenlu3 filter(std::make_unique<MessageRessource>(kDriverFile));
-    return filter.CreateMessageFrom(RecordFrom(record.Bytes()));
 }
 
 }  // namespace
@@ -168,6 +169,34 @@ TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedAndHasNothing) {
     EXPECT_EQ(hooks.AssertedExpressions()[0], L"rawData_.size() >= sizeof(EVENTLOGRECORD)");
     EXPECT_EQ(hooks.AssertedExpressions()[1], L"tmpPtr != nullptr");
     EXPECT_EQ(hooks.AssertedExpressions().back(), L"pos < rawData_.size()");
+    EXPECT_EQ(hooks.Assertions()[0].sourcePath, L"tessaplug_lib\\src\\evlog_check");
+}
+
+TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedByEachOfItsGetters) {
+    Bytes bytes(20, std::byte{0xFF});
+    FieldsOf(bytes)->Length = 20;
+    const EventLogRecord record = RecordFrom(bytes);
+    const auto assertedBy = [](const auto& get) {
+        const ModuleHooks hooks;
+        get();
+        return hooks.AssertedExpressions();
+    };
+    const std::vector<std::wstring> expected = {L"rawData_.size() >= sizeof(EVENTLOGRECORD)",
+                                                L"tmpPtr != nullptr"};
+    EXPECT_EQ(assertedBy([&] { record.GetMessageId(); }), expected);
+    EXPECT_EQ(assertedBy([&] { record.GetType(); }), expected);
+    EXPECT_EQ(assertedBy([&] { record.GetNumberOfStrings(); }), expected);
+    EXPECT_EQ(assertedBy([&] { record.GetVariableStringArray(); }), expected);
+    EXPECT_EQ(assertedBy([&] { record.GetTimeStampFromRecord(); }),
+              (std::vector<std::wstring>{expected[0], L"EvRec != NULL"}));
+}
+
+TEST(EventLogRecord, TimeStampHasDayAndMonthWithoutAndTheRestWithLeadingZeros) {
+    EventRecord raw;
+    raw.timeGenerated = 1775083509;  // 2026-04-01 22:45:09 UTC
+    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"2.4.2026 04:15:09");
+    raw.timeGenerated = 0xFFFFFFFF;  // 2106-02-07 06:28:15 UTC
+    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"7.2.2106 11:58:15");
 }
 
 TEST(EventLogRecord, SourceNameWithoutAnEndIsNone) {
@@ -247,6 +276,52 @@ TEST_F(Parser, ImpossibleLengthsEndTheBuffer) {
               "EVENTLOGRECORD Length is 0");
 }
 
+TEST_F(Parser, TailOfAnImpossibleLengthIsRefusedLikeARecord) {
+    for (const unsigned size : {4u, 30u, 55u}) {
+        Bytes tail(size);
+        EXPECT_EQ(
+            TextOf<std::invalid_argument>([&] { parser_.Process(Joined({Record(1), tail}), messages_); }),
+            "EVENTLOGRECORD Length is 0");
+        const DWORD tooLong = 0x10001;
+        std::memcpy(tail.data(), &tooLong, sizeof tooLong);
+        EXPECT_EQ(
+            TextOf<std::invalid_argument>([&] { parser_.Process(Joined({Record(1), tail}), messages_); }),
+            "EVENTLOGRECORD Length is > 64Kb! Really?");
+        EXPECT_EQ(messages_.size(), 1u);
+    }
+    EXPECT_EQ(IdsOf(Joined({Record(1), Bytes(3)})), (std::vector<DWORD>{1}))
+        << "of three bytes nothing is known";
+}
+
+TEST_F(Parser, RecordOf64KilobytesIsRead) {
+    Bytes bytes = Record(1);
+    bytes.resize(0x10000);
+    FieldsOf(bytes)->Length = 0x10000;
+    EXPECT_EQ(IdsOf(Joined({bytes, Record(2)})), (std::vector<DWORD>{1, 2}));
+}
+
+TEST_F(Parser, RecordsBehindOneOfAnOddLengthAreRead) {
+    Bytes odd = Record(1);
+    odd.resize(odd.size() + 1);
+    FieldsOf(odd)->Length = static_cast<DWORD>(odd.size());
+    EXPECT_EQ(IdsOf(Joined({odd, Record(2), odd, Record(3)})), (std::vector<DWORD>{1, 2, 1, 3}));
+}
+
+TEST_F(Parser, EachRecordIsPrintedWhenTracingIsVerbose) {
+    EventRecord record;
+    record.source = L"other";
+    record.number = 4711;
+    record.id = 0xC0040103;
+    record.type = EVENTLOG_WARNING_TYPE;
+    record.timeGenerated = 1795257005;
+    const std::string length = std::to_string(record.Bytes().size());
+    const std::string line = "{\"Length\":" + length +
+                             ",\"Record Number\":4711,\"EventID\":3221487875,\"TimeGenerated\":\"21.11.2026 "
+                             "16:00:05\",\"EventType\":\"EVENTLOG_WARNING_TYPE\"}";
+    EXPECT_EQ(LinesTracedAt(TRACE_LEVEL_VERBOSE, record.Bytes()), (std::vector<std::string>{line}));
+    EXPECT_EQ(LinesTracedAt(TRACE_LEVEL_INFORMATION, record.Bytes()), std::vector<std::string>{});
+}
+
 TEST_F(Parser, RecordShorterThanItsHeaderIsSkipped) {
     Bytes stump(24);
     FieldsOf(stump)->Length = 24;
@@ -266,131 +341,4 @@ TEST_F(Parser, DamagedSourceNameDoesNotHideTheNextRecord) {
     Bytes damaged = Record(1);
     std::fill(damaged.begin() + sizeof(EVENTLOGRECORD), damaged.end(), std::byte{'x'});
     EXPECT_EQ(IdsOf(Joined({damaged, Record(2)})), (std::vector<DWORD>{2}));
-}
-
-TEST(MessageFile, NameHasOneTo260Characters) {
-    EXPECT_EQ(TextOf<std::invalid_argument>([] { MessageRessource(L""); }), "Parameter FileName is EMPTY");
-    EXPECT_EQ(TextOf<std::invalid_argument>([] { MessageRessource(std::wstring(261, L'x')); }),
-              "Parameter FileName is > MAX_PATH");
-    EXPECT_NO_THROW(MessageRessource(std::wstring(260, L'x')));
-}
-
-TEST(MessageFile, WantsTheRightSequence) {
-    MessageRessource messages(kDriverFile);
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { messages.ReadMessage(kErrorId, 0, nullptr); }),
-              "Invalid Sequence! Open first");
-    messages.Open();
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { messages.Open(); }), "Invalid Sequence! Already open");
-    messages.Close();
-    EXPECT_NO_THROW(messages.Open());
-}
-
-TEST(MessageFile, MissingFileIsNamed) {
-    MessageRessource messages(L"C:\\no such folder\\no such file.sys");
-    const std::string text = TextOf<CWindowsApiExcp>([&] { messages.Open(); });
-    EXPECT_TRUE(text.starts_with("FAILED! LoadLibraryEx()! LE(")) << text;
-    EXPECT_TRUE(text.ends_with(" Hint: C:\\no such folder\\no such file.sys\n")) << text;
-}
-
-TEST(MessageFile, TextsAreFilledIn) {
-    MessageRessource messages(kDriverFile);
-    messages.Open();
-    EXPECT_EQ(messages.ReadMessage(kErrorId, 2, L"port 0\0no voltage\0"),
-              L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n");
-    EXPECT_EQ(messages.ReadMessage(kErrorId, 0, nullptr), L"The adapter Fennlink U3 (%1) has failed: %2\r\n")
-        << "inserts are ignored";
-    EXPECT_EQ(messages.ReadMessage(0xC0040999, 0, nullptr), L"ERROR: NO STRING FOR EVENT ID");
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { messages.ReadMessage(kErrorId, 1, nullptr); }),
-              "If argc > 0 => provide argv");
-}
-
-TEST(MessageFile, NinetyNineStringsAreAssertedAndNoMoreAreTouched) {
-    MessageRessource messages(kDriverFile);
-    messages.Open();
-    const std::wstring strings(98, L'\0');
-    const ModuleHooks hooks;
-    messages.ReadMessage(kErrorId, 98, strings.c_str());
-    EXPECT_TRUE(hooks.Assertions().empty());
-    messages.ReadMessage(kErrorId, 99, strings.c_str());
-    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"argc < 99"}));
-    EXPECT_NO_THROW(messages.ReadMessage(kErrorId, 5000, strings.c_str()));
-}
-
-TEST(DriverFilter, AcceptsTheDriversRecordsOnly) {
-    Fenlu3 filter;
-    for (const auto& [source, accepted] : std::vector<std::pair<std::wstring, bool>>{
-             {L"fenlu3", true}, {L"fenlu3x", false}, {L"fenlu", false}, {L"FENLU3", false}, {L"", false}}) {
-        EventRecord record;
-        record.source = source;
-        EXPECT_EQ(filter.Validate(RecordFrom(record.Bytes())), accepted);
-    }
-}
-
-TEST(DriverFilter, MakesAMessageOfEachType) {
-    EventRecord record;
-    record.strings = {L"port 0", L"no voltage"};
-    for (const auto& [type, id, severity, text] : std::vector<std::tuple<WORD, DWORD, DWORD, std::wstring>>{
-             {WORD{EVENTLOG_ERROR_TYPE}, kErrorId, 3,
-              L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n"},
-             {WORD{EVENTLOG_WARNING_TYPE}, kWarningId, 2,
-              L"The adapter Fennlink U3 (port 0) works, but not as it should: no voltage\r\n"},
-             {WORD{EVENTLOG_INFORMATION_TYPE}, kInformationId, 1,
-              L"The adapter Fennlink U3 (port 0) reports: no voltage\r\n"},
-             {WORD{EVENTLOG_AUDIT_SUCCESS}, kErrorId, 4,
-              L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n"},
-             {WORD{EVENTLOG_AUDIT_FAILURE}, kErrorId, 4,
-              L"The adapter Fennlink U3 (port 0) has failed: no voltage\r\n"}}) {
-        record.type = type;
-        record.id = id;
-        const UserMessage message = DriverMessage(record);
-        EXPECT_EQ(message.severity, severity);
-        EXPECT_EQ(message.message, text);
-        EXPECT_EQ(message.source, L"fenlu3");
-    }
-}
-
-TEST(DriverFilter, UnknownMessageIsSaid) {
-    EventRecord record;
-    record.id = 0xC0040999;
-    EXPECT_EQ(DriverMessage(record).message, L"ERROR: NO STRING FOR EVENT ID");
-}
-
-TEST(DriverFilter, InvalidTypeIsAsserted) {
-    EventRecord record;
-    record.type = 3;
-    record.id = kErrorId;
-    const ModuleHooks hooks;
-    EXPECT_EQ(DriverMessage(record).severity, 0u);
-    EXPECT_EQ(hooks.AssertedExpressions(),
-              (std::vector<std::wstring>{L"!\"Invalid EventType in EVENTLOGRECORD\""}));
-}
-
-TEST(DriverFilter, StringsOutsideOfTheRecordAreLeftOut) {
-    EventRecord raw;
-    raw.id = kErrorId;
-    raw.strings = {L"port 0", L"no voltage"};
-    Bytes bytes = raw.Bytes();
-    FieldsOf(bytes)->StringOffset = 0xFFFF0000;
-    Fenlu3 filter(std::make_unique<MessageRessource>(kDriverFile));
-    EXPECT_EQ(filter.CreateMessageFrom(RecordFrom(bytes)).message,
-              L"The adapter Fennlink U3 (%1) has failed: %2\r\n");
-}
-
-TEST(DriverFilter, ClosesTheFileAlsoAfterAFailure) {
-    class Failing : public MessageRessource {
-      public:
-        explicit Failing(int& closed) : MessageRessource(L"x"), closed_(closed) {}
-        void Open() override {}
-        void Close() override { ++closed_; }
-        std::wstring ReadMessage(DWORD, DWORD, const wchar_t*) override {
-            throw std::runtime_error("unreadable");
-        }
-
-      private:
-        int& closed_;
-    };
-    int closed = 0;
-    Fenlu3 filter(std::make_unique<Failing>(closed));
-    EXPECT_THROW(filter.CreateMessageFrom(RecordFrom(EventRecord().Bytes())), std::runtime_error);
-    EXPECT_EQ(closed, 1);
 }

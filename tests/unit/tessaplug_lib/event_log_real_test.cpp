@@ -1,0 +1,281 @@
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "event_log_file.h"
+#include "evlog_check.h"
+#include "module_hooks.h"
+#include "wine_gap_loader.h"
+
+// The reader on a real log of its own.
+namespace {
+
+using operating_system::EventLog;
+using operating_system::EventLogFilterIf;
+using operating_system::EventLogRecord;
+using operating_system::EventRecordParser;
+using operating_system::FilterChain;
+using operating_system::UserMessage;
+
+/// A log whose service can be away: then every handle is dead, and none can be had.
+class LogWithAService : public windows_api::Advapi32 {
+  public:
+    HANDLE OpenEventLogW(const wchar_t* server, const wchar_t* source) override {
+        return Alive() ? Advapi32::OpenEventLogW(server, source) : nullptr;
+    }
+    BOOL GetOldestEventLogRecord(HANDLE log, DWORD* oldest) override {
+        return Alive() && Advapi32::GetOldestEventLogRecord(log, oldest);
+    }
+    BOOL ReadEventLogW(HANDLE log, DWORD flags, DWORD offset, void* buffer, DWORD size, DWORD* read,
+                       DWORD* needed) override {
+        return Alive() && Advapi32::ReadEventLogW(log, flags, offset, buffer, size, read, needed);
+    }
+    bool isAway = false;
+
+  private:
+    bool Alive() const {
+        if (isAway) ::SetLastError(RPC_S_SERVER_UNAVAILABLE);
+        return !isAway;
+    }
+};
+
+/// Notifications of which none reaches the reader, as on Windows when it pulses the event while nobody waits.
+/// Every wait is over at once.
+class LostNotifications : public windows_api::CKernel32 {
+  public:
+    DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD timeout) override {
+        if (!areLost) return CKernel32::WaitForMultipleObjects(count, handles, waitAll, timeout);
+        ++waits;
+        return WAIT_TIMEOUT;
+    }
+    bool areLost = false;
+    int waits = 0;
+};
+
+constexpr wchar_t kName[] = L"ReaderTest";
+
+/// How large the log may grow, of its lifetime.
+class LogSizeLimit {
+  public:
+    explicit LogSizeLimit(DWORD bytes) {
+        EXPECT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize", REG_DWORD, &bytes, sizeof bytes),
+                  ERROR_SUCCESS);
+    }
+    ~LogSizeLimit() { ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey); }
+    LogSizeLimit(const LogSizeLimit&) = delete;
+    LogSizeLimit& operator=(const LogSizeLimit&) = delete;
+
+  private:
+    static constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\ReaderTest";
+};
+
+class EveryRecord : public EventLogFilterIf {
+  public:
+    bool Validate(const EventLogRecord&) override { return true; }
+    UserMessage CreateMessageFrom(const EventLogRecord& record) override {
+        return {3, record.GetVariableStringArray(), record.GetSourceName()};
+    }
+};
+
+class RealLog : public testing::Test {
+  protected:
+    static void SetUpTestSuite() { loaded_ = LoadWineGap(); }
+    std::unique_ptr<EventLog> MakeReader() {
+        auto service = std::make_unique<LogWithAService>();
+        auto events = std::make_unique<LostNotifications>();
+        service_ = service.get();
+        events_ = events.get();
+        return std::make_unique<EventLog>(kName, std::move(service), std::move(events));
+    }
+    void SetUp() override {
+        if (!IsWine()) GTEST_SKIP() << "writes the stand-in's log files";
+        ASSERT_TRUE(loaded_);
+        file_.Clear();
+        log_.Open();
+    }
+    void AppendGiant() {
+        const std::vector<BYTE> data(0x110000);
+        ASSERT_EQ(file_.Append({{L"test", 1, 0, 1, {L"giant"}, data}}), DWORD{ERROR_SUCCESS});
+    }
+    void Append(const std::wstring& text) { file_.Append({{L"test", 1, 0, 1, {text}, {}}}); }
+    /// Lets the reader take its position, as its first read does.
+    void Position() {
+        log_.CancelRead();
+        EXPECT_TRUE(log_.BlockingRead().empty());
+    }
+    std::vector<std::wstring> TextsOfOneRead() {
+        std::vector<UserMessage> messages;
+        parser_.Process(log_.BlockingRead(), messages);
+        std::vector<std::wstring> texts;
+        for (const UserMessage& message : messages)
+            texts.push_back(message.message);
+        return texts;
+    }
+    using Texts = std::vector<std::wstring>;
+
+    static inline bool loaded_ = false;
+    const wine_gap::EventLogFile file_{kName};
+    LogWithAService* service_ = nullptr;
+    LostNotifications* events_ = nullptr;
+    std::unique_ptr<EventLog> reader_ = MakeReader();
+    EventLog& log_ = *reader_;
+    EventRecordParser parser_{std::make_shared<FilterChain>(FilterChain{std::make_shared<EveryRecord>()})};
+};
+
+}  // namespace
+
+TEST_F(RealLog, RecordsFromBeforeAreNeverReturned) {
+    Append(L"old");
+    Position();
+    Append(L"new");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"new"}));
+}
+
+TEST_F(RealLog, EmptyLogIsReadFromItsFirstRecord) {
+    Position();
+    Append(L"first");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"first"}));
+}
+
+TEST_F(RealLog, BurstIsReadCompletely) {
+    Append(L"old");
+    Position();
+    const std::vector<wine_gap::Event> burst(2000, wine_gap::Event{L"test", 1, 0, 1, {L"text"}, {}});
+    file_.Append(burst);
+    std::size_t count = 0;
+    while (count < burst.size())
+        count += TextsOfOneRead().size();
+    EXPECT_EQ(count, burst.size());
+    Append(L"last");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"last"}));
+}
+
+TEST_F(RealLog, CancelEndsAReadThatWaits) {
+    Append(L"old");
+    const ULONGLONG start = ::GetTickCount64();
+    std::thread canceller([this] {
+        ::Sleep(200);
+        log_.CancelRead();
+    });
+    EXPECT_TRUE(log_.BlockingRead().empty());
+    canceller.join();
+    EXPECT_LT(::GetTickCount64() - start, 1000u);
+}
+
+TEST_F(RealLog, ClearedLogIsReadOn) {
+    Append(L"old");
+    Position();
+    file_.Clear();
+    std::thread writer([this] {
+        ::Sleep(300);  // until the reader has opened the log again
+        Append(L"after clearing");
+    });
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"after clearing"}));
+    writer.join();
+    Append(L"later");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"later"}));
+}
+
+TEST_F(RealLog, LogThatDroppedItsOlderHalfIsReadOn) {
+    Append(L"old");
+    Position();
+    const std::wstring big(20000, L'x');
+    for (int i = 0; i < 60; ++i)
+        Append(big);
+    Append(L"last");
+    Texts texts;
+    do
+        texts = TextsOfOneRead();
+    while (texts.back() == big);
+    EXPECT_EQ(texts.back(), L"last");
+}
+
+TEST_F(RealLog, RecordWhosePulseNobodyWaitedForIsReadBeforeTheNextWait) {
+    Position();
+    Append(L"first");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"first"}));
+    events_->areLost = true;
+    Append(L"behind the open box");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind the open box"}));
+    EXPECT_EQ(events_->waits, 0);
+}
+
+TEST_F(RealLog, RecordThatWasNeverToldOfIsFoundWhenTheWaitIsOver) {
+    Position();
+    events_->areLost = true;
+    Append(L"untold");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"untold"}));
+    EXPECT_EQ(events_->waits, 1);
+}
+
+TEST_F(RealLog, RecordOfMoreThanOneMegabyteHidesNoneBehindIt) {
+    const LogSizeLimit limit(0x1000000);
+    Position();
+    Append(L"in front");
+    AppendGiant();
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"in front"}));
+    Append(L"behind");
+    EXPECT_EQ(TextsOfOneRead(), Texts{}) << "the read that meets it ends";
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind"}));
+    Append(L"later");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"later"}));
+}
+
+TEST_F(RealLog, GiantsInARowHideNone) {
+    const LogSizeLimit limit(0x1000000);
+    Position();
+    for (int i = 0; i < 3; ++i)
+        AppendGiant();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(TextsOfOneRead(), Texts{}) << "the read that meets one ends";
+        EXPECT_TRUE(log_.Reopen()) << "as the monitor does";
+    }
+    Append(L"behind them");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind them"}));
+}
+
+TEST_F(RealLog, GiantThatIsTheNewestRecordIsPositionedBehind) {
+    const LogSizeLimit limit(0x1000000);
+    AppendGiant();
+    Position();
+    Append(L"new");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"new"}));
+}
+
+TEST_F(RealLog, NothingIsLostOrReturnedTwiceWhenItsServiceWasRestarted) {
+    Append(L"old");
+    Position();
+    Append(L"before");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
+    service_->isAway = true;
+    EXPECT_EQ(TextsOfOneRead(), Texts{});
+    EXPECT_FALSE(log_.Reopen());
+    Append(L"meanwhile");
+    EXPECT_FALSE(log_.Reopen());
+    service_->isAway = false;
+    EXPECT_TRUE(log_.Reopen());
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"meanwhile"}));
+    Append(L"after");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"after"})) << "the new handle is told of changes";
+    EXPECT_TRUE(log_.Reopen());
+    Position();  // and ends: there is nothing to read
+}
+
+TEST_F(RealLog, LogThatWasClearedWhileItsServiceWasAwayIsReadOn) {
+    Append(L"old");
+    Append(L"older");
+    Position();
+    Append(L"before");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
+    service_->isAway = true;
+    EXPECT_EQ(TextsOfOneRead(), Texts{});
+    file_.Clear();
+    service_->isAway = false;
+    EXPECT_TRUE(log_.Reopen());
+    Position();
+    Append(L"first of the cleared log");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"first of the cleared log"}));
+}
