@@ -30,6 +30,7 @@ class SystemMessageBox {
     /// @throws std::runtime_error if no session is active
     /// @throws std::invalid_argument if there is no session at all
     /// @throws modul_exception::CWindowsApiExcp if Windows refuses
+    /// @throws ForeignException if the session library raises a structured exception
     virtual DWORD Show(const wchar_t* title, const wchar_t* message, DWORD style);
 
     /// Frees the session library; the next box loads it again.

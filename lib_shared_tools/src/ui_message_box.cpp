@@ -8,6 +8,7 @@
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
 
@@ -80,9 +81,13 @@ DWORD SystemMessageBox::FirstActiveSession() {
     FUNCTION_TRACE();
     WTS_SESSION_INFOW* sessions = nullptr;
     DWORD count = 0;
-    if (!wts_->WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count))
+    if (!CallForeign(
+            [&] { return wts_->WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count); }))
         MODUL_THROW(CWindowsApiExcp("WTSEnumerateSessionsW()", ""));
-    const auto release = [this](WTS_SESSION_INFOW* list) { wts_->WTSFreeMemory(list); };
+    const auto release = [this](WTS_SESSION_INFOW* list) {
+        auto free = [&] { wts_->WTSFreeMemory(list); };
+        if (const DWORD code = CallGuarded(free)) TRACE_WARNING(11, "WTSFreeMemory raised 0x%x", code);
+    };
     const std::unique_ptr<WTS_SESSION_INFOW, decltype(release)> owner(sessions, release);
     return GetFirstActiveUserFrom(sessions, count);
 }
@@ -94,9 +99,12 @@ DWORD SystemMessageBox::Show(const wchar_t* title, const wchar_t* message, DWORD
     std::wstring titleBuffer = title != nullptr ? title : L"(null)";
     std::wstring messageBuffer = message != nullptr ? message : L"(null)";
     DWORD response = 0;
-    if (!wts_->WTSSendMessageW(WTS_CURRENT_SERVER_HANDLE, session, titleBuffer.data(),
-                               SizeInBytes(titleBuffer), messageBuffer.data(), SizeInBytes(messageBuffer),
-                               style, 0, &response, TRUE))
+    const DWORD titleSize = SizeInBytes(titleBuffer);
+    const DWORD messageSize = SizeInBytes(messageBuffer);
+    if (!CallForeign([&] {
+            return wts_->WTSSendMessageW(WTS_CURRENT_SERVER_HANDLE, session, titleBuffer.data(), titleSize,
+                                         messageBuffer.data(), messageSize, style, 0, &response, TRUE);
+        }))
         MODUL_THROW(CWindowsApiExcp("WTSSendMessageW()", ""));
     TRACE_INFO(10, "Box %s in session %u answered with %u", ButtonsName(style), session, response);
     return response;

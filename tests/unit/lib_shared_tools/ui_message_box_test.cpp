@@ -1,5 +1,6 @@
 #include "ui_message_box.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "module_hooks.h"
+#include "structured_exception.h"
 #include "text_of.h"
 #include "windows_api_excp.h"
 
@@ -23,6 +25,9 @@ struct Desk {
     bool nullList = false;
     bool refuseList = false;
     bool refuseMessage = false;
+    std::function<void()> onList;
+    std::function<void()> onFree;
+    std::function<void()> onMessage;
     int loaded = 0;
     int listsInUse = 0;
     DWORD session = 0;
@@ -41,6 +46,7 @@ class FakeWts : public windows_api::CWtsapi32 {
         EXPECT_EQ(server, nullptr);
         EXPECT_EQ(reserved, 0u);
         EXPECT_EQ(version, 1u);
+        if (desk_.onList) desk_.onList();
         if (desk_.refuseList) return Fail();
         ++desk_.listsInUse;
         *sessions = desk_.nullList ? nullptr : desk_.sessions.data();
@@ -50,6 +56,7 @@ class FakeWts : public windows_api::CWtsapi32 {
     void WTSFreeMemory(void* memory) override {
         EXPECT_EQ(memory, desk_.sessions.data());
         --desk_.listsInUse;
+        if (desk_.onFree) desk_.onFree();
     }
     BOOL WTSSendMessageW(HANDLE server, DWORD session, wchar_t* title, DWORD titleSize, wchar_t* message,
                          DWORD messageSize, DWORD style, DWORD timeout, DWORD* response, BOOL wait) override {
@@ -60,6 +67,7 @@ class FakeWts : public windows_api::CWtsapi32 {
         desk_.title.assign(title, titleSize / sizeof(wchar_t));
         desk_.message.assign(message, messageSize / sizeof(wchar_t));
         desk_.style = style;
+        if (desk_.onMessage) desk_.onMessage();
         if (desk_.refuseMessage) return Fail();
         *response = IDRETRY;
         return TRUE;
@@ -72,6 +80,15 @@ class FakeWts : public windows_api::CWtsapi32 {
     }
     Desk& desk_;
 };
+
+void RaiseForeignException() {
+    constexpr DWORD kCppExceptionOfAnotherRunTime = 0xE06D7363;
+    ::RaiseException(kCppExceptionOfAnotherRunTime, 0, 0, nullptr);
+}
+
+[[gnu::noinline]] void ReadFromNull() {
+    static_cast<void>(*static_cast<volatile int*>(nullptr));  // NOLINT: the fault is what is tested
+}
 
 class MessageBoxOfASession : public testing::Test {
   protected:
@@ -137,4 +154,21 @@ TEST_F(MessageBoxOfASession, LibraryIsLoadedWithTheFirstAndReleased) {
     EXPECT_EQ(desk_.loaded, 0);
     box_.Show(L"t", L"m", 0);
     EXPECT_EQ(desk_.loaded, 1);
+}
+
+TEST_F(MessageBoxOfASession, WhatTheSessionLibraryRaisesIsAnException) {
+    using operating_system::ForeignException;
+    for (const auto& raise : {&RaiseForeignException, &ReadFromNull}) {
+        desk_.onList = raise;
+        EXPECT_THROW(box_.Show(L"title", L"text", MB_OK), ForeignException);
+        desk_.onList = nullptr;
+        desk_.onMessage = raise;
+        EXPECT_THROW(box_.Show(L"title", L"text", MB_OK), ForeignException);
+        EXPECT_EQ(desk_.listsInUse, 0) << "the list of sessions is given back";
+        desk_.onMessage = nullptr;
+        desk_.onFree = raise;
+        EXPECT_EQ(box_.Show(L"title", L"text", MB_OK), static_cast<DWORD>(IDRETRY)) << "its box was shown";
+        desk_.onFree = nullptr;
+        EXPECT_EQ(box_.Show(L"title", L"text", MB_OK), static_cast<DWORD>(IDRETRY)) << "the next one works";
+    }
 }
