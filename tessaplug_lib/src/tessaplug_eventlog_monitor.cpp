@@ -1,11 +1,14 @@
 #include "tessaplug_eventlog_monitor.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
+#include "tessaplug.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
 
@@ -24,6 +27,7 @@ std::atomic<bool> monitorReleased = false;
 
 EventLogMonitor::EventLogMonitor(EventLogMonitorCollaborators collaborators)
     : kernel32_(std::move(collaborators.kernel32)),
+      sleep_(std::move(collaborators.sleep)),
       eventLog_(std::move(collaborators.eventLog)),
       messageBox_(std::move(collaborators.messageBox)) {
     FUNCTION_TRACE();
@@ -39,25 +43,54 @@ EventLogMonitor::~EventLogMonitor() {
 
 DWORD EventLogMonitor::Run() {
     FUNCTION_TRACE();
+    bool watches = false;
     try {
-        if (RunningInstance >= 1) {
-            TRACE_WARNING(11, "The monitor runs already");
-            return 0;
-        }
-        monitorReleased = false;
-        // After the flag was cleared: Abandon sets it last.
-        if (abandoned_) return 0;
-        eventLog_->Open();
-        ThreadChangeState(State::kRunning);
-        RunInternal();
-        if (monitorReleased) TRACE_WARNING(12, "The monitor was released");
-        HandleThreadStop();
+        // What partners raise is caught where they are called; this is for the rest.
+        operating_system::CallForeign([&] { Watch(watches); });
+        return 0;
     } catch (const std::exception& error) {
         TRACE_ERROR(13, "The monitor ends: %s", error.what());
     } catch (...) {
         TRACE_ERROR(14, "The monitor ends: unknown exception");
     }
+    // A start that fails is reported by the one who started; an end that was asked for is none to report.
+    if (watches && IsWanted()) ReportEnd();
     return 0;
+}
+
+/// @param watches whether the log is being watched, also when it is left by an exception
+void EventLogMonitor::Watch(bool& watches) {
+    FUNCTION_TRACE();
+    if (RunningInstance >= 1) {
+        TRACE_WARNING(11, "The monitor runs already");
+        return;
+    }
+    monitorReleased = false;
+    // After the flag was cleared: Abandon sets it last.
+    if (abandoned_) return;
+    eventLog_->Open();
+    ThreadChangeState(State::kRunning);
+    watches = true;
+    RunInternal();
+    watches = false;
+    if (monitorReleased) TRACE_WARNING(12, "The monitor was released");
+    HandleThreadStop();
+}
+
+bool EventLogMonitor::IsWanted() const {
+    FUNCTION_TRACE();
+    return RunningInstance > 0 && !monitorReleased;
+}
+
+/// Says in the Application log what nobody would learn otherwise: that drivers' errors are shown no longer.
+void EventLogMonitor::ReportEnd() {
+    FUNCTION_TRACE();
+    constexpr unsigned int kWarning = 2;
+    try {
+        operating_system::CallForeign([] { _ModulSysLog_00(kWarning, TESSAPLUG_EVENT_MONITOR_ENDED); });
+    } catch (...) {
+        TRACE_ERROR(21, "The end of the monitor could not be reported");
+    }
 }
 
 void EventLogMonitor::RunInternal() {
@@ -72,18 +105,34 @@ void EventLogMonitor::RunInternal() {
         if (monitorReleased) return;
         Show(messages);
         messages.clear();
-        if (buffer.empty()) PauseAfterFailedRead();
+        if (buffer.empty()) RecoverFromFailedRead();
     } while (RunningInstance > 0);
 }
 
-/// A read that was not cancelled returned nothing: the log cannot be read just now. Tried again at once, that
-/// would take a whole processor for as long as it lasts.
+/// A read that was not cancelled returned nothing: the log cannot be read just now, because its service was
+/// restarted or its file is damaged. It is opened again for as long as it takes.
+void EventLogMonitor::RecoverFromFailedRead() {
+    FUNCTION_TRACE();
+    bool isOpen = false;
+    while (!isOpen && IsWanted()) {
+        PauseAfterFailedRead();
+        if (IsWanted()) isOpen = eventLog_->Reopen();
+    }
+}
+
+/// Tried again at once, it would take a whole processor for as long as it lasts. In steps, because a stop
+/// does not wait.
 void EventLogMonitor::PauseAfterFailedRead() const {
     FUNCTION_TRACE();
     constexpr DWORD kStepMs = 50;
-    constexpr int kSteps = 20;
-    for (int i = 0; i < kSteps && RunningInstance > 0 && !monitorReleased; ++i)
-        ::Sleep(kStepMs);
+    constexpr DWORD kShortestMs = 1000;
+    constexpr DWORD kLongestMs = 60000;
+    constexpr DWORD kMostDoublings = 6;
+    const DWORD doublings = std::min(std::max(eventLog_->FailedReads(), DWORD{1}) - 1, kMostDoublings);
+    const DWORD pause = std::min(kShortestMs << doublings, kLongestMs);
+    TRACE_WARNING(22, "The log is opened again in %u ms", pause);
+    for (DWORD waited = 0; waited < pause && IsWanted(); waited += kStepMs)
+        sleep_(kStepMs);
 }
 
 void EventLogMonitor::Show(const std::vector<UserMessage>& messages) {
@@ -104,7 +153,7 @@ void EventLogMonitor::HandleThreadStop() {
     if (!stopFlag_) return;
     TRACE_WARNING(16, "Waiting to be released");
     while (!monitorReleased)
-        ::Sleep(kStepMs);
+        sleep_(kStepMs);
     TRACE_WARNING(17, "Released");
 }
 

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -24,6 +25,7 @@ struct EventLogMonitorCollaborators {
     std::unique_ptr<operating_system::SystemMessageBox> messageBox =
         std::make_unique<operating_system::SystemMessageBox>();
     std::shared_ptr<windows_api::CKernel32> kernel32 = std::make_shared<windows_api::CKernel32>();
+    std::function<void(DWORD milliseconds)> sleep = ::Sleep;
 };
 
 /// Shows the errors that the adapters' drivers report into the System event log to the user, one after the
@@ -40,7 +42,9 @@ class EventLogMonitor {
     EventLogMonitor& operator=(const EventLogMonitor&) = delete;
 
     /// Watches the log until it is stopped; returns at once if it runs already. An exception on its way, also
-    /// one of the log or of a message box, ends it without the state changing to stopped. Never throws.
+    /// one of the log or of a message box and one that is no C++ exception, ends it without the state
+    /// changing to stopped, and with a warning in the Application log. A log that cannot be read does not end
+    /// it: it is opened again, at intervals that grow up to a minute. Never throws.
     /// @return 0
     virtual DWORD Run();
     /// @param stopFlag whether Run waits, at its end, until `monitorReleased` is set
@@ -58,12 +62,17 @@ class EventLogMonitor {
     enum class State { kRunning = 0, kStopped = 1 };
 
     void ThreadChangeState(State state);
+    bool IsWanted() const;
+    void Watch(bool& watches);
     void RunInternal();
+    void RecoverFromFailedRead();
     void PauseAfterFailedRead() const;
     void Show(const std::vector<operating_system::UserMessage>& messages);
     void HandleThreadStop();
+    static void ReportEnd();
 
     std::shared_ptr<windows_api::CKernel32> kernel32_;
+    std::function<void(DWORD milliseconds)> sleep_;
     HANDLE threadState_ = nullptr;  // auto-reset; signalled at each change
     std::atomic<long> RunningInstance = 0;
     std::atomic<bool> stopFlag_ = false;
