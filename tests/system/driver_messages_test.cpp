@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
 #include "event_log_file.h"
 #include "message_window.h"
@@ -20,6 +21,47 @@ using test_support::WaitForMessageBox;
 
 constexpr wchar_t kTitle[] = L"fenlu3";
 enum Severity : DWORD { kInformation = 1, kWarning = 2, kError = 3 };
+
+/// How large the System log may grow, of its lifetime.
+class LogSizeLimit {
+  public:
+    explicit LogSizeLimit(DWORD bytes) {
+        EXPECT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize", REG_DWORD, &bytes, sizeof bytes),
+                  ERROR_SUCCESS);
+    }
+    ~LogSizeLimit() { ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize"); }
+    LogSizeLimit(const LogSizeLimit&) = delete;
+    LogSizeLimit& operator=(const LogSizeLimit&) = delete;
+
+  private:
+    static constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\System";
+};
+
+/// A file that has another name in its lifetime.
+class HiddenFile {
+  public:
+    explicit HiddenFile(std::wstring path) : path_(std::move(path)) {
+        EXPECT_TRUE(::MoveFileExW(path_.c_str(), Elsewhere().c_str(), MOVEFILE_REPLACE_EXISTING));
+    }
+    ~HiddenFile() {
+        EXPECT_TRUE(::MoveFileExW(Elsewhere().c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING));
+    }
+    HiddenFile(const HiddenFile&) = delete;
+    HiddenFile& operator=(const HiddenFile&) = delete;
+
+  private:
+    std::wstring Elsewhere() const { return path_ + L".hidden"; }
+    std::wstring path_;
+};
+
+std::size_t WarningsOfTheMonitorsEnd() {
+    const std::string log = RunCommand(L"tessactl.exe log").output;
+    const std::string sentence = "no longer shows the errors that the adapters' drivers report";
+    std::size_t count = 0;
+    for (std::size_t at = log.find(sentence); at != std::string::npos; at = log.find(sentence, at + 1))
+        ++count;
+    return count;
+}
 
 class DriverMessages : public system_tests::Station {
   protected:
@@ -113,6 +155,32 @@ TEST_F(DriverMessages, ClearedLogIsWatchedOn) {
     ::Sleep(500);  // until the monitor has opened it again: what is written meanwhile counts as old
     ReportFromDriver(kError, L"after clearing");
     ExpectBox(L"after clearing");
+}
+
+TEST_F(DriverMessages, ErrorBehindARecordOfMoreThanOneMegabyteIsShown) {
+    const LogSizeLimit limit(0x1000000);
+    StartService();
+    wine_gap::Event giant;
+    giant.source = L"somebody";
+    giant.type = EVENTLOG_ERROR_TYPE;
+    giant.data.resize(0x110000);
+    ASSERT_EQ(systemLog_.Append({giant}), static_cast<DWORD>(ERROR_SUCCESS));
+    ReportFromDriver(kError, L"behind the giant");
+    ExpectBox(L"behind the giant");
+    ASSERT_EQ(systemLog_.Append({giant, giant}), static_cast<DWORD>(ERROR_SUCCESS));
+    ReportFromDriver(kError, L"behind two");
+    ExpectBox(L"behind two");
+    ExpectNoBox();
+}
+
+TEST_F(DriverMessages, MonitorThatHasEndedIsToldInTheApplicationLogOnce) {
+    const std::size_t before = WarningsOfTheMonitorsEnd();
+    const HiddenFile driver(L"C:\\windows\\system32\\drivers\\fenlu3.sys");
+    StartService();
+    ReportFromDriver(kError, L"without words");
+    EXPECT_TRUE(test_support::Eventually([before] { return WarningsOfTheMonitorsEnd() == before + 1; }));
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    EXPECT_EQ(WarningsOfTheMonitorsEnd(), before + 1);
 }
 
 TEST_F(DriverMessages, OpenBoxDoesNotKeepTheServiceFromARestart) {

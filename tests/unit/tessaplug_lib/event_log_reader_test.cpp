@@ -67,6 +67,12 @@ TEST_F(Reader, ReadBeforeOpenIsRefused) {
     EXPECT_EQ(TextOf<std::runtime_error>([&] { log_->BlockingRead(); }), "Invalid sequence -> open first");
 }
 
+TEST_F(Reader, FailuresAreFiledUnderTheSourcePathThatStaffKnow) {
+    EXPECT_THROW(log_->BlockingRead(), std::runtime_error);
+    EXPECT_STREQ(NewestException().file, "evlog_check");
+    EXPECT_STREQ(NewestException().function, "operating_system::EventLog::BlockingRead");
+}
+
 TEST_F(Reader, FirstReadPositionsBehindTheNewestRecord) {
     log_->Open();
     journal_.clear();

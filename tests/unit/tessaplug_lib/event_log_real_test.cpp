@@ -1,10 +1,15 @@
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "data_folder.h"
 #include "event_log_file.h"
 #include "evlog_check.h"
 #include "module_hooks.h"
@@ -70,6 +75,33 @@ class LogSizeLimit {
 
   private:
     static constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\ReaderTest";
+};
+
+/// The length of the log's first record is nonsense in its lifetime.
+class DamagedFirstRecord {
+  public:
+    DamagedFirstRecord() : length_(Exchange(0)) {}
+    ~DamagedFirstRecord() { Exchange(length_); }
+    DamagedFirstRecord(const DamagedFirstRecord&) = delete;
+    DamagedFirstRecord& operator=(const DamagedFirstRecord&) = delete;
+
+  private:
+    /// The record is found by its signature, which follows its length.
+    static DWORD Exchange(DWORD length) {
+        const std::wstring path = wine_gap::DataFolder() + L"\\" + kName + L".log";
+        std::fstream file(std::filesystem::path(path), std::ios::binary | std::ios::in | std::ios::out);
+        const std::string bytes(std::istreambuf_iterator<char>(file), {});
+        const std::size_t at = bytes.find("LfLe");
+        EXPECT_NE(at, std::string::npos);
+        DWORD before = 0;
+        std::memcpy(&before, bytes.data() + at - sizeof before, sizeof before);
+        file.clear();
+        file.seekp(static_cast<std::streamoff>(at - sizeof length));
+        file.write(reinterpret_cast<const char*>(&length), sizeof length);
+        return before;
+    }
+
+    DWORD length_;
 };
 
 class EveryRecord : public EventLogFilterIf {
@@ -278,4 +310,29 @@ TEST_F(RealLog, LogThatWasClearedWhileItsServiceWasAwayIsReadOn) {
     Position();
     Append(L"first of the cleared log");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"first of the cleared log"}));
+}
+
+TEST_F(RealLog, NothingIsLostInALogThatWasDamagedAndMended) {
+    Position();
+    Append(L"in the damaged log");
+    {
+        const DamagedFirstRecord damage;
+        EXPECT_EQ(TextsOfOneRead(), Texts{});
+        EXPECT_TRUE(log_.Reopen());
+        EXPECT_EQ(TextsOfOneRead(), Texts{});
+        EXPECT_EQ(log_.FailedReads(), 2u);
+    }
+    EXPECT_TRUE(log_.Reopen());
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"in the damaged log"}));
+    EXPECT_EQ(log_.FailedReads(), 0u);
+}
+
+TEST_F(RealLog, DamagedRecordHidesNoneBehindIt) {
+    Position();
+    Append(L"damaged");
+    const DamagedFirstRecord damage;
+    EXPECT_EQ(TextsOfOneRead(), Texts{});
+    Append(L"behind");
+    EXPECT_TRUE(log_.Reopen());
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind"}));
 }

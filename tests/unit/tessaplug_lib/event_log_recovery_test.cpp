@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "module_hooks.h"
 #include "scripted_event_log.h"
@@ -114,12 +116,12 @@ TEST_F(Reader, RecordNumbersMayStartAgainAtZero) {
 }
 
 TEST_F(Reader, LogThatWasClearedBeforeItIsOpenedAgainIsWatchedFromItsNewestRecord) {
-    // Whether its numbers have not yet come as far again or have.
-    for (const DWORD count : {DWORD{3}, DWORD{30}}) {
+    // Whether its numbers have not yet come as far again or have, and whether it had dropped records before.
+    for (const auto& [oldest, count] : std::vector<std::pair<DWORD, DWORD>>{{5, 3}, {5, 30}, {1, 3}}) {
         SCOPED_TRACE(count);
         log_->Close();
-        system_->oldestRecord = 5;
-        system_->recordCount = 3;
+        system_->oldestRecord = oldest;
+        system_->recordCount = 8 - oldest;  // to 7
         ReadTwoRecords();
         EXPECT_TRUE(log_->Reopen());
         system_->oldestRecord = 1;

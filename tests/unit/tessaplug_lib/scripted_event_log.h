@@ -191,18 +191,28 @@ class Reader : public testing::Test {
         journal_.clear();
     }
 
-    /// Expects a read that returns nothing because of the failure whose text begins so.
+    /// Expects a read that returns nothing because of the failure of this text; of one that goes on with the
+    /// system's own text this is the beginning.
     void ExpectFailedRead(const std::string& text) {
+        const DWORD failedBefore = log_->FailedReads();
         EXPECT_TRUE(log_->BlockingRead().empty());
+        EXPECT_EQ(log_->FailedReads(), failedBefore + 1);
+        const std::string newest = NewestException().what;
+        if (text.find("! LE(") == std::string::npos) {
+            EXPECT_EQ(newest, text);
+        } else {
+            EXPECT_TRUE(newest.starts_with(text) && newest.ends_with(" Hint: \n")) << newest;
+        }
+    }
+    static const modul_exception::ExceptionRecord& NewestException() {
         using modul_exception::exceptionHistory;
-        const auto& newest = exceptionHistory.records[(exceptionHistory.writeIndex + 4) % 5];
-        EXPECT_TRUE(std::string(newest.what).starts_with(text)) << newest.what;
+        return exceptionHistory.records[(exceptionHistory.writeIndex + 4) % 5];
     }
 
     /// Positions, and reads the two records behind record 7: 8 and 9.
     void ReadTwoRecords() {
         OpenAndPosition();
-        system_->recordCount = 5;
+        system_->recordCount += 2;
         system_->reads = {{ERROR_SUCCESS, 0, Records({8, 9})}};
         kernel32_->waits = {kChanged};
         EXPECT_EQ(log_->BlockingRead(), Records({8, 9}));
