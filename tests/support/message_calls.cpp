@@ -40,6 +40,12 @@ HMODULE WINAPI Load(const wchar_t* file, HANDLE reserved, DWORD flags) {
     return module;
 }
 
+HLOCAL WINAPI Free(HLOCAL memory) {
+    static const auto system = System<decltype(&::LocalFree)>("LocalFree");
+    if (MessageCalls* calls = liveCalls) calls->freed.push_back(memory);
+    return system(memory);
+}
+
 }  // namespace
 
 MessageCalls::MessageCalls() {
@@ -53,12 +59,15 @@ MessageCalls::~MessageCalls() {
 }  // namespace test_support
 
 using test_support::Format;
+using test_support::Free;
 using test_support::Load;
 
 // In place of the import library's pointers.
 extern "C" {
 extern void* const __imp_FormatMessageW;
 extern void* const __imp_LoadLibraryExW;
+extern void* const __imp_LocalFree;
 void* const __imp_FormatMessageW = reinterpret_cast<void*>(&Format);
 void* const __imp_LoadLibraryExW = reinterpret_cast<void*>(&Load);
+void* const __imp_LocalFree = reinterpret_cast<void*>(&Free);
 }

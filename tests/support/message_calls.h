@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// Stands between a program that links it and the two system functions that message files are read with.
+/// Stands between a program that links it and the system functions that message files are read with.
 namespace test_support {
 
 /// One FormatMessageW.
@@ -37,6 +37,7 @@ struct MessageCalls {
 
     std::vector<FormatCall> formatted;
     std::vector<LoadCall> loaded;
+    std::vector<HLOCAL> freed;       ///< by LocalFree
     std::function<void()> onFormat;  ///< called first, if there is one
     std::function<void()> onLoad;
 };

@@ -219,6 +219,17 @@ TEST(MessageFile, InsertionStringsGoInAsAnArray) {
     EXPECT_EQ(calls.formatted[0].arguments, (std::vector<std::wstring>{L"port 0", L"", L"no voltage"}));
 }
 
+TEST(MessageFile, TextThatWindowsAllocatesIsFreed) {
+    MessageRessource messages(kDriverFile);
+    messages.Open();
+    const MessageCalls calls;
+    messages.ReadMessage(0xC0040999, 0, nullptr);
+    EXPECT_TRUE(calls.freed.empty()) << "there is none";
+    messages.ReadMessage(kErrorId, 0, nullptr);
+    ASSERT_EQ(calls.freed.size(), 1u);
+    EXPECT_NE(calls.freed[0], nullptr);
+}
+
 TEST(MessageFile, InsertsAreIgnoredWithoutStrings) {
     MessageRessource messages(kDriverFile);
     messages.Open();

@@ -231,6 +231,19 @@ TEST_F(Reader, DamagedRecordIsPassedOverIfTheNewestCanBeRead) {
                        "read 6 from 11 into 65536", "read 6 from 12 into 512", "read 6 from 12 into 65536"}));
 }
 
+TEST_F(Reader, LongRecordBehindADamagedOneIsPassedOverOnce) {
+    ReadTwoRecords();
+    EXPECT_TRUE(log_->Reopen());
+    system_->recordCount = 8;  // to 12
+    system_->reads = {{ERROR_EVENTLOG_FILE_CORRUPT},
+                      {ERROR_SUCCESS, 0, Records({12})},
+                      {ERROR_INSUFFICIENT_BUFFER, 0x100001}};
+    ExpectFailedRead("Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB");
+    system_->reads = {{ERROR_SUCCESS, 0, Records({12})}};
+    EXPECT_EQ(log_->BlockingRead(), Records({12}));
+    EXPECT_EQ(journal_.back(), "read 6 from 12 into 65536");
+}
+
 TEST_F(Reader, DamagedLogLosesNothingOnceItCanBeRead) {
     ReadTwoRecords();
     system_->recordCount = 7;

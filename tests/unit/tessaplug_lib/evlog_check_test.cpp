@@ -337,6 +337,12 @@ TEST_F(Parser, RecordThatIsCutOffIsSkipped) {
     }
 }
 
+TEST_F(Parser, LongestRecordThatIsCutOffIsSkippedToo) {
+    Bytes cut = Record(2);
+    FieldsOf(cut)->Length = 0x10000;
+    EXPECT_EQ(IdsOf(Joined({Record(1), cut})), (std::vector<DWORD>{1}));
+}
+
 TEST_F(Parser, DamagedSourceNameDoesNotHideTheNextRecord) {
     Bytes damaged = Record(1);
     std::fill(damaged.begin() + sizeof(EVENTLOGRECORD), damaged.end(), std::byte{'x'});
