@@ -21,6 +21,13 @@ function(tessa_pdb target)
         -s "-Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb")
 endfunction()
 
+# What a DLL of the project needs to leave nothing behind when it is unloaded.
+function(tessa_dll target)
+    target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/dll_entry.cpp)
+    target_link_options(${target} PRIVATE -Wl,--entry,ModuleEntryPoint)
+    tessa_warnings(${target})
+endfunction()
+
 # A program of the project.
 function(tessa_executable target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")

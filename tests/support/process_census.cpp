@@ -88,4 +88,13 @@ std::vector<std::wstring> LoadedModules() {
     return names;
 }
 
+std::size_t CommittedMemory(HANDLE process) {
+    std::size_t committed = 0;
+    MEMORY_BASIC_INFORMATION region = {};
+    for (const char* address = nullptr; ::VirtualQueryEx(process, address, &region, sizeof region) != 0;
+         address = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) committed += region.RegionSize;
+    return committed;
+}
+
 }  // namespace test_support

@@ -27,4 +27,9 @@ std::size_t ThreadCount();
 /// File names of the loaded modules, lower case, sorted.
 std::vector<std::wstring> LoadedModules();
 
+/// Bytes of committed memory that a process shares with nobody: heaps, stacks and the like, not the mapped
+/// images.
+/// @param process a handle with PROCESS_QUERY_INFORMATION
+std::size_t CommittedMemory(HANDLE process = ::GetCurrentProcess());
+
 }  // namespace test_support

@@ -1,0 +1,60 @@
+#include <winsvc.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <gtest/gtest.h>
+
+#include "process_census.h"
+#include "station.h"
+#include "unique_handle.h"
+
+// What a service that runs for months must not do: grow.
+namespace {
+
+using adapter_control::Plug;
+using adapter_control::Unplug;
+using system_tests::Station;
+using test_support::CommittedMemory;
+
+UniqueKernelHandle ServiceProcess() {
+    const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    const SC_HANDLE service = ::OpenServiceW(manager, L"tessahost", SERVICE_QUERY_STATUS);
+    SERVICE_STATUS_PROCESS status = {};
+    DWORD needed = 0;
+    ::QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
+                           &needed);
+    ::CloseServiceHandle(service);
+    ::CloseServiceHandle(manager);
+    return UniqueKernelHandle(
+        ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, status.dwProcessId));
+}
+
+/// A quick run unless the environment asks for a long one.
+int EventCount() {
+    const char* text = std::getenv("TESSAPLUG_PLUG_EVENTS");
+    return text != nullptr ? std::atoi(text) : 400;
+}
+
+}  // namespace
+
+TEST_F(Station, PlugEventsLeaveTheMemoryOfTheServiceAsItWas) {
+    StartService();
+    const UniqueKernelHandle process = ServiceProcess();
+    ASSERT_TRUE(process);
+    const auto plugAndUnplug = [this](int events) {
+        for (int i = 0; i < events; i += 2) {
+            Plug(nx4120_);
+            ASSERT_TRUE(AllBecome(L"NX4120", L"visible")) << "event " << i;
+            Unplug(nx4120_);
+            ASSERT_TRUE(AllBecome(L"NX4120", L"hidden")) << "event " << i;
+        }
+    };
+    plugAndUnplug(100);
+    const std::size_t before = CommittedMemory(process.get());
+
+    plugAndUnplug(EventCount());
+
+    const std::size_t after = CommittedMemory(process.get());
+    std::printf("%zu KB before, %zu KB after %d plug events\n", before / 1024, after / 1024, EventCount());
+    EXPECT_LE(after, before + before / 100);
+}
