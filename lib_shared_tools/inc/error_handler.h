@@ -29,15 +29,16 @@ class ErrorHandler {
 
     /// Shows the box and does what the user answers; returns if the program is to go on. Errors of several
     /// threads are shown one after the other; one that is raised on the thread whose box is open returns at
-    /// once. Never throws.
-    /// @param expression what failed
-    /// @param sourceFile built-in source path
+    /// once. Never throws; a structured exception in the box or in the dump ends the handling of this error.
+    /// @param expression what failed; a null one is shown as "(null)"
+    /// @param sourceFile built-in source path; a null one is shown as "(null)"
     virtual void FatalError(const wchar_t* expression, const wchar_t* sourceFile, unsigned int line);
 
   private:
     std::wstring CreateMessageBody(const wchar_t* expression, const wchar_t* sourceFile,
                                    unsigned int line) const;
     std::wstring CreateCaption() const;
+    DWORD ShowBox(const wchar_t* caption, const std::wstring& body, DWORD style);
     void ProcessUserFeedback(DWORD answer);
     void OnDebug();
     void OnDump();

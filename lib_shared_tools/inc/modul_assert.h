@@ -6,8 +6,8 @@
 // tools defines them for itself.
 
 /// Reports a failed assertion and returns; the caller goes on with its fall-back value. Never throws.
-/// @param expression the condition's source text
-/// @param sourcePath built-in source path of the caller
+/// @param expression the condition's source text; null is reported as "(null)"
+/// @param sourcePath built-in source path of the caller; null is reported as "(null)"
 /// @param line source line of the caller
 void _ModulAssert(const wchar_t* expression, const wchar_t* sourcePath, unsigned int line);
 

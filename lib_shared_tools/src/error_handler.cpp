@@ -11,6 +11,16 @@ TRACE_SOURCE("lib_shared_tools\\src\\error_handler", "e6f19b04-8c2d-4a57-b3e8-1d
              trace::kSharedTools);
 
 namespace trace {
+namespace {
+
+using operating_system::CallForeign;
+
+const wchar_t* OrNull(const wchar_t* text) {
+    FUNCTION_TRACE();
+    return text != nullptr ? text : L"(null)";
+}
+
+}  // namespace
 
 ErrorHandler::ErrorHandler(std::wstring moduleName, std::wstring buildDate, std::wstring version,
                            std::shared_ptr<operating_system::MemoryDump> memoryDump,
@@ -36,7 +46,7 @@ void ErrorHandler::FatalError(const wchar_t* expression, const wchar_t* sourceFi
         const std::wstring caption = CreateCaption();
         constexpr DWORD kStyle = MB_ABORTRETRYIGNORE | MB_ICONHAND | MB_DEFBUTTON2 | MB_SYSTEMMODAL;
         static_assert(kStyle == 0x1112);
-        ProcessUserFeedback(messageBox_->Show(caption.c_str(), body.c_str(), kStyle));
+        ProcessUserFeedback(ShowBox(caption.c_str(), body, kStyle));
     } catch (const std::exception& error) {
         TRACE_ERROR(10, "The fatal error cannot be shown: %s", error.what());
     } catch (...) {
@@ -47,8 +57,8 @@ void ErrorHandler::FatalError(const wchar_t* expression, const wchar_t* sourceFi
 std::wstring ErrorHandler::CreateMessageBody(const wchar_t* expression, const wchar_t* sourceFile,
                                              unsigned int line) const {
     FUNCTION_TRACE();
-    return L"ModulName: " + moduleName_ + L"\nBuild Date: " + buildDate_ + L"\nFile: " + sourceFile +
-           L"\nLine: " + std::to_wstring(line) + L"\n\n" + expression +
+    return L"ModulName: " + moduleName_ + L"\nBuild Date: " + buildDate_ + L"\nFile: " + OrNull(sourceFile) +
+           L"\nLine: " + std::to_wstring(line) + L"\n\n" + OrNull(expression) +
            L"\n\nAbort:\tdebugger gets invoked.\nRetry:\tcreate a memory dump.\nIgnore:\tcontinue with "
            L"program.\n";
 }
@@ -56,6 +66,11 @@ std::wstring ErrorHandler::CreateMessageBody(const wchar_t* expression, const wc
 std::wstring ErrorHandler::CreateCaption() const {
     FUNCTION_TRACE();
     return L"Fatal Error: " + moduleName_ + L" !!!";
+}
+
+DWORD ErrorHandler::ShowBox(const wchar_t* caption, const std::wstring& body, DWORD style) {
+    FUNCTION_TRACE();
+    return CallForeign([&] { return messageBox_->Show(caption, body.c_str(), style); });
 }
 
 void ErrorHandler::ProcessUserFeedback(DWORD answer) {
@@ -85,15 +100,15 @@ void ErrorHandler::OnDebug() {
 
 void ErrorHandler::OnDump() {
     FUNCTION_TRACE();
-    const bool ok = memoryDump_->Create(moduleName_);
+    const bool ok = CallForeign([this] { return memoryDump_->Create(moduleName_); });
     const std::wstring path = memoryDump_->GetMemoryDumpAbsFileName();
     if (ok) {
         TRACE_INFO(15, "Dump %S", path);
-        messageBox_->Show(L"Wrote Memory dump.", path.c_str(), MB_ICONINFORMATION);
+        ShowBox(L"Wrote Memory dump.", path, MB_ICONINFORMATION);
         return;
     }
     TRACE_ERROR(16, "No dump %S", path);
-    messageBox_->Show(L"Wrote Memory dump Failed!", path.c_str(), MB_ICONHAND);
+    ShowBox(L"Wrote Memory dump Failed!", path, MB_ICONHAND);
     OnDebug();  // on purpose: whoever asked for a dump wants the error looked at
 }
 

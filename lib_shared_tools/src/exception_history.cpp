@@ -28,6 +28,7 @@ class HistoryLock {
 
 template <std::size_t N>
 void CutTo(char (&field)[N], const char* text) {
+    FUNCTION_TRACE();
     if (text == nullptr) return;
     const std::size_t length = std::min(std::strlen(text), N - 1);
     std::memcpy(field, text, length);
@@ -35,6 +36,7 @@ void CutTo(char (&field)[N], const char* text) {
 }
 
 void WriteTimeStamp(char (&field)[24]) {
+    FUNCTION_TRACE();
     SYSTEMTIME now = {};
     ::GetSystemTime(&now);
     std::snprintf(field, sizeof field, "%02d.%02d.%04d;%02d:%02d:%02d:%03d", now.wDay, now.wMonth, now.wYear,
@@ -44,11 +46,13 @@ void WriteTimeStamp(char (&field)[24]) {
 }  // namespace
 
 void InitializeExceptionHistory() {
+    FUNCTION_TRACE();
     std::memset(static_cast<void*>(&exceptionHistory), 0, sizeof exceptionHistory);
     ::InitializeCriticalSection(&exceptionHistory.lock);
 }
 
 void CleanupExceptionHistory() {
+    FUNCTION_TRACE();
     ::DeleteCriticalSection(&exceptionHistory.lock);
 }
 

@@ -8,6 +8,7 @@
 
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "structured_exception.h"
 #include "trace_point.h"
 
 TRACE_SOURCE("lib_shared_tools\\src\\memory_dump", "5c0e8a72-f3b1-4d69-a417-8e2d6b9c0f53",
@@ -57,6 +58,8 @@ bool MemoryDump::Create(const std::wstring& name) {
             CaptureContext(this);
     } catch (const std::exception& error) {
         TRACE_ERROR(11, "No dump: %s", error.what());
+    } catch (...) {
+        TRACE_ERROR(23, "No dump");
     }
     UnLoadDebugHelperDll();
     return result_;
@@ -76,16 +79,20 @@ bool MemoryDump::LoadDebugHelperDll() {
     FUNCTION_TRACE();
     MODUL_ASSERT(dbgHelp_ == nullptr);
     try {
-        dbgHelp_ = loadDebugHelper_();
+        dbgHelp_ = CallForeign(loadDebugHelper_);
     } catch (const std::exception& error) {
         TRACE_ERROR(12, "No dump: %s", error.what());
+    } catch (const ForeignException& exception) {
+        TRACE_ERROR(24, "No dump: the debug helper raises 0x%x", exception.code);
     }
     return dbgHelp_ != nullptr;
 }
 
 void MemoryDump::UnLoadDebugHelperDll() {
     FUNCTION_TRACE();
-    dbgHelp_.reset();
+    auto unload = [this] { dbgHelp_.reset(); };
+    if (const DWORD code = CallGuarded(unload))
+        TRACE_WARNING(25, "Unloading the debug helper raises 0x%x", code);
 }
 
 int MemoryDump::SaveExceptionToDump(EXCEPTION_POINTERS* exceptionInformation) {
@@ -115,8 +122,17 @@ bool MemoryDump::WriteDumpToDisk(EXCEPTION_POINTERS* exceptionInformation, HANDL
         return false;
     }
     MINIDUMP_EXCEPTION_INFORMATION exception = {::GetCurrentThreadId(), exceptionInformation, TRUE};
-    if (dbgHelp_->MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file,
-                                    MiniDumpWithFullMemory, &exception, nullptr, nullptr) != TRUE) {
+    BOOL written = FALSE;
+    auto write = [&] {
+        written = dbgHelp_->MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file,
+                                              MiniDumpWithFullMemory, &exception, nullptr, nullptr);
+    };
+    // What is raised here would pass through the filter that this runs in, and leave lock and file behind.
+    if (const DWORD code = CallGuarded(write)) {
+        TRACE_ERROR(26, "MiniDumpWriteDump() raises 0x%x", code);
+        return false;
+    }
+    if (written != TRUE) {
         TRACE_ERROR(18, "MiniDumpWriteDump() failed, LE(%u)", kernel32_->GetLastError());
         return false;
     }

@@ -26,16 +26,24 @@ std::string ComposeFromReturnValue(const char* apiName, DWORD returnValue, const
 }  // namespace
 
 CWindowsApiExcp::CWindowsApiExcp(const char* apiName, const char* hint)
-    : message_(ComposeFromLastError(apiName, ::GetLastError(), hint)) {}
+    : message_(ComposeFromLastError(apiName, ::GetLastError(), hint)) {
+    FUNCTION_TRACE();
+}
 
 CWindowsApiExcp::CWindowsApiExcp(const std::string& apiName, const std::string& hint)
-    : message_(ComposeFromLastError(apiName.c_str(), ::GetLastError(), hint.c_str())) {}
+    : message_(ComposeFromLastError(apiName.c_str(), ::GetLastError(), hint.c_str())) {
+    FUNCTION_TRACE();
+}
 
 CWindowsApiExcp::CWindowsApiExcp(const char* apiName, DWORD returnValue, const char* hint)
-    : message_(ComposeFromReturnValue(apiName, returnValue, hint)) {}
+    : message_(ComposeFromReturnValue(apiName, returnValue, hint)) {
+    FUNCTION_TRACE();
+}
 
 CWindowsApiExcp::CWindowsApiExcp(const std::string& apiName, DWORD returnValue, const std::string& hint)
-    : message_(ComposeFromReturnValue(apiName.c_str(), returnValue, hint.c_str())) {}
+    : message_(ComposeFromReturnValue(apiName.c_str(), returnValue, hint.c_str())) {
+    FUNCTION_TRACE();
+}
 
 std::string GetSystemErrorText(DWORD code) {
     FUNCTION_TRACE();

@@ -26,6 +26,22 @@ std::unique_ptr<trace::ErrorHandler> errorHandler;
 
 std::shared_ptr<logger::EventLogProvider> eventLogProvider;
 
+const wchar_t* OrNull(const wchar_t* text) {
+    FUNCTION_TRACE();
+    return text != nullptr ? text : L"(null)";
+}
+
+/// A text that cannot be narrowed costs the trace, not the report.
+void TraceAssertion(const wchar_t* expression, const wchar_t* sourcePath, unsigned int line) {
+    FUNCTION_TRACE();
+    try {
+        TRACE_ERROR(10, "%s(%u): assertion failed: %s", toolbox::WstringToString(sourcePath), line,
+                    toolbox::WstringToString(expression));
+    } catch (const std::exception& error) {
+        TRACE_ERROR(15, "An assertion in line %u cannot be traced: %s", line, error.what());
+    }
+}
+
 /// What becomes of a failed assertion beyond its trace.
 void ReportFatalError(const wchar_t* expression, const wchar_t* sourcePath, unsigned int line) {
     FUNCTION_TRACE();
@@ -73,10 +89,11 @@ void DeleteEventLogProvider() {
 
 void _ModulAssert(const wchar_t* expression, const wchar_t* sourcePath, unsigned int line) {
     FUNCTION_TRACE();
+    const wchar_t* expressionText = tessaplug::OrNull(expression);
+    const wchar_t* pathText = tessaplug::OrNull(sourcePath);
+    tessaplug::TraceAssertion(expressionText, pathText, line);
     try {
-        TRACE_ERROR(10, "%s(%u): assertion failed: %s", toolbox::WstringToString(sourcePath), line,
-                    toolbox::WstringToString(expression));
-        tessaplug::ReportFatalError(expression, sourcePath, line);
+        tessaplug::ReportFatalError(expressionText, pathText, line);
     } catch (...) {
         ::OutputDebugStringW(L"tessaplug: an assertion failed and could not be reported\n");
     }

@@ -13,6 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "system_calls.h"
+#include "trace_recorder.h"
+
 using operating_system::MemoryDump;
 using operating_system::SystemMessageBox;
 using trace::ErrorHandler;
@@ -40,6 +43,7 @@ class FakeBox : public SystemMessageBox {
             answers.pop_front();
         }
         --open_;
+        if (raise != 0) ::RaiseException(raise, 0, 0, nullptr);
         if (fail) throw std::runtime_error("No Session is WTSActive");
         if (failOddly) throw 42;
         return answer;
@@ -49,6 +53,7 @@ class FakeBox : public SystemMessageBox {
     std::function<void()> meanwhile = [] {};
     bool fail = false;
     bool failOddly = false;
+    DWORD raise = 0;
     std::atomic<int> mostOpen = 0;
 
   private:
@@ -59,15 +64,20 @@ class FakeDump : public MemoryDump {
   public:
     bool Create(const std::wstring& name) override {
         names.push_back(name);
+        if (raise != 0) ::RaiseException(raise, 0, 0, nullptr);
         return succeed;
     }
     std::wstring GetMemoryDumpAbsFileName() const override { return L"C:\\temp\\the.dmp"; }
     bool succeed = true;
+    DWORD raise = 0;
     std::vector<std::wstring> names;
 };
 
+constexpr DWORD kForeignCodes[] = {EXCEPTION_ACCESS_VIOLATION, EXCEPTION_BREAKPOINT, 0xE06D7363};
+
 class Handler : public testing::Test {
   protected:
+    const test_support::SystemCallsOfTest systemCalls_;
     void Fail() { handler_.FatalError(L"a == b", L"folder\\src\\name", 77); }
 
     std::shared_ptr<FakeDump> dump_ = std::make_shared<FakeDump>();
@@ -121,6 +131,61 @@ TEST_F(Handler, NothingEscapesIt) {
     EXPECT_EQ(box_->shown.size(), 3u) << "the lock is released each time";
 }
 
+TEST_F(Handler, StructuredExceptionOfTheBoxEndsNothingButTheBox) {
+    for (const DWORD code : kForeignCodes) {
+        box_->raise = code;
+        EXPECT_NO_THROW(Fail()) << code;
+    }
+    box_->raise = 0;
+    const auto before = box_->shown.size();
+    Fail();
+    EXPECT_EQ(box_->shown.size(), before + 1) << "the lock is released each time";
+}
+
+TEST_F(Handler, StructuredExceptionOfTheDumpEndsNothingButTheDump) {
+    for (const DWORD code : kForeignCodes) {
+        dump_->raise = code;
+        box_->answers = {IDRETRY};
+        EXPECT_NO_THROW(Fail()) << code;
+    }
+    const auto before = box_->shown.size();
+    Fail();
+    EXPECT_EQ(box_->shown.size(), before + 1) << "the lock is released each time";
+}
+
+TEST_F(Handler, MissingTextsAreShownAsNull) {
+    handler_.FatalError(nullptr, nullptr, 0);
+    ASSERT_EQ(box_->shown.size(), 1u);
+    EXPECT_NE(box_->shown[0].message.find(L"\nFile: (null)\nLine: 0\n\n(null)\n\n"), std::wstring::npos);
+}
+
+TEST_F(Handler, WhatBecomesOfTheErrorIsTraced) {
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kInformation, trace::kMessage, 1);
+    const auto tracedNumber = [this](DWORD answer) {
+        box_->answers = {answer};
+        Fail();
+        const auto records = test_support::TakeTraceRecords();
+        return records.size() == 1 ? records[0].number : -1;
+    };
+    EXPECT_EQ(tracedNumber(IDIGNORE), 12);
+    EXPECT_EQ(tracedNumber(IDYES), 13);
+    EXPECT_EQ(tracedNumber(IDRETRY), 15);
+    box_->failOddly = true;
+    EXPECT_EQ(tracedNumber(IDIGNORE), 11);
+    box_->failOddly = false;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kMessage, 1);
+    EXPECT_EQ(tracedNumber(IDIGNORE), 12) << "an error of level 2";
+    EXPECT_EQ(tracedNumber(IDYES), 13) << "an error of level 2";
+    EXPECT_EQ(tracedNumber(IDRETRY), -1) << "a dump that was written is information";
+    box_->fail = true;
+    box_->answers = {IDIGNORE};
+    Fail();
+    const auto records = test_support::TakeTraceRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].Text(0), "No Session is WTSActive");
+}
+
 TEST_F(Handler, ErrorWhileTheBoxIsOpenReturnsAtOnce) {
     box_->meanwhile = [this] {
         box_->meanwhile = [] {};
@@ -144,7 +209,12 @@ TEST_F(Handler, ErrorsOfSeveralThreadsAreShownOneAfterTheOther) {
 // Without a debugger the break ends the process: that is what Abort means.
 TEST_F(Handler, AbortCallsTheDebugger) {
     box_->answers = {IDABORT};
-    EXPECT_EXIT(Fail(), testing::ExitedWithCode(static_cast<int>(STATUS_BREAKPOINT)), "");
+    test_support::systemCalls.outputDebugStringA = [](const char* text) {
+        std::fputs(text, stderr);
+        std::fflush(stderr);
+    };
+    EXPECT_EXIT(Fail(), testing::ExitedWithCode(static_cast<int>(STATUS_BREAKPOINT)),
+                "Try to trigger Debugger\n");
 }
 
 TEST_F(Handler, FailedDumpIsToldAndCallsTheDebugger) {

@@ -1,10 +1,13 @@
 #include "eventlog_writer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "module_hooks.h"
 #include "trace_recorder.h"
@@ -158,12 +161,95 @@ TEST_F(Provider, ReportAfterUnregisterIsTracedAndReturns) {
     EXPECT_EQ(records[0].Integer(0), 77u);
 }
 
+TEST_F(Provider, WhatBecomesOfItIsTraced) {
+    const test_support::Tracing tracing;
+    using Traced = std::vector<std::pair<int, int>>;  // level and number
+    const auto traced = [](const auto& action) {
+        Traced all;
+        for (const UCHAR level : {trace::kVerbose, trace::kInformation, trace::kWarning, trace::kError}) {
+            test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kMessage, 1);
+            action();
+            for (const auto& record : test_support::TakeTraceRecords()) {
+                std::erase_if(all, [&](const auto& one) { return one.second == record.number; });
+                all.emplace_back(level, record.number);
+            }
+        }
+        std::ranges::sort(all);
+        return all;  // each number at the lowest level at which it is seen
+    };
+    const auto registering = [this] {
+        provider_.Unregister();
+        provider_.Register();
+    };
+    EXPECT_EQ(traced(registering), (Traced{{trace::kInformation, 13}, {trace::kVerbose, 10}}));
+    ON_CALL(advapi32_, RegSetValueExW).WillByDefault(Return(ERROR_ACCESS_DENIED));
+    ON_CALL(advapi32_, RegCloseKey).WillByDefault(Return(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(traced(registering), (Traced{{trace::kWarning, 14},
+                                           {trace::kWarning, 15},
+                                           {trace::kWarning, 16},
+                                           {trace::kInformation, 13},
+                                           {trace::kVerbose, 10}}));
+    ON_CALL(advapi32_, RegCreateKeyExW).WillByDefault(Return(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(traced(registering), (Traced{{trace::kWarning, 12}, {trace::kVerbose, 10}}));
+    EXPECT_EQ(traced([this] { provider_.Report(3, 0, 1); }), (Traced{{trace::kError, 19}}));
+    EXPECT_EQ(traced([this] { provider_.Report(1, 0, 1); }), (Traced{{trace::kError, 20}}));
+    ON_CALL(advapi32_, DeregisterEventSource).WillByDefault(Return(FALSE));
+    ON_CALL(advapi32_, RegisterEventSourceW).WillByDefault(Return(nullptr));
+    provider_.Unregister();
+    EXPECT_EQ(traced(registering), (Traced{{trace::kError, 11}, {trace::kWarning, 12}}));
+    EXPECT_EQ(traced([this] { provider_.Report(1, 0, 1); }), (Traced{{trace::kError, 18}}));
+}
+
+TEST_F(Provider, NameOfASourceThatCannotBeOpenedIsTraced) {
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kMessage, 1);
+    ON_CALL(advapi32_, RegisterEventSourceW).WillByDefault([](auto...) -> HANDLE {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+    });
+    provider_.Register();
+    const auto records = test_support::TakeTraceRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].Text(0), "Source");
+    EXPECT_EQ(records[0].Integer(1), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+}
+
+TEST_F(Provider, ReportHandsOnStringsAndData) {
+    provider_.Register();
+    const wchar_t* strings[] = {L"one", L"two"};
+    char data[3] = {};
+    EXPECT_CALL(advapi32_, ReportEventW(kSource, 2, 9, 8u, nullptr, 2, 3u, strings, data));
+    provider_.Report(EVENTLOG_WARNING_TYPE, 9, 8, 2, strings, sizeof data, data);
+}
+
+TEST_F(Provider, IsClosedWhenItEnds) {
+    EXPECT_CALL(advapi32_, DeregisterEventSource(kSource)).Times(1).WillOnce(Return(TRUE));
+    provider_.Register();
+}
+
+TEST_F(Provider, ValuesAreWrittenAlsoWhereTheKeyExists) {
+    EXPECT_CALL(advapi32_, RegCreateKeyExW)
+        .WillOnce(
+            DoAll(SetArgPointee<7>(kKey), SetArgPointee<8>(REG_OPENED_EXISTING_KEY), Return(ERROR_SUCCESS)));
+    EXPECT_CALL(advapi32_, RegSetValueExW).Times(2);
+    provider_.Register();
+}
+
+TEST_F(Provider, MissingKeyHandleIsAsserted) {
+    const test_support::ModuleHooks hooks;
+    ON_CALL(advapi32_, RegCreateKeyExW).WillByDefault(Return(ERROR_SUCCESS));
+    provider_.Register();
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"evlogKey != nullptr"}));
+}
+
 TEST_F(Provider, FailuresToReportAndToCloseAreIgnored) {
     ON_CALL(advapi32_, ReportEventW).WillByDefault(Return(FALSE));
     ON_CALL(advapi32_, DeregisterEventSource).WillByDefault(Return(FALSE));
     provider_.Register();
     EXPECT_NO_THROW(provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1));
     EXPECT_NO_THROW(provider_.Unregister());
+    EXPECT_CALL(advapi32_, ReportEventW).Times(0);
+    provider_.Report(EVENTLOG_ERROR_TYPE, 0, 1);  // the handle is gone all the same
 }
 
 TEST(EventLogProvider, SecondRegistrationOverwritesTheValuesOfTheFirst) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "module_hooks.h"
+#include "system_calls.h"
 #include "trace_point.h"
 #include "windows_api_excp.h"
 
@@ -66,6 +67,33 @@ TEST_F(ExceptionHistory, RecordTellsWhoThrewWhatAndWhen) {
     EXPECT_STREQ(record.what, "what it says");
     EXPECT_STREQ(record.file, "name");
     EXPECT_STREQ(record.function, "space::Class::Method");
+}
+
+TEST_F(ExceptionHistory, RecordHasTheTimeInUtcAndTheProcessor) {
+    const test_support::SystemCallsOfTest systemCalls;
+    test_support::systemCalls.getSystemTime = [](SYSTEMTIME* time) { *time = {2026, 2, 1, 3, 4, 5, 6, 7}; };
+    test_support::systemCalls.getLocalTime = [](SYSTEMTIME* time) { *time = {2027, 8, 1, 9, 9, 9, 9, 9}; };
+    test_support::systemCalls.getCurrentProcessorNumber = []() -> DWORD { return 61; };
+
+    RecordException(std::runtime_error("what"), "e", "f", "g", 1);
+
+    EXPECT_STREQ(exceptionHistory.records[0].timeStamp, "03.02.2026;04:05:06:007");
+    EXPECT_EQ(exceptionHistory.records[0].processorNumber, 61u);
+}
+
+TEST_F(ExceptionHistory, RecordLeavesNothingOfTheOneBefore) {
+    const std::string longText(60, 't');
+    for (int i = 0; i < 5; ++i)
+        RecordException(std::runtime_error(longText), longText.c_str(), longText.c_str(), longText.c_str(),
+                        1);
+
+    RecordException(std::runtime_error("x"), nullptr, nullptr, nullptr, 2);
+
+    const ExceptionRecord& record = exceptionHistory.records[0];
+    EXPECT_STREQ(record.expression, "");
+    EXPECT_STREQ(record.file, "");
+    EXPECT_STREQ(record.function, "");
+    EXPECT_EQ(std::string(record.what, sizeof record.what), "x" + std::string(sizeof record.what - 1, '\0'));
 }
 
 TEST_F(ExceptionHistory, TextsAreCutToFit) {

@@ -11,12 +11,17 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "system_calls.h"
+#include "trace_recorder.h"
 #include "windows_api_excp.h"
 
 using operating_system::MemoryDump;
 
 namespace {
+
+constexpr DWORD kMessageGuidOfMemoryDump = 0x5c0e8a72;  // its first part
 
 /// A file system that exists only here.
 class FakeKernel32 : public windows_api::CKernel32 {
@@ -66,6 +71,7 @@ struct Written {
     DWORD threadId = 0;
     int count = 0;
     BOOL result = TRUE;
+    DWORD raise = 0;
     std::function<void()> meanwhile = [] {};
     int loaded = 0;
 };
@@ -81,13 +87,14 @@ class FakeDebugHelper : public windows_api::CDbgHlp {
         EXPECT_EQ(process, ::GetCurrentProcess());
         EXPECT_EQ(processId, ::GetCurrentProcessId());
         EXPECT_EQ(file, reinterpret_cast<HANDLE>(0x33));
-        EXPECT_EQ(type, MiniDumpWithFullMemory);
-        EXPECT_TRUE(exception->ClientPointers);
+        EXPECT_EQ(type, 2) << "with full memory";
+        EXPECT_EQ(exception->ClientPointers, TRUE);
         EXPECT_EQ(streams, nullptr);
         EXPECT_EQ(callback, nullptr);
         written_.code = exception->ExceptionPointers->ExceptionRecord->ExceptionCode;
         written_.threadId = exception->ThreadId;
         ++written_.count;
+        if (written_.raise != 0) ::RaiseException(written_.raise, 0, 0, nullptr);
         const auto action = written_.meanwhile;  // which may replace itself
         action();
         return written_.result;
@@ -128,6 +135,19 @@ TEST_F(Dump, CapturesADeliberateFaultOfTheCallingThread) {
 TEST_F(Dump, IsNamedAfterModuleAndLocalTime) {
     dump_.Create(L"tessaplug.dll");
     EXPECT_TRUE(Matches(kernel32_->created, L"C:\\\\temp\\\\tessaplug\\.dll_20\\d{6}-\\d{6}\\.dmp"));
+}
+
+TEST_F(Dump, NameHasTheLocalTimeWithTwoDigitsEach) {
+    const test_support::SystemCallsOfTest systemCalls;
+    test_support::systemCalls.getSystemTime = [](SYSTEMTIME* time) {
+        *time = {2025, 12, 3, 31, 22, 59, 58, 999};
+    };
+    test_support::systemCalls.getLocalTime = [](SYSTEMTIME* time) { *time = {2025, 8, 5, 1, 4, 6, 3, 7}; };
+    EXPECT_EQ(NameAfter(L"tessaplug.dll"), L"tessaplug.dll_20250801-040603.dmp");
+    test_support::systemCalls.getLocalTime = [](SYSTEMTIME* time) {
+        *time = {2025, 10, 2, 21, 14, 46, 36, 0};
+    };
+    EXPECT_EQ(NameAfter(L"tessaplug.dll"), L"tessaplug.dll_20251021-144636.dmp");
 }
 
 TEST_F(Dump, UnusualModuleNamesAreReplaced) {
@@ -179,6 +199,72 @@ TEST_F(Dump, PathThatIsTooLongIsNotWritten) {
     kernel32_->temp = L"C:\\" + std::wstring(515, L't');
     EXPECT_FALSE(dump_.Create(L"module"));
     EXPECT_TRUE(kernel32_->created.empty());
+}
+
+TEST_F(Dump, PathOf520CharactersIsWritten) {
+    const std::size_t rest = std::wcslen(L"m_20250801-040603.dmp");
+    kernel32_->temp = L"C:\\" + std::wstring(520 - 3 - 1 - rest, L't');
+    EXPECT_TRUE(dump_.Create(L"m"));
+    EXPECT_EQ(kernel32_->created.length(), 520u);
+    kernel32_->temp += L't';
+    EXPECT_FALSE(dump_.Create(L"m"));
+}
+
+TEST_F(Dump, StructuredExceptionOfTheDebugHelperMeansNoDump) {
+    for (const DWORD code : {DWORD{EXCEPTION_ACCESS_VIOLATION}, DWORD{0xE06D7363}}) {
+        written_.raise = code;
+        EXPECT_FALSE(dump_.Create(L"m"));
+    }
+    EXPECT_EQ(kernel32_->closed, 2) << "the file is closed";
+    EXPECT_EQ(written_.loaded, 0) << "the helper is unloaded";
+    written_.raise = 0;
+    EXPECT_TRUE(dump_.Create(L"m")) << "the lock is released";
+}
+
+TEST_F(Dump, DebugHelperThatRaisesWhenLoadedMeansNoDump) {
+    DWORD code = EXCEPTION_ACCESS_VIOLATION;
+    MemoryDump dump(kernel32_, [&]() -> std::unique_ptr<windows_api::CDbgHlp> {
+        if (code != 0) ::RaiseException(code, 0, 0, nullptr);
+        return std::make_unique<FakeDebugHelper>(written_);
+    });
+    EXPECT_FALSE(dump.Create(L"m"));
+    code = 0;
+    EXPECT_TRUE(dump.Create(L"m")) << "the lock is released";
+}
+
+TEST_F(Dump, WhatBecomesOfItIsTraced) {
+    const test_support::Tracing tracing;
+    using test_support::TakeTraceRecords;
+    const auto traced = [this](UCHAR level) {
+        test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kMessage, 1);
+        dump_.Create(L"m");
+        std::vector<int> numbers;
+        for (const auto& record : TakeTraceRecords())
+            if (record.messageGuid.Data1 == kMessageGuidOfMemoryDump) numbers.push_back(record.number);
+        return numbers;
+    };
+    using Numbers = std::vector<int>;
+    EXPECT_EQ(traced(trace::kError), (Numbers{15, 19}));
+    EXPECT_EQ(traced(trace::kVerbose), (Numbers{10, 15, 19}));
+    EXPECT_EQ(traced(trace::kInformation), (Numbers{15, 19}));
+    kernel32_->directoryError = ERROR_SUCCESS;
+    EXPECT_EQ(traced(trace::kInformation), (Numbers{21, 15, 19}));
+    EXPECT_EQ(traced(trace::kWarning), (Numbers{15, 19}));
+    kernel32_->directoryError = ERROR_PATH_NOT_FOUND;
+    EXPECT_EQ(traced(trace::kInformation), (Numbers{15, 19})) << "silently";
+    kernel32_->directoryError = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(traced(trace::kError), (Numbers{22, 15, 19}));
+    kernel32_->directoryError = ERROR_ALREADY_EXISTS;
+    kernel32_->closeResult = FALSE;
+    EXPECT_EQ(traced(trace::kWarning), (Numbers{15, 19, 16}));
+    EXPECT_EQ(traced(trace::kError), (Numbers{15, 19}));
+    written_.result = FALSE;
+    EXPECT_EQ(traced(trace::kError), (Numbers{15, 18}));
+    kernel32_->file = nullptr;
+    EXPECT_EQ(traced(trace::kError), (Numbers{14}));
+    kernel32_->tempLength = 0;
+    kernel32_->temp = L"c:\\";
+    EXPECT_EQ(traced(trace::kError), (Numbers{20, 14}));
 }
 
 TEST_F(Dump, MissingDebugHelperMeansNoDump) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "module_hooks.h"
+#include "system_calls.h"
 #include "text_of.h"
 #include "win_convenience.h"
 #include "windows_api_excp.h"
@@ -134,6 +135,66 @@ TEST(DefaultSecurity, OpensAnObjectToEveryUser) {
     EXPECT_FALSE(defaulted);
 }
 
+TEST(DefaultSecurity, FailureIsAFailedCallWithItsHint) {
+    const test_support::SystemCallsOfTest systemCalls;
+    const auto text = [] {
+        return TextOf<CWindowsApiExcp>([] {
+            SECURITY_ATTRIBUTES attributes;
+            SECURITY_DESCRIPTOR descriptor;
+            windows_api::GetDefaultSecurity(attributes, descriptor);
+        });
+    };
+    test_support::systemCalls.setSecurityDescriptorDacl = [](PSECURITY_DESCRIPTOR, BOOL, PACL, BOOL) -> BOOL {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    };
+    EXPECT_TRUE(text().starts_with("FAILED! SetSecurityDescriptorDacl()! LE(5): ")) << text();
+    EXPECT_TRUE(text().ends_with(" Hint: Invalid Rights?\n")) << text();
+    test_support::systemCalls.initializeSecurityDescriptor = [](PSECURITY_DESCRIPTOR,
+                                                                DWORD revision) -> BOOL {
+        EXPECT_EQ(revision, 1u);
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    };
+    EXPECT_TRUE(text().starts_with("FAILED! InitializeSecurityDescriptor()! LE(5): ")) << text();
+    EXPECT_TRUE(text().ends_with(" Hint: Invalid Rights?\n")) << text();
+}
+
+TEST(SystemFolders, AreAskedForByTheirIdentifiersAndFreed) {
+    const test_support::SystemCallsOfTest systemCalls;
+    static wchar_t path[] = L"X:\\folder";
+    static GUID asked;
+    static int freed = 0;
+    test_support::systemCalls.shGetKnownFolderPath = [](REFKNOWNFOLDERID folder, DWORD flags, HANDLE token,
+                                                        PWSTR* result) -> HRESULT {
+        EXPECT_EQ(flags, 0u);
+        EXPECT_EQ(token, nullptr);
+        asked = folder;
+        *result = path;
+        return S_OK;
+    };
+    test_support::systemCalls.coTaskMemFree = [](void* memory) {
+        if (memory == path) ++freed;
+    };
+    EXPECT_EQ(windows_api::GetSystem32Directory(), L"X:\\folder");
+    EXPECT_EQ(asked.Data1, 0x1AC14E77u);
+    EXPECT_EQ(windows_api::GetSysWoW64Directory(), L"X:\\folder");
+    EXPECT_EQ(asked.Data1, 0xD65231B0u);
+    EXPECT_EQ(freed, 2);
+}
+
+TEST(SystemFolders, SuccessWithoutAPathIsAsserted) {
+    const test_support::SystemCallsOfTest systemCalls;
+    const test_support::ModuleHooks hooks;
+    test_support::systemCalls.shGetKnownFolderPath = [](REFKNOWNFOLDERID, DWORD, HANDLE,
+                                                        PWSTR* result) -> HRESULT {
+        *result = nullptr;
+        return S_OK;
+    };
+    EXPECT_EQ(windows_api::GetSystem32Directory(), L"");
+    EXPECT_EQ(hooks.AssertedExpressions(), (std::vector<std::wstring>{L"ppszPath != nullptr"}));
+}
+
 TEST(SystemFolders, AreTheSystemsOwn) {
     wchar_t folder[MAX_PATH] = {};
     ::GetSystemDirectoryW(folder, MAX_PATH);
@@ -145,6 +206,7 @@ TEST(SystemFolders, AreTheSystemsOwn) {
 TEST(SystemFolders, UnknownFolderIsAFailedCall) {
     const std::string text = TextOf<CWindowsApiExcp>([] { windows_api::GetSysDirInternal({}); });
     EXPECT_TRUE(text.starts_with("FAILED! SHGetKnownFolderPath()! ReturnValue(")) << text;
+    EXPECT_TRUE(text.ends_with(" Hint: \n")) << text;
 }
 
 TEST(ModuleFileName, IsTheFullPath) {
