@@ -39,3 +39,7 @@ run tessahost start >/dev/null
 run tessabench visible
 run tessabench hidden
 run tessahost uninstall >/dev/null
+echo
+echo "2000 plug events of one service"
+TESSAPLUG_PLUG_EVENTS=2000 machine build/release/bin/system_tests.exe --gtest_filter='*PlugEventsLeave*' | tr -d '\r' |
+    grep -E 'KB before|FAILED'
