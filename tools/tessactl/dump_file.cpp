@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "text.h"
 #include "tmf_catalog.h"
@@ -15,6 +16,11 @@ constexpr char kHistorySection[] = ".exhist";
 
 DumpFile::DumpFile(const std::wstring& path) : name_(Utf8(path)) {
     Map(path);
+    ReadStreams();
+}
+
+DumpFile::DumpFile(std::span<const std::byte> bytes, std::string name)
+    : name_(std::move(name)), bytes_(bytes) {
     ReadStreams();
 }
 

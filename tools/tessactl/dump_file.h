@@ -32,6 +32,10 @@ class DumpFile {
 
     /// @throws ToolError if the file cannot be opened, is no memory dump or is cut off
     explicit DumpFile(const std::wstring& path);
+    /// A dump that is in memory, where it must stay as long as this object lives.
+    /// @param name of the dump, for errors
+    /// @throws ToolError if it is no memory dump or is cut off
+    DumpFile(std::span<const std::byte> bytes, std::string name);
 
     const std::vector<Module>& Modules() const { return modules_; }
     const std::optional<Exception>& CapturedException() const { return exception_; }

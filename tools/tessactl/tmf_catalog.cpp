@@ -55,10 +55,11 @@ TmfCatalog TmfCatalog::FromFolder(const std::wstring& folder) {
 
 void TmfCatalog::Add(const std::string& text, const std::string& name) {
     constexpr std::size_t kLongestLine = 4096;
-    static const std::regex kHead(R"(^(\S+) (\S+) //.*)");
+    static const std::regex kHead(R"(^(\S+) ([!-~]+) //.*)");
     static const std::regex kMessage(R"re(^#typev \S+ (\d{1,9}) "%0(.*)" //.*LEVEL=(\d{1,9})\b.*)re");
     static const std::regex kItem(R"(^\S+, (Item\w+) -- \d+\s*)");
-    std::istringstream lines(text);
+    // What is printed is UTF-8, whatever the file is.
+    std::istringstream lines(Utf8(Widened(text, CP_UTF8)));
     std::string line;
     std::smatch match;
     const auto nextLine = [&] {
