@@ -36,10 +36,8 @@ void Name(const char* what, Case named) {
 /// Names the case before the process ends of it. C++ exceptions are no such end.
 LONG WINAPI OnException(EXCEPTION_POINTERS* exception) {
     const DWORD code = exception->ExceptionRecord->ExceptionCode;
-    const bool isFault = code == static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION) ||
-                         code == static_cast<DWORD>(EXCEPTION_ILLEGAL_INSTRUCTION) ||
-                         code == static_cast<DWORD>(EXCEPTION_INT_DIVIDE_BY_ZERO) ||
-                         code == static_cast<DWORD>(EXCEPTION_STACK_OVERFLOW);
+    const bool isFault = code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_ILLEGAL_INSTRUCTION ||
+                         code == EXCEPTION_INT_DIVIDE_BY_ZERO || code == EXCEPTION_STACK_OVERFLOW;
     if (isFault && running.number != 0) Name("a fault", {running.seed, running.number - 1});
     return EXCEPTION_CONTINUE_SEARCH;
 }

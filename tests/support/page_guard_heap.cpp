@@ -22,6 +22,8 @@ constexpr std::size_t kArenaPages = std::size_t{1} << 20;  // 4 GB of addresses
 constexpr std::size_t kAlignment = 16;
 constexpr std::size_t kClasses = 17;           // slots of 1, 2, 4 ... 65536 pages
 constexpr std::size_t kRestingBlocks = 20000;  // of each class, before addresses are used again
+constexpr LONG kAllGuarded = 100000;           // of the first so many blocks each has its page,
+constexpr LONG kSample = 8;  // of those behind only every eighth: pages cost ten microseconds
 constexpr int kFresh = 0xCD;
 constexpr int kEdge = 0xFD;
 
@@ -42,6 +44,7 @@ struct RestingSlots {
 };
 
 SRWLOCK lock = SRWLOCK_INIT;
+LONG blockCount = 0;
 std::byte* arena = nullptr;
 Block* blocks = nullptr;            // one for each page
 std::uint32_t* nextSlot = nullptr;  // behind a resting one
@@ -130,9 +133,15 @@ void ForEdges(std::byte* block, std::size_t size, std::byte* end, const Use& use
     use(block + size, static_cast<std::size_t>(end - block) - size);
 }
 
+bool IsSample() {
+    const LONG number = ::InterlockedIncrement(&blockCount) & 0x7FFFFFFF;
+    return number <= kAllGuarded || number % kSample == 0;
+}
+
 void* Allocate(std::size_t size, std::size_t alignment = kAlignment) {
     constexpr std::size_t kLargest = (std::size_t{1} << (kClasses - 1)) * kPage;
-    if (size > kLargest - alignment || alignment > kPage) return Real<void*(std::size_t)>("malloc")(size);
+    if (size > kLargest - alignment || alignment > kPage || (alignment == kAlignment && !IsSample()))
+        return Real<void*(std::size_t)>("malloc")(size);
     const std::size_t rounded = RoundedUp(size != 0 ? size : 1, alignment);
     const std::size_t pages = RoundedUp(rounded, kPage) / kPage;
     const auto sizeClass = static_cast<std::uint32_t>(std::bit_width(pages - 1));
