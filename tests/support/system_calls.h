@@ -14,6 +14,9 @@ struct SystemCalls {
     decltype(&::GetSystemTime) getSystemTime = nullptr;
     decltype(&::GetLocalTime) getLocalTime = nullptr;
     decltype(&::GetCurrentProcessorNumber) getCurrentProcessorNumber = nullptr;
+    decltype(&::CreateDirectoryW) createDirectoryW = nullptr;
+    decltype(&::LoadLibraryW) loadLibraryW = nullptr;
+    decltype(&::GetModuleFileNameW) getModuleFileNameW = nullptr;
     decltype(&::OutputDebugStringW) outputDebugStringW = nullptr;
     decltype(&::OutputDebugStringA) outputDebugStringA = nullptr;
     decltype(&::ReportEventW) reportEventW = nullptr;

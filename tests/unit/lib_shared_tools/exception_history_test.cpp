@@ -81,6 +81,17 @@ TEST_F(ExceptionHistory, RecordHasTheTimeInUtcAndTheProcessor) {
     EXPECT_EQ(exceptionHistory.records[0].processorNumber, 61u);
 }
 
+TEST_F(ExceptionHistory, RecordIsWrittenUnderTheLock) {
+    const test_support::SystemCallsOfTest systemCalls;
+    static ULONG_PTR owner = 0;
+    test_support::systemCalls.getSystemTime = [](SYSTEMTIME*) {
+        owner = reinterpret_cast<ULONG_PTR>(exceptionHistory.lock.OwningThread);
+    };
+    RecordException(std::runtime_error("what"), "e", "f", "g", 1);
+    EXPECT_EQ(owner, ::GetCurrentThreadId());
+    EXPECT_EQ(exceptionHistory.lock.OwningThread, nullptr) << "and the lock is released";
+}
+
 TEST_F(ExceptionHistory, RecordLeavesNothingOfTheOneBefore) {
     const std::string longText(60, 't');
     for (int i = 0; i < 5; ++i)

@@ -155,7 +155,9 @@ TEST_F(Dump, UnusualModuleNamesAreReplaced) {
     EXPECT_TRUE(Matches(NameAfter(std::wstring(249, L'm')), L"\\(too_long\\)_\\d{8}-\\d{6}\\.dmp"));
     EXPECT_EQ(NameAfter(std::wstring(248, L'm')), L"INVALID_DUMPNAME.dmp")
         << "short enough, but not with the time";
-    EXPECT_TRUE(Matches(NameAfter(std::wstring(239, L'm')), L"m{239}_\\d{8}-\\d{6}\\.dmp"));
+    EXPECT_EQ(NameAfter(std::wstring(241, L'm')), L"INVALID_DUMPNAME.dmp") << "261 characters";
+    EXPECT_TRUE(Matches(NameAfter(std::wstring(240, L'm')), L"m{240}_\\d{8}-\\d{6}\\.dmp"))
+        << "260 characters";
 }
 
 TEST_F(Dump, GoesIntoTheTemporaryFolderOrToTheRoot) {
@@ -193,6 +195,12 @@ TEST_F(Dump, FailuresAreReturned) {
     kernel32_->closeResult = FALSE;
     EXPECT_TRUE(dump_.Create(L"m")) << "a failed close is no failed dump";
     EXPECT_EQ(kernel32_->closed, 3);
+}
+
+TEST_F(Dump, SuccessOfTheOneBeforeIsForgotten) {
+    EXPECT_TRUE(dump_.Create(L"m"));
+    kernel32_->file = nullptr;
+    EXPECT_FALSE(dump_.Create(L"m"));
 }
 
 TEST_F(Dump, PathThatIsTooLongIsNotWritten) {

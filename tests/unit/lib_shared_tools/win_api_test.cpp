@@ -2,6 +2,7 @@
 
 #include <aclapi.h>
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 #include "module_hooks.h"
 #include "system_calls.h"
 #include "text_of.h"
+#include "unique_handle.h"
 #include "win_convenience.h"
 #include "windows_api_excp.h"
 
@@ -104,6 +106,31 @@ TEST_F(RunTimeLibraries, CallAfterUnloadIsAssertedAndFails) {
               (std::vector<std::wstring>{L"hInst_ != NULL", L"MiniDumpWriteDump_ != NULL"}));
 }
 
+TEST_F(RunTimeLibraries, CallOfASessionFunctionAfterUnloadIsAssertedAndFails) {
+    const test_support::ModuleHooks hooks;
+    CWtsapi32 wtsapi(loader_);
+    wtsapi.UnloadLib();
+    EXPECT_FALSE(wtsapi.WTSSendMessageW(nullptr, 0, nullptr, 0, nullptr, 0, 0, 0, nullptr, FALSE));
+    EXPECT_FALSE(wtsapi.WTSEnumerateSessionsW(nullptr, 0, 1, nullptr, nullptr));
+    wtsapi.WTSFreeMemory(nullptr);
+    EXPECT_EQ(hooks.AssertedExpressions(),
+              (std::vector<std::wstring>{L"hInst_ != NULL", L"WTSSendMessageW_ != NULL", L"hInst_ != NULL",
+                                         L"WTSEnumerateSessionsW_ != NULL", L"hInst_ != NULL",
+                                         L"WTSFreeMemory_ != NULL"}));
+}
+
+TEST(Wrappers, HandTheSecurityOfAFolderOn) {
+    const test_support::SystemCallsOfTest systemCalls;
+    static SECURITY_ATTRIBUTES* given = nullptr;
+    test_support::systemCalls.createDirectoryW = [](LPCWSTR, LPSECURITY_ATTRIBUTES security) -> BOOL {
+        given = security;
+        return TRUE;
+    };
+    SECURITY_ATTRIBUTES security = {};
+    EXPECT_TRUE(windows_api::CKernel32().CreateDirectoryW(L"C:\\folder", &security));
+    EXPECT_EQ(given, &security);
+}
+
 TEST(Wrappers, ReturnTheSystemsResultAndLeaveItsLastError) {
     windows_api::CKernel32 kernel32;
     EXPECT_FALSE(kernel32.CloseHandle(nullptr));
@@ -116,6 +143,56 @@ TEST(Wrappers, ReturnTheSystemsResultAndLeaveItsLastError) {
     HKEY key = nullptr;
     EXPECT_EQ(advapi32.RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"no such key", 0, KEY_READ, &key),
               ERROR_FILE_NOT_FOUND);
+}
+
+TEST(Wrappers, HandEventArgumentsOn) {
+    windows_api::CKernel32 kernel32;
+    const std::wstring name = L"tessaplug_test_" + std::to_wstring(::GetCurrentProcessId());
+    const UniqueKernelHandle manual(kernel32.CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
+    const UniqueKernelHandle automatic(kernel32.CreateEventW(nullptr, FALSE, TRUE, nullptr));
+    EXPECT_TRUE(UniqueKernelHandle(::OpenEventW(SYNCHRONIZE, FALSE, name.c_str())));
+
+    EXPECT_EQ(kernel32.WaitForSingleObject(automatic.get(), 0), WAIT_OBJECT_0) << "initially set";
+    EXPECT_EQ(kernel32.WaitForSingleObject(automatic.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(kernel32.WaitForSingleObject(manual.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_TRUE(kernel32.SetEvent(manual.get()));
+    EXPECT_EQ(kernel32.WaitForSingleObject(manual.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(kernel32.WaitForSingleObject(manual.get(), 0), WAIT_OBJECT_0) << "it stays set";
+
+    const HANDLE both[] = {automatic.get(), manual.get()};
+    EXPECT_EQ(kernel32.WaitForMultipleObjects(2, both, FALSE, 0), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(kernel32.WaitForMultipleObjects(2, both, TRUE, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_TRUE(kernel32.ResetEvent(manual.get()));
+    EXPECT_EQ(kernel32.WaitForMultipleObjects(2, both, FALSE, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST(Wrappers, WaitAsLongAsTheyAreTold) {
+    windows_api::CKernel32 kernel32;
+    const UniqueKernelHandle timer(::CreateWaitableTimerW(nullptr, TRUE, nullptr));
+    LARGE_INTEGER due = {};
+    due.QuadPart = -200000;  // in 20 ms
+    ASSERT_TRUE(::SetWaitableTimer(timer.get(), &due, 0, nullptr, nullptr, FALSE));
+    EXPECT_EQ(kernel32.WaitForSingleObject(timer.get(), 10000), WAIT_OBJECT_0);
+}
+
+TEST(Wrappers, HandFileArgumentsOn) {
+    windows_api::CKernel32 kernel32;
+    wchar_t folder[MAX_PATH] = {};
+    const DWORD room = kernel32.GetTempPathW(0, nullptr);
+    ASSERT_EQ(kernel32.GetTempPathW(room, folder), room - 1) << "all of the room is used";
+    const std::wstring name =
+        std::wstring(folder) + L"wrappers_" + std::to_wstring(::GetCurrentProcessId()) + L".tmp";
+    const UniqueKernelHandle file(kernel32.CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                       CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(UniqueKernelHandle(kernel32.CreateFileW(
+        name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        OPEN_EXISTING, 0, nullptr)))
+        << "shared";
+    EXPECT_FALSE(UniqueKernelHandle(
+        kernel32.CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr)))
+        << "it is there already";
 }
 
 TEST(DefaultSecurity, OpensAnObjectToEveryUser) {
@@ -213,6 +290,18 @@ TEST(ModuleFileName, IsTheFullPath) {
     const std::wstring path = windows_api::GetModuleFileNameW(nullptr);
     EXPECT_TRUE(path.ends_with(L"win_api_tests.exe"));
     EXPECT_EQ(path[1], L':');
+}
+
+TEST(ModuleFileName, IsWholeHoweverLong) {
+    const test_support::SystemCallsOfTest systemCalls;
+    static const std::wstring path(999, L'x');
+    test_support::systemCalls.getModuleFileNameW = [](HMODULE, LPWSTR buffer, DWORD size) -> DWORD {
+        const std::size_t copied = std::min<std::size_t>(size - 1, path.length());
+        path.copy(buffer, copied);
+        buffer[copied] = L'\0';
+        return size > path.length() ? static_cast<DWORD>(path.length()) : size;  // cut off: the room
+    };
+    EXPECT_EQ(windows_api::GetModuleFileNameW(nullptr), path);
 }
 
 TEST(ModuleFileName, OfNoModuleIsAFailedCall) {

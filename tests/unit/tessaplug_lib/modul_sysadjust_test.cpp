@@ -59,6 +59,26 @@ TEST_F(ModuleEntries, AssertionThatCannotBeTracedIsStillReported) {
     EXPECT_EQ(records[0].Integer(0), 77u);
 }
 
+TEST_F(ModuleEntries, AssertionGoesToTheHandlerAsLongAsThereIsOne) {
+    const test_support::SystemCallsOfTest systemCalls;
+    // Nobody is there to be asked.
+    test_support::systemCalls.loadLibraryW = [](LPCWSTR) -> HMODULE {
+        ::SetLastError(ERROR_MOD_NOT_FOUND);
+        return nullptr;
+    };
+    const auto isHandled = [] {
+        test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kMessage, 1);
+        _ModulAssert(L"a == b", L"path", 1);
+        const auto records = test_support::TakeTraceRecords();
+        return records.size() == 1 && records[0].Text(0).find("Loading Wtsapi32.dll") != std::string::npos;
+    };
+    EXPECT_FALSE(isHandled());
+    tessaplug::CreateErrorHandler();
+    EXPECT_TRUE(isHandled());
+    tessaplug::DeleteErrorHandler();
+    EXPECT_FALSE(isHandled());
+}
+
 TEST_F(ModuleEntries, AssertionWithoutTextsIsReportedAsNull) {
     const test_support::SystemCallsOfTest systemCalls;
     static std::wstring reported;
