@@ -91,9 +91,11 @@ std::vector<std::wstring> LoadedModules() {
 std::size_t CommittedMemory(HANDLE process) {
     std::size_t committed = 0;
     MEMORY_BASIC_INFORMATION region = {};
-    for (const char* address = nullptr; ::VirtualQueryEx(process, address, &region, sizeof region) != 0;
-         address = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+    ULONG_PTR address = 0;
+    while (::VirtualQueryEx(process, reinterpret_cast<const void*>(address), &region, sizeof region) != 0) {
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) committed += region.RegionSize;
+        address = reinterpret_cast<ULONG_PTR>(region.BaseAddress) + region.RegionSize;
+    }
     return committed;
 }
 
