@@ -24,7 +24,7 @@ int Filter(DWORD code) {
     // bytes): they are left to C++, so that frames unwind.
     constexpr DWORD kOwnRunTime = 0x00474343;
     if ((code & 0x00FFFFFF) == kOwnRunTime) return EXCEPTION_CONTINUE_SEARCH;
-    if (code == static_cast<DWORD>(EXCEPTION_BREAKPOINT) && breakingThread == ::GetCurrentThreadId())
+    if (code == EXCEPTION_BREAKPOINT && breakingThread == ::GetCurrentThreadId())
         return EXCEPTION_CONTINUE_SEARCH;
     return EXCEPTION_EXECUTE_HANDLER;
 }
@@ -43,7 +43,7 @@ DWORD CallGuarded(void (*function)(void* context), void* context) {
     } __except (Filter(code = GetExceptionCode())) {
         // The stack's guard page is gone: without a new one the next overflow would end the process.
         // Documented so; under Wine the first one ends it already.
-        if (code == static_cast<DWORD>(EXCEPTION_STACK_OVERFLOW)) ::_resetstkoflw();
+        if (code == EXCEPTION_STACK_OVERFLOW) ::_resetstkoflw();
         return code;
     }
     return 0;

@@ -205,7 +205,8 @@ TEST(LogDeviceName, TemporaryNames) {
     EXPECT_EQ(LogDeviceName("LDCF_TEMP_LOG_DEVICE____").GetLogNameA(), "LDCF_TEMP_LOG_DEVICE____");
     EXPECT_EQ(LogDeviceName("ldcf_temp_log_device____17").GetLogNameClassicA(), "LDCF_TEMP_LOG_DEVICE____17");
     for (const std::string given :
-         {"LDCF_TEMP_LOG_DEVICE___1", "LDCF_TEMP_LOG_DEVICE____X", "LDCF_TEMP_LOG_DEVICE_____1"}) {
+         {"LDCF_TEMP_LOG_DEVICE", "LDCF_TEMP_LOG_DEVICEX", "LDCF_TEMP_LOG_DEVICE___1",
+          "LDCF_TEMP_LOG_DEVICE____X", "LDCF_TEMP_LOG_DEVICE_____1"}) {
         EXPECT_EQ(TextOf<std::invalid_argument>([&] { LogDeviceName{given}; }),
                   "Invalid temporary LogDevName")
             << given;
