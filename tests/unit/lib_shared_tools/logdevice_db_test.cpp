@@ -1,8 +1,10 @@
 #include "logdevice_db.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,6 +25,26 @@ using testing::Return;
 using testing::StrEq;
 
 using test_support::TextOf;
+
+namespace {
+
+std::size_t largestAllocation = 0;
+
+}  // namespace
+
+// The test program's own, which remember the largest request.
+void* operator new(std::size_t size) {
+    largestAllocation = std::max(largestAllocation, size);
+    void* memory = std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -405,7 +427,9 @@ TEST_F(DefaultLogDevices, EntryIsCutToTheReturnedLength) {
             return 0;
         });
     const ConfigurationTracing tracing(trace::kWarning);
+    largestAllocation = 0;
     EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)", "E(F)", "G(H)", "I(J)"}));
+    EXPECT_LT(largestAllocation, 65536u) << "what the library claims is not allocated";
     EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{22, 22})) << "more than the buffer";
 }
 
