@@ -12,9 +12,7 @@
 #include "structured_exception.h"
 #include "text_of.h"
 
-using korvane::CStatMgrImpl;
 using korvane::StationManager;
-using korvane::StatMgrCfg;
 using operating_system::ForeignException;
 using test_support::ModuleHooks;
 using test_support::ScriptedStation;
