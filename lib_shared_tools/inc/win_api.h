@@ -41,6 +41,7 @@ class CKernel32 {
     virtual HMODULE LoadLibraryW(const wchar_t* fileName);
     virtual FARPROC GetProcAddress(HMODULE module, const char* name);
     virtual BOOL FreeLibrary(HMODULE module);
+    virtual BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information);
 };
 
 /// advapi32.dll, bound at load time.

@@ -129,6 +129,11 @@ BOOL CKernel32::FreeLibrary(HMODULE module) {
     return ::FreeLibrary(module);
 }
 
+BOOL CKernel32::GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+    FUNCTION_TRACE();
+    return ::GetFileInformationByHandle(file, information);
+}
+
 SC_HANDLE Advapi32::CreateServiceW_Reduced(SC_HANDLE manager, const wchar_t* serviceName,
                                            const wchar_t* displayName, const wchar_t* binaryPathName,
                                            DWORD startType) {
