@@ -19,13 +19,13 @@ namespace {
 /// The thread that breaks into the debugger at a user's wish; 0 if none does.
 std::atomic<DWORD> breakingThread = 0;
 
-int Filter(DWORD code) {
+int Filter(DWORD code, Breakpoints breakpoints) {
     // Of this run time's kind are 0x20474343 and its like, whichever module throws them ("GCC" in the low
     // bytes): they are left to C++, so that frames unwind.
     constexpr DWORD kOwnRunTime = 0x00474343;
     if ((code & 0x00FFFFFF) == kOwnRunTime) return EXCEPTION_CONTINUE_SEARCH;
-    if (code == EXCEPTION_BREAKPOINT && breakingThread == ::GetCurrentThreadId())
-        return EXCEPTION_CONTINUE_SEARCH;
+    const bool isWanted = breakpoints == Breakpoints::kPass || breakingThread == ::GetCurrentThreadId();
+    if (code == EXCEPTION_BREAKPOINT && isWanted) return EXCEPTION_CONTINUE_SEARCH;
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
@@ -36,11 +36,11 @@ int Filter(DWORD code) {
 
 }  // namespace
 
-DWORD CallGuarded(void (*function)(void* context), void* context) {
+DWORD CallGuarded(void (*function)(void* context), void* context, Breakpoints breakpoints) {
     DWORD code = 0;
     __try {
         Call(function, context);
-    } __except (Filter(code = GetExceptionCode())) {
+    } __except (Filter(code = GetExceptionCode(), breakpoints)) {
         // The stack's guard page is gone: without a new one the next overflow would end the process.
         // Documented so; under Wine the first one ends it already.
         if (code == EXCEPTION_STACK_OVERFLOW) ::_resetstkoflw();

@@ -32,6 +32,19 @@ INSTANTIATE_TEST_SUITE_P(Codes, StructuredException,
                                          EXCEPTION_INT_DIVIDE_BY_ZERO, 0x00001234u, 0xE0000001u,
                                          kCppExceptionOfAnotherRunTime, 0xC0000374u, 0xC06D007Eu));
 
+TEST(StructuredException, BreakpointPassesAGuardThatLetsItPass) {
+    using operating_system::Breakpoints;
+    DWORD inner = 1;
+    auto breakpoint = [] { ::DebugBreak(); };
+    auto passing = [&] { inner = CallGuarded(breakpoint, Breakpoints::kPass); };
+    EXPECT_EQ(CallGuarded(passing), EXCEPTION_BREAKPOINT);
+    EXPECT_EQ(inner, 1u) << "it did not return";
+    auto foreign = [&] { CallForeign(breakpoint, Breakpoints::kPass); };
+    EXPECT_EQ(CallGuarded(foreign), EXCEPTION_BREAKPOINT);
+    auto fault = [] { WriteToNull(); };
+    EXPECT_EQ(CallGuarded(fault, Breakpoints::kPass), EXCEPTION_ACCESS_VIOLATION);
+}
+
 TEST(StructuredException, OfTheProcessorIsCaught) {
     auto fault = [] { WriteToNull(); };
     EXPECT_EQ(CallGuarded(fault), EXCEPTION_ACCESS_VIOLATION);
