@@ -49,11 +49,10 @@ std::wstring RightsOf(const std::wstring& path) {
     return rights;
 }
 
-/// Rights for everybody.
-void OpenToAll(const std::wstring& path) {
+/// Rights for everybody, all of them unless told otherwise.
+void OpenToAll(const std::wstring& path, const wchar_t* rights = L"D:(A;OICI;FA;;;WD)") {
     void* descriptor = nullptr;
-    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;OICI;FA;;;WD)", SDDL_REVISION_1,
-                                                           &descriptor, nullptr);
+    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(rights, SDDL_REVISION_1, &descriptor, nullptr);
     EXPECT_TRUE(::SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, descriptor));
     ::LocalFree(descriptor);
 }
@@ -145,8 +144,12 @@ TEST_F(ProtectedFolder, OneThatIsOpenToOthersIsClosed) {
 }
 
 TEST_F(ProtectedFolder, OneThatOthersMayOnlyReadStaysAsItIs) {
-    const std::wstring folder = root_ + L"\\own";
+    // Wine adds the rights of the folder above to those that are set: here these give others none.
+    const std::wstring above = root_ + L"\\above";
+    const std::wstring folder = above + L"\\own";
+    EnsureProtectedFolder(above);
     std::filesystem::create_directory(folder);
+    OpenToAll(folder, L"D:(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;WD)");
     const std::wstring before = RightsOf(folder);
     ASSERT_NE(before.find(L";WD)"), std::wstring::npos);
 
