@@ -16,6 +16,7 @@ enum class ExitCode {
     kTimedOut = 6,
     kNotRunning = 7,
     kAlreadyRunning = 8,
+    kEndedByForce = 9,
 };
 
 /// What the command line says beyond the command. Empty means: the default.
@@ -24,7 +25,11 @@ struct Options {
     std::wstring displayName;          ///< shown in the service manager's list
     std::wstring plugIn;               ///< plug-in library
     std::wstring log;                  ///< log file
+    unsigned long stopTimeOut = 60;    ///< seconds that a stop may take
+    unsigned long logSize = 2048;      ///< kilobytes, then a new log file is begun
+    unsigned long logKeep = 2;         ///< full log files that stay
     bool automaticStart = false;       ///< start with the machine
+    bool delayedStart = false;         ///< some minutes after it
     bool json = false;                 ///< status as JSON
 };
 

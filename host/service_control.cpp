@@ -5,8 +5,13 @@
 #include <cstdio>
 #include <string>
 
+#include "log_file.h"
+#include "protected_folder.h"
 #include "service_main.h"
+#include "service_report.h"
+#include "service_settings.h"
 #include "status_log.h"
+#include "system_error.h"
 #include "unique_handle.h"
 #include "win_convenience.h"
 
@@ -66,7 +71,8 @@ ExitCode Failed(const Options& options, const wchar_t* what, DWORD error) {
             std::fwprintf(stderr, L"tessahost: the service \"%ls\" is not running.\n", name);
             return ExitCode::kNotRunning;
         default:
-            std::fwprintf(stderr, L"tessahost: %ls failed with error %lu.\n", what, error);
+            std::fwprintf(stderr, L"tessahost: %ls failed: %ls.\n", what,
+                          operating_system::DescribeSystemError(error).c_str());
             return ExitCode::kFailed;
     }
 }
@@ -100,10 +106,18 @@ std::wstring LogPath(const Options& options) {
     wchar_t path[MAX_PATH] = {};
     const std::wstring given = options.log.empty() ? DefaultLogPath() : options.log;
     const DWORD length = ::GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
-    if (length > 0 && length < MAX_PATH && StatusLog().Open(path)) return path;
+    std::wstring reason = L"its path is too long";
+    try {
+        if (length > 0 && length < MAX_PATH) {
+            LogFile().Open(path, {});
+            return path;
+        }
+    } catch (const operating_system::PathRefused& refused) {
+        reason = refused.Text();
+    }
     std::fwprintf(stderr,
-                  L"tessahost: the log file %ls cannot be written, error %lu; name another with --log.\n",
-                  given.c_str(), ::GetLastError());
+                  L"tessahost: the log file %ls cannot be written: %ls. Another is named with --log.\n",
+                  given.c_str(), reason.c_str());
     return {};
 }
 
@@ -111,11 +125,25 @@ std::wstring LogPath(const Options& options) {
 std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn, const std::wstring& log) {
     const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
     return quoted(windows_api::GetModuleFileNameW(nullptr)) + L" run --name " + quoted(options.name) +
-           L" --plugin " + quoted(plugIn) + L" --log " + quoted(log);
+           L" --plugin " + quoted(plugIn) + L" --stop-timeout " + std::to_wstring(options.stopTimeOut) +
+           L" --log-size " + std::to_wstring(options.logSize) + L" --log-keep " +
+           std::to_wstring(options.logKeep) + L" --log " + quoted(log);
 }
 
 void PrintState(const SERVICE_STATUS_PROCESS& status) {
     std::wprintf(L"%-13ls  check point %lu\n", StateName(status.dwCurrentState), status.dwCheckPoint);
+}
+
+/// Whether a service that has stopped had to end its own process; tells so.
+bool WasEndedByForce(const SERVICE_STATUS_PROCESS& status) {
+    if (status.dwWin32ExitCode != ERROR_SERVICE_SPECIFIC_ERROR ||
+        status.dwServiceSpecificExitCode != kStopTimedOut)
+        return false;
+    std::fputws(
+        L"tessahost: the plug-in did not stop in time, so that the service's process was ended; its log has "
+        L"more. To the service manager this is a failure: it may start the service again.\n",
+        stderr);
+    return true;
 }
 
 }  // namespace
@@ -149,6 +177,8 @@ ExitCode ServiceControl::Install(const Options& options) {
                                         ServiceCommandLine(options, plugIn, log).c_str(),
                                         options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
         if (!service) return Failed(options, L"installing the service", ::GetLastError());
+        for (const std::wstring& refusal : ApplySettings(*advapi32_, manager, service.get(), options))
+            std::fwprintf(stderr, L"tessahost: %ls\n", refusal.c_str());
         std::wprintf(L"Service \"%ls\" installed with %ls\n", options.name.c_str(), plugIn.c_str());
         return ExitCode::kSuccess;
     });
@@ -159,7 +189,9 @@ ExitCode ServiceControl::Uninstall(const Options& options) {
         SERVICE_STATUS_PROCESS status = {};
         if (Query(service, status) && status.dwCurrentState != SERVICE_STOPPED) {
             const ExitCode stopped = StopAndWait(service, options);
-            if (stopped != ExitCode::kSuccess && stopped != ExitCode::kNotRunning) return stopped;
+            const bool hasEnded = stopped == ExitCode::kSuccess || stopped == ExitCode::kNotRunning ||
+                                  stopped == ExitCode::kEndedByForce;
+            if (!hasEnded) return stopped;
         }
         if (!advapi32_->DeleteService(service))
             return Failed(options, L"removing the service", ::GetLastError());
@@ -173,11 +205,11 @@ ExitCode ServiceControl::Start(const Options& options) {
         SERVICE_STATUS_PROCESS status = {};
         if (Query(service, status) && status.dwCurrentState == SERVICE_STOP_PENDING) {
             const ExitCode stopped = StopAndWait(service, options);
-            if (stopped != ExitCode::kSuccess) return stopped;
+            if (stopped != ExitCode::kSuccess && stopped != ExitCode::kEndedByForce) return stopped;
         }
         if (!advapi32_->StartServiceW(service, 0, nullptr))
             return Failed(options, L"starting the service", ::GetLastError());
-        return WaitFor(service, SERVICE_RUNNING, options);
+        return WaitFor(service, SERVICE_RUNNING, options, status);
     });
 }
 
@@ -190,7 +222,8 @@ ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) 
     SERVICE_STATUS_PROCESS status = {};
     if (!Query(service, status)) return Failed(options, L"asking for the service's state", ::GetLastError());
     if (status.dwCurrentState == SERVICE_START_PENDING) {
-        const ExitCode running = WaitFor(service, SERVICE_RUNNING, options);  // it takes no stop before
+        SERVICE_STATUS_PROCESS started = {};
+        const ExitCode running = WaitFor(service, SERVICE_RUNNING, options, started);  // no stop before
         if (running != ExitCode::kSuccess) return running;
     }
     const UniqueKernelHandle process(::OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
@@ -198,24 +231,29 @@ ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) 
     if (status.dwCurrentState != SERVICE_STOP_PENDING &&
         !advapi32_->ControlService(service, SERVICE_CONTROL_STOP, &ignored))
         return Failed(options, L"stopping the service", ::GetLastError());
-    const ExitCode stopped = WaitFor(service, SERVICE_STOPPED, options);
+    const ExitCode stopped = WaitFor(service, SERVICE_STOPPED, options, status);
     // The process holds the plug-in's instance lock a little longer: a start right now would be refused.
     if (stopped == ExitCode::kSuccess && process)
         ::WaitForSingleObject(process.get(), static_cast<DWORD>(timeOut_.count()));
-    return stopped;
+    return stopped == ExitCode::kSuccess && WasEndedByForce(status) ? ExitCode::kEndedByForce : stopped;
 }
 
-ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options& options) {
-    // The service manager has no event for a state; what it advises is to ask again.
+ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options& options,
+                                 SERVICE_STATUS_PROCESS& status) {
+    // The service manager has no event for a state; what it advises is to ask again. A service that gets on
+    // is waited for: how long a stop may take is its own affair, and it ends one that takes longer.
     constexpr DWORD kPollInterval = 20;
-    const auto deadline = std::chrono::steady_clock::now() + timeOut_;
+    auto deadline = std::chrono::steady_clock::now() + timeOut_;
     DWORD lastState = 0;
     DWORD lastCheckPoint = 0;
     for (;;) {
-        SERVICE_STATUS_PROCESS status = {};
+        status = {};
         if (!Query(service, status))
             return Failed(options, L"asking for the service's state", ::GetLastError());
-        if (status.dwCurrentState != lastState || status.dwCheckPoint != lastCheckPoint) PrintState(status);
+        if (status.dwCurrentState != lastState || status.dwCheckPoint != lastCheckPoint) {
+            PrintState(status);
+            deadline = std::chrono::steady_clock::now() + timeOut_;
+        }
         lastState = status.dwCurrentState;
         lastCheckPoint = status.dwCheckPoint;
         if (lastState == wanted) return ExitCode::kSuccess;
@@ -243,20 +281,15 @@ bool ServiceControl::Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status) {
 }
 
 ExitCode ServiceControl::Status(const Options& options) {
-    return WithService(options, SERVICE_QUERY_STATUS, [&](SC_HANDLE service) {
+    return WithService(options, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG, [&](SC_HANDLE service) {
         SERVICE_STATUS_PROCESS status = {};
         if (!Query(service, status))
             return Failed(options, L"asking for the service's state", ::GetLastError());
+        const ServiceSettings settings = ReadSettings(*advapi32_, service);
         if (options.json)
-            std::wprintf(
-                L"{\"name\":\"%ls\",\"state\":\"%ls\",\"processId\":%lu,\"exitCode\":%lu,"
-                L"\"serviceExitCode\":%lu}\n",
-                options.name.c_str(), StateName(status.dwCurrentState), status.dwProcessId,
-                status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+            std::puts(StatusAsJson(options.name, status, settings).c_str());
         else
-            std::wprintf(L"service    %ls\nstate      %ls\nprocess    %lu\nexit code  %lu (its own: %lu)\n",
-                         options.name.c_str(), StateName(status.dwCurrentState), status.dwProcessId,
-                         status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+            std::fputws(StatusAsText(options.name, status, settings).c_str(), stdout);
         return ExitCode::kSuccess;
     });
 }

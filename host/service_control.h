@@ -32,7 +32,9 @@ class ServiceControl : public CommandHandlersIf {
     bool Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
     /// Stops the service, or waits if it is stopping already, until its process has ended.
     ExitCode StopAndWait(SC_HANDLE service, const Options& options);
-    ExitCode WaitFor(SC_HANDLE service, DWORD wanted, const Options& options);
+    /// @param status the state that was waited for, or the one it was given up in
+    /// @return kTimedOut if neither state nor check point changes for the time-out
+    ExitCode WaitFor(SC_HANDLE service, DWORD wanted, const Options& options, SERVICE_STATUS_PROCESS& status);
 
     std::shared_ptr<windows_api::Advapi32> advapi32_;
     std::chrono::milliseconds timeOut_;

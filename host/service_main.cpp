@@ -4,12 +4,17 @@
 #include <winsvc.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 
 #include "plug_in.h"
+#include "protected_folder.h"
+#include "service_controls.h"
 #include "status_log.h"
+#include "stop_limit.h"
+#include "system_error.h"
 #include "toolbox.h"
 #include "unique_handle.h"
 #include "wine_gap_loader.h"
@@ -17,8 +22,15 @@
 namespace host {
 namespace {
 
-/// What the service reports as its own exit code when the plug-in does not start.
-enum ServiceExitCode : DWORD { kPlugInRefused = 1 };
+/// How long a stop may take between two check points. They come once a second; a machine that is going down
+/// is slow.
+constexpr DWORD kStopHint = 5000;
+
+/// How the service ends.
+struct Outcome {
+    DWORD exitCode = NO_ERROR;
+    DWORD specificExitCode = 0;
+};
 
 /// The one service of the process.
 class HostService {
@@ -37,49 +49,87 @@ class HostService {
         stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         statusHandle_ = ::RegisterServiceCtrlHandlerExW(options_.name.c_str(), &HandleControl, this);
         if (statusHandle_ == nullptr) {
-            Log().Write(L"The service handler cannot be registered, error " +
-                        std::to_wstring(::GetLastError()));
+            Log().Write(L"The service handler cannot be registered: " +
+                        operating_system::DescribeSystemError(::GetLastError()));
             return;
         }
         Report(SERVICE_START_PENDING, 1, 3000);
+        Outcome outcome;
         try {
-            Serve();
+            outcome = Serve();
         } catch (const PlugInError& error) {
-            Log().Write(toolbox::StringToWstring(error.what()));
-            ReportStopped(error.Code(), 0);
+            Log().Write(error.Text());
+            outcome.exitCode = error.Code();
         } catch (const std::exception& error) {
             Log().Write(L"The service ends: " + toolbox::StringToWstring(error.what()));
-            ReportStopped(ERROR_EXCEPTION_IN_SERVICE, 0);
+            outcome.exitCode = ERROR_EXCEPTION_IN_SERVICE;
         }
+        // Last of all: the service manager may end the process from here on.
+        ReportStopped(outcome);
     }
 
   private:
-    void Serve() {
+    Outcome Serve() {
+        StopLimit stopLimit(
+            std::chrono::seconds(options_.stopTimeOut),
+            [this] { Report(SERVICE_STOP_PENDING, NextCheckPoint(), kStopHint); }, [this] { GiveUp(); });
         Log().Write(L"Loading " + options_.plugIn);
         auto plugIn = std::make_shared<PlugIn>(options_.plugIn);
         SetPlugIn(plugIn);
-        const bool started =
-            plugIn->init(TESSAPLUG_API_VERSION, statusHandle_, &OnPlugInStatus, this, 0) == 1;
-        if (started) {
-            Log().Write(L"The plug-in has started");
+        Outcome outcome = Start(*plugIn);
+        if (outcome.exitCode == NO_ERROR) {
             Report(SERVICE_RUNNING, 0, 0);
             ::WaitForSingleObject(stop_.get(), INFINITE);
-            Report(SERVICE_STOP_PENDING, 1, 25000);
-        } else {
-            Log().Write(L"The plug-in refused to start; see the Application log");
         }
-        plugIn->cleanup();
+        stopLimit.Begin();
+        Report(SERVICE_STOP_PENDING, 1, kStopHint);
+        Cleanup(*plugIn, outcome);
         SetPlugIn(nullptr);
         plugIn.reset();
         const bool unloaded = ::GetModuleHandleW(options_.plugIn.c_str()) == nullptr;
         Log().Write(unloaded ? L"The plug-in is unloaded"
                              : L"The plug-in stays loaded: a thread is still in it");
         leavesThread_ = !unloaded;
-        // Last of all: the service manager may end the process from here on.
-        if (started)
-            ReportStopped(NO_ERROR, 0);
-        else
-            ReportStopped(ERROR_SERVICE_SPECIFIC_ERROR, kPlugInRefused);
+        stopLimit.End();
+        return outcome;
+    }
+
+    Outcome Start(PlugIn& plugIn) {
+        try {
+            if (plugIn.Init(statusHandle_, &OnPlugInStatus, this) == 1) {
+                Log().Write(L"The plug-in has started");
+                return {};
+            }
+        } catch (const PlugInError& error) {
+            plugIn.KeepLoaded();
+            Log().Write(error.Text());
+            return {error.Code()};
+        }
+        Log().Write(L"The plug-in refused to start; see the Application log");
+        return {ERROR_SERVICE_SPECIFIC_ERROR, kPlugInRefused};
+    }
+
+    /// Init and clean-up belong to one thread, so the clean-up stays on this one; what has to go on meanwhile
+    /// is done by the stop limit's.
+    static void Cleanup(PlugIn& plugIn, Outcome& outcome) {
+        try {
+            plugIn.Cleanup();
+        } catch (const PlugInError& error) {
+            plugIn.KeepLoaded();
+            Log().Write(error.Text());
+            if (outcome.exitCode == NO_ERROR) outcome.exitCode = error.Code();
+        }
+    }
+
+    /// The clean-up hangs in a partner, and nothing that it waits for can be trusted to come.
+    void GiveUp() {
+        Log().Write(L"The plug-in's clean-up has not returned within " +
+                    std::to_wstring(options_.stopTimeOut) +
+                    L" s: a partner (station manager, configuration library, interface panel) hangs, or a "
+                    L"message box is open. The process is ended");
+        ReportStopped({ERROR_SERVICE_SPECIFIC_ERROR, kStopTimedOut});
+        // An orderly end would wait for the same partner.
+        ::TerminateProcess(::GetCurrentProcess(), kStopTimedOut);
     }
 
     /// The plug-in as the control handler sees it. The handler holds a reference of its own while it
@@ -96,7 +146,7 @@ class HostService {
 
     static void WINAPI OnPlugInStatus(void* context, SERVICE_STATUS* status) {
         // The plug-in reports its start only; what it must not decide is filled in here.
-        if (context == nullptr) return;
+        if (context == nullptr || status == nullptr) return;
         static_cast<HostService*>(context)->Report(status->dwCurrentState, status->dwCheckPoint,
                                                    status->dwWaitHint);
     }
@@ -104,18 +154,26 @@ class HostService {
     static DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData,
                                       void* context) noexcept {
         auto& service = *static_cast<HostService*>(context);
+        try {
+            return service.Control(control, eventType, eventData);
+        } catch (const std::exception&) {
+            return ERROR_EXCEPTION_IN_SERVICE;
+        }
+    }
+
+    DWORD Control(DWORD control, DWORD eventType, void* eventData) {
+        if (const wchar_t* const reason = StopReason(control)) {
+            Log().Write(reason);
+            ::SetEvent(stop_.get());
+            return NO_ERROR;
+        }
         switch (control) {
-            case SERVICE_CONTROL_STOP:
-            case SERVICE_CONTROL_SHUTDOWN:
-                Log().Write(control == SERVICE_CONTROL_STOP ? L"Stop requested" : L"The machine shuts down");
-                ::SetEvent(service.stop_.get());
-                return NO_ERROR;
             case SERVICE_CONTROL_INTERROGATE:
-                service.ReportAgain();
+                ReportAgain();
                 return NO_ERROR;
             case SERVICE_CONTROL_DEVICEEVENT:
             case SERVICE_CONTROL_POWEREVENT:
-                return service.Forward(control, eventType, eventData);
+                return Forward(control, eventType, eventData);
             default:
                 return ERROR_CALL_NOT_IMPLEMENTED;
         }
@@ -128,17 +186,19 @@ class HostService {
                       control == SERVICE_CONTROL_DEVICEEVENT ? L"Device event" : L"Power event", eventType,
                       plugIn ? L"" : L" dropped: no plug-in");
         Log().Write(line);
-        return plugIn ? plugIn->serviceCtrlHandler(control, eventType, eventData, nullptr) : NO_ERROR;
+        try {
+            return plugIn ? plugIn->ServiceCtrlHandler(control, eventType, eventData) : NO_ERROR;
+        } catch (const PlugInError& error) {
+            Log().Write(error.Text());
+            return error.Code();
+        }
     }
 
     void Report(DWORD state, DWORD checkPoint, DWORD waitHint) {
         const std::lock_guard guard(statusLock_);
         status_.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
         status_.dwCurrentState = state;
-        status_.dwControlsAccepted =
-            state == SERVICE_RUNNING
-                ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_POWEREVENT
-                : 0;
+        status_.dwControlsAccepted = AcceptedControls(state);
         status_.dwCheckPoint = checkPoint;
         status_.dwWaitHint = waitHint;
         wchar_t line[80] = {};
@@ -148,11 +208,16 @@ class HostService {
         ::SetServiceStatus(statusHandle_, &status_);
     }
 
-    void ReportStopped(DWORD exitCode, DWORD specificExitCode) {
+    DWORD NextCheckPoint() {
+        const std::lock_guard guard(statusLock_);
+        return status_.dwCheckPoint + 1;
+    }
+
+    void ReportStopped(const Outcome& outcome) {
         {
             const std::lock_guard guard(statusLock_);
-            status_.dwWin32ExitCode = exitCode;
-            status_.dwServiceSpecificExitCode = specificExitCode;
+            status_.dwWin32ExitCode = outcome.exitCode;
+            status_.dwServiceSpecificExitCode = outcome.specificExitCode;
         }
         Report(SERVICE_STOPPED, 0, 0);
     }
@@ -176,10 +241,27 @@ void WINAPI ServiceMain(DWORD /*argc*/, wchar_t** /*argv*/) noexcept {
     HostService::Instance().Run();
 }
 
+/// A log file that cannot be had does not keep the service from its work; why stands in the usual one.
+void OpenLog(const Options& options) {
+    const LogLimits limits = {options.logSize * ULONGLONG{1024}, options.logKeep};
+    std::wstring reason;
+    try {
+        return Log().Open(options.log, limits);
+    } catch (const operating_system::PathRefused& refused) {
+        reason = refused.Text();
+    }
+    try {
+        Log().Open(DefaultLogPath(), limits);
+        Log().Write(L"The log file " + options.log + L" is not used. " + reason);
+    } catch (const std::exception&) {
+        ::OutputDebugStringW((L"tessahost: no log file. " + reason + L"\n").c_str());
+    }
+}
+
 }  // namespace
 
 ExitCode RunService(const Options& options) {
-    Log().Open(options.log);
+    OpenLog(options);
     HostService::Instance().SetOptions(options);
     std::wstring name = options.name;
     const SERVICE_TABLE_ENTRYW services[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
@@ -192,7 +274,8 @@ ExitCode RunService(const Options& options) {
     if (::GetLastError() == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT)
         std::fputws(L"tessahost: \"run\" is for the service manager; use \"tessahost start\".\n", stderr);
     else
-        std::fwprintf(stderr, L"tessahost: the service cannot be run, error %lu\n", ::GetLastError());
+        std::fwprintf(stderr, L"tessahost: the service cannot be run: %ls.\n",
+                      operating_system::DescribeSystemError(::GetLastError()).c_str());
     return ExitCode::kFailed;
 }
 

@@ -61,6 +61,16 @@ class Advapi32 {
     virtual BOOL QueryServiceStatusEx(SC_HANDLE service, SC_STATUS_TYPE level, BYTE* buffer, DWORD bufferSize,
                                       DWORD* bytesNeeded);
     virtual BOOL DeleteService(SC_HANDLE service);
+    virtual BOOL ChangeServiceConfigW(SC_HANDLE service, DWORD serviceType, DWORD startType,
+                                      DWORD errorControl, const wchar_t* binaryPathName,
+                                      const wchar_t* loadOrderGroup, DWORD* tagId,
+                                      const wchar_t* dependencies, const wchar_t* accountName,
+                                      const wchar_t* password, const wchar_t* displayName);
+    virtual BOOL ChangeServiceConfig2W(SC_HANDLE service, DWORD level, void* information);
+    virtual BOOL QueryServiceConfigW(SC_HANDLE service, QUERY_SERVICE_CONFIGW* configuration,
+                                     DWORD bufferSize, DWORD* bytesNeeded);
+    virtual BOOL QueryServiceConfig2W(SC_HANDLE service, DWORD level, BYTE* buffer, DWORD bufferSize,
+                                      DWORD* bytesNeeded);
     virtual BOOL StartServiceW(SC_HANDLE service, DWORD argc, const wchar_t** argv);
     virtual SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerW(const wchar_t* serviceName,
                                                               LPHANDLER_FUNCTION handler);

@@ -174,6 +174,32 @@ BOOL Advapi32::DeleteService(SC_HANDLE service) {
     return ::DeleteService(service);
 }
 
+BOOL Advapi32::ChangeServiceConfigW(SC_HANDLE service, DWORD serviceType, DWORD startType, DWORD errorControl,
+                                    const wchar_t* binaryPathName, const wchar_t* loadOrderGroup,
+                                    DWORD* tagId, const wchar_t* dependencies, const wchar_t* accountName,
+                                    const wchar_t* password, const wchar_t* displayName) {
+    FUNCTION_TRACE();
+    return ::ChangeServiceConfigW(service, serviceType, startType, errorControl, binaryPathName,
+                                  loadOrderGroup, tagId, dependencies, accountName, password, displayName);
+}
+
+BOOL Advapi32::ChangeServiceConfig2W(SC_HANDLE service, DWORD level, void* information) {
+    FUNCTION_TRACE();
+    return ::ChangeServiceConfig2W(service, level, information);
+}
+
+BOOL Advapi32::QueryServiceConfigW(SC_HANDLE service, QUERY_SERVICE_CONFIGW* configuration, DWORD bufferSize,
+                                   DWORD* bytesNeeded) {
+    FUNCTION_TRACE();
+    return ::QueryServiceConfigW(service, configuration, bufferSize, bytesNeeded);
+}
+
+BOOL Advapi32::QueryServiceConfig2W(SC_HANDLE service, DWORD level, BYTE* buffer, DWORD bufferSize,
+                                    DWORD* bytesNeeded) {
+    FUNCTION_TRACE();
+    return ::QueryServiceConfig2W(service, level, buffer, bufferSize, bytesNeeded);
+}
+
 BOOL Advapi32::StartServiceW(SC_HANDLE service, DWORD argc, const wchar_t** argv) {
     FUNCTION_TRACE();
     return ::StartServiceW(service, argc, argv);

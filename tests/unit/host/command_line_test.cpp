@@ -52,18 +52,26 @@ TEST_F(CommandLine, HasDefaults) {
     EXPECT_EQ(handlers_.options.name, L"tessahost");
     EXPECT_EQ(handlers_.options.plugIn, L"");
     EXPECT_EQ(handlers_.options.log, L"");
+    EXPECT_EQ(handlers_.options.stopTimeOut, 60u);
+    EXPECT_EQ(handlers_.options.logSize, 2048u);
+    EXPECT_EQ(handlers_.options.logKeep, 2u);
     EXPECT_FALSE(handlers_.options.automaticStart);
+    EXPECT_FALSE(handlers_.options.delayedStart);
     EXPECT_FALSE(handlers_.options.json);
 }
 
 TEST_F(CommandLine, TakesEveryOption) {
     Run({L"install", L"--name", L"n", L"--display-name", L"d", L"--plugin", L"p.dll", L"--log", L"l.log",
-         L"--auto", L"--json"});
+         L"--auto", L"--json", L"--stop-timeout", L"5", L"--log-size", L"1048576", L"--log-keep", L"0"});
     EXPECT_EQ(handlers_.options.name, L"n");
     EXPECT_EQ(handlers_.options.displayName, L"d");
     EXPECT_EQ(handlers_.options.plugIn, L"p.dll");
     EXPECT_EQ(handlers_.options.log, L"l.log");
+    EXPECT_EQ(handlers_.options.stopTimeOut, 5u);
+    EXPECT_EQ(handlers_.options.logSize, 1048576u);
+    EXPECT_EQ(handlers_.options.logKeep, 0u);
     EXPECT_TRUE(handlers_.options.automaticStart);
+    EXPECT_FALSE(handlers_.options.delayedStart);
     EXPECT_TRUE(handlers_.options.json);
 }
 
@@ -75,6 +83,24 @@ TEST_F(CommandLine, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(Run({L"install", L"--plugin", L""}), ExitCode::kUsage);
     EXPECT_EQ(Run({L"install", L"--name", L"a\" b"}), ExitCode::kUsage);
     EXPECT_EQ(Run({L"install", L"--log", L"C:\\logs\\"}), ExitCode::kUsage);
+    EXPECT_EQ(handlers_.called, L"");
+}
+
+TEST_F(CommandLine, DelayedStartIsAnAutomaticOne) {
+    Run({L"install", L"--delayed-auto"});
+    EXPECT_TRUE(handlers_.options.automaticStart);
+    EXPECT_TRUE(handlers_.options.delayedStart);
+}
+
+TEST_F(CommandLine, RefusesNumbersOutOfRange) {
+    for (const wchar_t* value : {L"4", L"3601", L"-5", L"5x", L"0x10", L" 60", L"99999999999999999999"})
+        EXPECT_EQ(Run({L"install", L"--stop-timeout", value}), ExitCode::kUsage)
+            << testing::PrintToString(value);
+    for (const wchar_t* value : {L"15", L"1048577"})
+        EXPECT_EQ(Run({L"install", L"--log-size", value}), ExitCode::kUsage);
+    EXPECT_EQ(Run({L"install", L"--log-keep", L"100"}), ExitCode::kUsage);
+    EXPECT_EQ(Run({L"install", L"--log-keep", L"none"}), ExitCode::kUsage);
+    EXPECT_EQ(Run({L"install", L"--log-keep"}), ExitCode::kUsage);
     EXPECT_EQ(handlers_.called, L"");
 }
 

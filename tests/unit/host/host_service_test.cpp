@@ -1,78 +1,13 @@
+#include "host_service.h"
+
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
 
-#include "command.h"
-#include "plug_in.h"
-#include "program_folder.h"
-
-// tessahost.exe through the real service manager, with small plug-ins.
-namespace {
-
+using host_test::HostService;
 using test_support::CommandResult;
 using test_support::ProgramFolder;
-using test_support::RunCommand;
-
-class HostService : public testing::Test {
-  protected:
-    HostService() {
-        Run(L"uninstall");  // what an aborted test may have left
-        ::DeleteFileW(log_.c_str());
-    }
-    ~HostService() override { Run(L"uninstall"); }
-
-    CommandResult Run(const std::wstring& command) {
-        return RunCommand(L"tessahost.exe " + command + L" --name tessahost_unit_test");
-    }
-    CommandResult Install(const std::wstring& plugIn) {
-        return Run(L"install --plugin " + plugIn + L" --log \"" + log_ + L"\"");
-    }
-    std::string HostLog() const {
-        std::ifstream file(std::string(log_.begin(), log_.end()), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    bool LogHas(const std::string& text) const { return HostLog().find(text) != std::string::npos; }
-
-    std::wstring log_ = L"C:\\windows\\temp\\tessahost_unit_test.log";
-};
-
-std::string TextOf(const std::wstring& path) {
-    try {
-        const host::PlugIn plugIn(path);
-    } catch (const host::PlugInError& error) {
-        return error.what();
-    }
-    return "loaded";
-}
-
-}  // namespace
-
-TEST(HostPlugIn, IsLoadedByItsThreeExports) {
-    const host::PlugIn plugIn(ProgramFolder() + L"plug_in_works.dll");
-    EXPECT_NE(plugIn.init, nullptr);
-    EXPECT_NE(plugIn.cleanup, nullptr);
-    EXPECT_NE(plugIn.serviceCtrlHandler, nullptr);
-}
-
-TEST(HostPlugIn, MissingFileNamesThePath) {
-    const std::string text = TextOf(L"C:\\no such\\plug_in.dll");
-    EXPECT_TRUE(text.starts_with("The plug-in C:\\no such\\plug_in.dll cannot be loaded: ")) << text;
-}
-
-TEST(HostPlugIn, MissingExportIsNamedAndTheLibraryFreed) {
-    const std::string text = TextOf(ProgramFolder() + L"plug_in_without_cleanup.dll");
-    EXPECT_NE(text.find("is no plug-in of this host"), std::string::npos) << text;
-    EXPECT_NE(text.find("tessaplug_cleanup"), std::string::npos) << text;
-    EXPECT_EQ(::GetModuleHandleW(L"plug_in_without_cleanup.dll"), nullptr);
-}
-
-TEST(HostPlugIn, FileThatIsNoLibraryIsRefused) {
-    const std::wstring path = L"C:\\windows\\temp\\no_library.dll";
-    std::ofstream(std::string(path.begin(), path.end())) << "just text";
-    EXPECT_TRUE(TextOf(path).find("cannot be loaded") != std::string::npos);
-    ::DeleteFileW(path.c_str());
-}
 
 TEST_F(HostService, StartsReportsAndStopsTwice) {
     EXPECT_EQ(Install(L"plug_in_works.dll").exitCode, 0u);
@@ -83,12 +18,27 @@ TEST_F(HostService, StartsReportsAndStopsTwice) {
         EXPECT_NE(Run(L"status").output.find("state      RUNNING"), std::string::npos);
         EXPECT_NE(Run(L"status --json").output.find("\"state\":\"RUNNING\""), std::string::npos);
         EXPECT_EQ(Run(L"stop").exitCode, 0u);
+        EXPECT_TRUE(EndedWith(0, 0)) << HostLog();
         EXPECT_EQ(Run(L"stop").exitCode, 7u) << "not running";
     }
     EXPECT_TRUE(LogHas("START_PENDING  check point 7, wait hint 3000 ms")) << "the plug-in's own report";
     EXPECT_TRUE(LogHas("STOPPED"));
     EXPECT_EQ(Run(L"uninstall").exitCode, 0u);
     EXPECT_EQ(Run(L"uninstall").exitCode, 3u) << "not installed";
+}
+
+TEST_F(HostService, TakesStopsShutdownsAndPowerEventsWhileItRuns) {
+    Install(L"plug_in_works.dll");
+    EXPECT_EQ(Run(L"start").exitCode, 0u);
+    const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    const SC_HANDLE service = ::OpenServiceW(manager, L"tessahost_unit_test", SERVICE_QUERY_STATUS);
+    SERVICE_STATUS status = {};
+    EXPECT_TRUE(::QueryServiceStatus(service, &status));
+    ::CloseServiceHandle(service);
+    ::CloseServiceHandle(manager);
+    EXPECT_EQ(status.dwControlsAccepted,
+              static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_PRESHUTDOWN |
+                                 SERVICE_ACCEPT_POWEREVENT));
 }
 
 TEST_F(HostService, UninstallStopsARunningService) {
@@ -106,6 +56,101 @@ TEST_F(HostService, RefusedStartEndsTheServiceWithItsOwnCode) {
     EXPECT_NE(started.output.find("error 1066 (its own code: 1)"), std::string::npos) << started.output;
     EXPECT_TRUE(LogHas("The plug-in refused to start; see the Application log"));
     EXPECT_TRUE(LogHas("The plug-in is unloaded"));
+}
+
+TEST_F(HostService, SaysHowItIsSetUp) {
+    const CommandResult installed = Install(L"plug_in_works.dll", L"--auto --stop-timeout 45");
+    EXPECT_EQ(installed.exitCode, 0u) << installed.output;
+    const std::string json = Run(L"status --json").output;
+    EXPECT_NE(json.find("\"startType\":\"automatic\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"preshutdownSeconds\":55"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"description\":\"Runs the adapter plug-in"), std::string::npos) << json;
+    EXPECT_NE(json.find("--stop-timeout 45 --log-size 2048"), std::string::npos) << json;
+    EXPECT_NE(json.find("\\\\plug_in_works.dll\\\""), std::string::npos) << "escaped: " << json;
+    EXPECT_NE(Run(L"status").output.find("shutdown   waits for the stop, at most 55 s\n"), std::string::npos);
+    // Wine keeps the dependency and does not tell it.
+    wchar_t dependencies[64] = {};
+    DWORD size = sizeof dependencies;
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\tessahost_unit_test",
+                   L"DependOnService", RRF_RT_REG_MULTI_SZ, nullptr, dependencies, &size);
+    EXPECT_EQ(std::wstring(dependencies), L"EventLog");
+    EXPECT_EQ(Run(L"start").exitCode, 0u) << "the dependency does not keep it from starting";
+}
+
+TEST_F(HostService, FullLogIsPutAsideWithTheLimitsOfTheInstallation) {
+    Install(L"plug_in_works.dll", L"--log-size 16 --log-keep 1");
+    std::ofstream(std::filesystem::path(log_)) << std::string(16384, 'x');
+    EXPECT_EQ(Run(L"start").exitCode, 0u);
+    EXPECT_EQ(std::filesystem::file_size(log_ + L".1"), 16384u);
+    EXPECT_FALSE(LogHas("xxx"));
+    EXPECT_TRUE(LogHas("RUNNING"));
+    Run(L"stop");
+    std::filesystem::remove(log_ + L".1");
+}
+
+TEST_F(HostService, InstallRefusesALogThatIsALink) {
+    const std::wstring target = log_ + L".target";
+    std::ofstream(std::filesystem::path(target)) << "precious";
+    ASSERT_TRUE(::CreateHardLinkW(log_.c_str(), target.c_str(), nullptr));
+    const CommandResult installed = Install(L"plug_in_works.dll");
+    EXPECT_EQ(installed.exitCode, 1u);
+    EXPECT_NE(installed.output.find("has 2 names (hard links)"), std::string::npos) << installed.output;
+    EXPECT_EQ(Run(L"status").exitCode, 3u) << "nothing half-installed";
+    std::filesystem::remove(target);
+}
+
+TEST_F(HostService, LogThatBecameALinkIsLeftAloneAndTheUsualOneSaysSo) {
+    Install(L"plug_in_works.dll");
+    const std::wstring target = log_ + L".target";
+    std::ofstream(std::filesystem::path(target)) << "precious";
+    std::filesystem::remove(log_);
+    ASSERT_TRUE(::CreateHardLinkW(log_.c_str(), target.c_str(), nullptr));
+    std::filesystem::remove(usualLog_);
+
+    EXPECT_EQ(Run(L"start").exitCode, 0u) << "it works all the same";
+    EXPECT_EQ(Run(L"stop").exitCode, 0u);
+
+    EXPECT_EQ(host_test::ContentOf(target), "precious");
+    const std::string usual = host_test::ContentOf(usualLog_);
+    EXPECT_NE(usual.find("tessahost_unit_test.log is not used. "), std::string::npos) << usual;
+    EXPECT_NE(usual.find("(hard links)"), std::string::npos) << usual;
+    EXPECT_NE(usual.find("RUNNING"), std::string::npos) << usual;
+    std::filesystem::remove(log_);
+    std::filesystem::remove(target);
+}
+
+TEST_F(HostService, PlugInOfTheWrongKindIsToldInWords) {
+    const std::wstring path = L"C:\\windows\\temp\\no_library.dll";
+    std::ofstream(std::filesystem::path(path)) << "just text";
+    Install(path);
+    EXPECT_EQ(Run(L"start").exitCode, 1u);
+    EXPECT_TRUE(EndedWith(ERROR_BAD_EXE_FORMAT, 0));
+    EXPECT_TRUE(LogHas("(error 193)")) << HostLog();
+    EXPECT_FALSE(LogHas("FormatMessage")) << HostLog();
+    ::DeleteFileW(path.c_str());
+}
+
+TEST_F(HostService, ExceptionOutOfTheStartEndsTheServiceWithAnErrorOfTheSystem) {
+    for (const std::wstring kind : {L"faults", L"throws"}) {
+        Install(L"plug_in_" + kind + L"_in_init.dll");
+        EXPECT_EQ(Run(L"start").exitCode, 1u);
+        EXPECT_TRUE(EndedWith(ERROR_EXCEPTION_IN_SERVICE, 0)) << HostLog();
+        EXPECT_TRUE(LogHas("out of tessaplug_init")) << HostLog();
+        EXPECT_TRUE(LogHas("The plug-in stays loaded")) << HostLog();
+        Run(L"uninstall");
+    }
+}
+
+TEST_F(HostService, ExceptionOutOfTheCleanUpEndsTheServiceWithAnErrorOfTheSystem) {
+    for (const std::wstring kind : {L"faults", L"throws"}) {
+        Install(L"plug_in_" + kind + L"_in_cleanup.dll");
+        EXPECT_EQ(Run(L"start").exitCode, 0u);
+        EXPECT_EQ(Run(L"stop").exitCode, 0u);
+        EXPECT_TRUE(EndedWith(ERROR_EXCEPTION_IN_SERVICE, 0)) << HostLog();
+        EXPECT_TRUE(LogHas("out of tessaplug_cleanup")) << HostLog();
+        EXPECT_TRUE(LogHas("The plug-in stays loaded")) << HostLog();
+        Run(L"uninstall");
+    }
 }
 
 TEST_F(HostService, PlugInThatVanishedEndsTheServiceWithTheReason) {

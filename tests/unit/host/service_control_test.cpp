@@ -4,44 +4,27 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "mock_advapi32.h"
 #include "module_hooks.h"
 
 using host::ExitCode;
 using host::Options;
+using host_test::FailWith;
+using host_test::MockAdvapi32;
 using testing::_;
 using testing::NiceMock;
 using testing::Return;
 
 namespace {
 
-class MockAdvapi32 : public windows_api::Advapi32 {
-  public:
-    MOCK_METHOD(SC_HANDLE, OpenSCManagerW, (const wchar_t*, const wchar_t*, DWORD), (override));
-    MOCK_METHOD(BOOL, CloseServiceHandle, (SC_HANDLE), (override));
-    MOCK_METHOD(SC_HANDLE, OpenServiceW, (SC_HANDLE, const wchar_t*, DWORD), (override));
-    MOCK_METHOD(SC_HANDLE, CreateServiceW_Reduced,
-                (SC_HANDLE, const wchar_t*, const wchar_t*, const wchar_t*, DWORD), (override));
-    MOCK_METHOD(BOOL, StartServiceW, (SC_HANDLE, DWORD, const wchar_t**), (override));
-    MOCK_METHOD(BOOL, ControlService, (SC_HANDLE, DWORD, SERVICE_STATUS*), (override));
-    MOCK_METHOD(BOOL, DeleteService, (SC_HANDLE), (override));
-    MOCK_METHOD(BOOL, QueryServiceStatusEx, (SC_HANDLE, SC_STATUS_TYPE, BYTE*, DWORD, DWORD*), (override));
-};
-
-/// An action that fails with a system error.
-template <typename Result>
-auto FailWith(DWORD error, Result result) {
-    return [error, result](auto&&...) {
-        ::SetLastError(error);
-        return result;
-    };
-}
-
 /// Answers a query with a state.
-auto AnswerState(DWORD state, DWORD exitCode = 0) {
+auto AnswerState(DWORD state, DWORD exitCode = 0, DWORD specificExitCode = 0, DWORD checkPoint = 0) {
     return [=](SC_HANDLE, SC_STATUS_TYPE, BYTE* buffer, DWORD, DWORD*) {
         auto* status = reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
         status->dwCurrentState = state;
         status->dwWin32ExitCode = exitCode;
+        status->dwServiceSpecificExitCode = specificExitCode;
+        status->dwCheckPoint = checkPoint;
         return TRUE;
     };
 }
@@ -149,6 +132,36 @@ TEST_F(Control, InstalledCommandLineIsQuotedAndComplete) {
     EXPECT_EQ(startType, static_cast<DWORD>(SERVICE_AUTO_START));
 }
 
+TEST_F(Control, InstalledCommandLineHoldsTheLimits) {
+    std::wstring commandLine;
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced)
+        .WillRepeatedly([&](SC_HANDLE, const wchar_t*, const wchar_t*, const wchar_t* path, DWORD) {
+            commandLine = path;
+            return reinterpret_cast<SC_HANDLE>(0x20);
+        });
+    Options options = WithPlugIn();
+    options.log = L"C:\\windows\\temp\\service_control_test.log";
+    options.stopTimeOut = 45;
+    options.logSize = 100;
+    options.logKeep = 7;
+
+    EXPECT_EQ(control_.Install(options), ExitCode::kSuccess);
+
+    EXPECT_NE(commandLine.find(L" --stop-timeout 45 --log-size 100 --log-keep 7 "), std::wstring::npos);
+    ::DeleteFileW(options.log.c_str());
+}
+
+TEST_F(Control, SettingsThatTheSystemRefusesDoNotKeepTheServiceFromBeingInstalled) {
+    ON_CALL(*advapi32_, CreateServiceW_Reduced).WillByDefault(Return(reinterpret_cast<SC_HANDLE>(0x20)));
+    EXPECT_CALL(*advapi32_, ChangeServiceConfig2W)
+        .Times(testing::AtLeast(1))
+        .WillRepeatedly(FailWith(ERROR_INVALID_LEVEL, FALSE));
+    Options options = WithPlugIn();
+    options.log = L"C:\\windows\\temp\\service_control_test.log";
+    EXPECT_EQ(control_.Install(options), ExitCode::kSuccess);
+    ::DeleteFileW(options.log.c_str());
+}
+
 TEST_F(Control, StartAndStopTellOfTheStateTheyFind) {
     ON_CALL(*advapi32_, StartServiceW).WillByDefault(FailWith(ERROR_SERVICE_ALREADY_RUNNING, FALSE));
     EXPECT_EQ(control_.Start({}), ExitCode::kAlreadyRunning);
@@ -206,6 +219,53 @@ TEST_F(Control, StartTellsOfAServiceThatEnds) {
 TEST_F(Control, StartGivesUpInTheEnd) {
     ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_START_PENDING));
     EXPECT_EQ(control_.Start({}), ExitCode::kTimedOut);
+}
+
+TEST_F(Control, StopIsWaitedForAsLongAsItGetsOn) {
+    const auto begin = std::chrono::steady_clock::now();
+    constexpr auto kLonger = std::chrono::milliseconds(200);  // than the time-out
+    DWORD checkPoint = 0;
+    ON_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillByDefault([&](SC_HANDLE service, SC_STATUS_TYPE type, BYTE* buffer, DWORD size, DWORD* needed) {
+            const bool isOver = std::chrono::steady_clock::now() - begin > kLonger;
+            return AnswerState(isOver ? SERVICE_STOPPED : SERVICE_STOP_PENDING, 0, 0, ++checkPoint)(
+                service, type, buffer, size, needed);
+        });
+    EXPECT_EQ(control_.Stop({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, StopThatDoesNotGetOnIsGivenUp) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_STOP_PENDING, 0, 0, 3));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kTimedOut);
+}
+
+TEST_F(Control, StopThatTookAnEndByForceIsTold) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillByDefault(AnswerState(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 2));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kEndedByForce);
+    ON_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillByDefault(AnswerState(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 1));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kSuccess) << "another code of its own";
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_STOPPED, 2, 2));
+    EXPECT_EQ(control_.Stop({}), ExitCode::kSuccess) << "an error of the system's";
+}
+
+TEST_F(Control, UninstallRemovesAServiceThatTookAnEndByForce) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillRepeatedly(AnswerState(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 2));
+    EXPECT_CALL(*advapi32_, DeleteService).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Uninstall({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, StartAfterAStopThatTookAnEndByForceStarts) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOP_PENDING))
+        .WillOnce(AnswerState(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 2))
+        .WillRepeatedly(AnswerState(SERVICE_RUNNING));
+    EXPECT_CALL(*advapi32_, StartServiceW).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Start({}), ExitCode::kSuccess);
 }
 
 TEST_F(Control, UninstallOfAServiceThatEndsMeanwhileRemovesIt) {
