@@ -126,7 +126,7 @@ class Dump(unittest.TestCase):
     def test_missing_file_is_named(self):
         code, output = run("tessactl.exe", "dump", "info", "C:\\no such.dmp")
         self.assertEqual(code, 1)
-        self.assertIn("C:\\no such.dmp cannot be opened, error 2", output)
+        self.assertRegex(output, r"C:\\no such.dmp cannot be opened: \S.* \(error 2\)\n")
 
     def test_wrong_arguments_are_told(self):
         for arguments in ([], ["info"], ["print", "x"], ["info", "a", "b"]):

@@ -8,6 +8,7 @@
 
 #include "common_files_folder.h"
 #include "station.h"
+#include "tool.h"
 
 // The operator's tool beside a real station.
 namespace {
@@ -15,19 +16,13 @@ namespace {
 using adapter_control::Plug;
 using adapter_control::Report;
 using adapter_control::Unplug;
+using system_tests::Contains;
+using system_tests::Tool;
 using test_support::CommandResult;
 using test_support::CommonFilesFolder;
 using test_support::ConfigurationLibraryLocation;
 using test_support::ProgramFolder;
 using test_support::RunCommand;
-
-CommandResult Tool(const std::wstring& arguments) {
-    return RunCommand(L"tessactl.exe " + arguments);
-}
-
-bool Contains(const CommandResult& result, const std::string& text) {
-    return result.output.find(text) != std::string::npos;
-}
 
 const std::wstring kFile = L"C:\\windows\\temp\\tessactl_test.etl";
 
@@ -74,29 +69,6 @@ TEST_F(Tessactl, StatusTellsWhatIsNotInstalledAndWhatIsMissing) {
         Contains(status, R"j({"name":"NX4120(XLI)","installed":true,"exists":false,"hidden":false})j"))
         << status.output;
     EXPECT_TRUE(Contains(status, R"j({"plugInRuns":false,)j"));
-}
-
-TEST_F(Tessactl, DoctorFindsNothingOnASoundStation) {
-    EXPECT_EQ(RunCommand(L"stationmgr.exe register").exitCode, 0u);
-    Plug(nx4120_);
-    Plug(fennlinkU3_);
-    StartService();
-    const CommandResult doctor = Tool(L"doctor");
-    EXPECT_EQ(doctor.exitCode, 0u) << doctor.output;
-    EXPECT_FALSE(Contains(doctor, "PROBLEM")) << doctor.output;
-    RunCommand(L"stationmgr.exe unregister");
-}
-
-TEST_F(Tessactl, DoctorSaysWhatIsWrongAndWhatToDo) {
-    store_.Delete(L"NX4120.XLI.1");
-    const CommandResult doctor = Tool(L"doctor");
-    EXPECT_EQ(doctor.exitCode, 3u);
-    EXPECT_TRUE(Contains(doctor, "PROBLEM  service running ")) << doctor.output;
-    EXPECT_TRUE(Contains(doctor, "missing: NX4120(XLI)\n         -> plug the adapter in")) << doctor.output;
-    EXPECT_TRUE(Contains(doctor, "PROBLEM  NX4120: adapter present and active")) << doctor.output;
-    EXPECT_TRUE(Contains(doctor, "PROBLEM  station manager registered")) << doctor.output;
-    EXPECT_TRUE(Contains(doctor, "ok       driver message file")) << doctor.output;
-    EXPECT_TRUE(Contains(Tool(L"doctor --service \"no such\""), "\"no such\" cannot be opened, error 1060"));
 }
 
 TEST_F(Tessactl, ShowsAndHidesOneAccessPoint) {
@@ -242,6 +214,8 @@ TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {
         EXPECT_EQ(Tool(arguments).exitCode, 2u) << arguments;
     const CommandResult help = Tool(L"help");
     EXPECT_EQ(help.exitCode, 0u);
-    for (const auto* command : {"status", "doctor", "show", "hide", "watch", "dump", "trace", "log"})
+    EXPECT_FALSE(Contains(help, "probe")) << "that is for doctor itself";
+    for (const auto* command :
+         {"status", "doctor", "show", "hide", "watch", "exceptions", "dump", "trace", "log"})
         EXPECT_TRUE(Contains(help, std::string("  ") + command)) << command;
 }

@@ -11,7 +11,6 @@
 #include "logdevice_db.h"
 #include "station_state.h"
 #include "text.h"
-#include "tmf_catalog.h"
 #include "toolbox.h"
 
 namespace tessactl {
@@ -44,7 +43,7 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
             logDevice->DisableFlagNdi(L"hidden");
     } catch (const std::exception& error) {
         if (::IsUserAnAdmin()) throw;
-        std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", Utf8FromAnsi(error.what()).c_str());
+        std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", InWords(error).c_str());
         return ExitCode::kNoRights;
     }
     if (json)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,11 +25,18 @@ ExitCode UsageError(const std::wstring& what);
 /// @return whether it was there
 bool TakeJson(Arguments& arguments);
 
+/// Takes an option and the value behind it out of the arguments, once.
+/// @return nothing if it is not there; without a value it stays, to be told as not understood
+std::optional<std::wstring> TakeValue(Arguments& arguments, const std::wstring& option);
+
 /// trace start, stop and decode.
 ExitCode Trace(const Arguments& arguments);
 
 /// Entries of the event log as sentences.
 ExitCode Log(const Arguments& arguments);
+
+/// The exceptions that the plug-in of a running service threw last.
+ExitCode Exceptions(const Arguments& arguments);
 
 /// dump info and history.
 ExitCode Dump(const Arguments& arguments);
@@ -38,6 +46,9 @@ ExitCode Status(const Arguments& arguments);
 
 /// What has to be true for an access point to show, and what to do where it is not.
 ExitCode Doctor(const Arguments& arguments);
+
+/// Asks one partner, which may never answer: run in a process of its own by doctor.
+ExitCode Probe(const Arguments& arguments);
 
 /// Shows or hides one access point.
 ExitCode ShowAccessPoint(const Arguments& arguments);

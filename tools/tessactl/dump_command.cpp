@@ -4,9 +4,9 @@
 
 #include "commands.h"
 #include "dump_file.h"
+#include "history_print.h"
 #include "json.h"
 #include "text.h"
-#include "tmf_catalog.h"
 
 namespace tessactl {
 namespace {
@@ -15,12 +15,6 @@ using modul_exception::ExceptionRecord;
 
 std::wstring FileName(const std::wstring& path) {
     return path.substr(path.rfind(L'\\') + 1);
-}
-
-/// A text of a record, which may fill its field, in UTF-8.
-template <std::size_t N>
-std::string Text(const char (&field)[N]) {
-    return Utf8FromAnsi({field, ::strnlen(field, N)});
 }
 
 std::string PlaceOf(const DumpFile& dump, ULONG64 address) {
@@ -61,27 +55,6 @@ ExitCode Info(const DumpFile& dump, bool json) {
     std::printf("exception  %s %s at %s in thread %lu\n", code, ExceptionName(exception->code).c_str(),
                 PlaceOf(dump, exception->address).c_str(), exception->threadId);
     return ExitCode::kSuccess;
-}
-
-std::string JsonOf(const std::wstring& module, const ExceptionRecord& record) {
-    JsonObject object;
-    object.Add("module", FileName(module))
-        .Add("time", Text(record.timeStamp))
-        .Add("thread", record.threadId)
-        .Add("processor", record.processorNumber)
-        .Add("expression", Text(record.expression))
-        .Add("what", Text(record.what))
-        .Add("file", Text(record.file))
-        .Add("function", Text(record.function))
-        .Add("line", record.line);
-    return object.Text();
-}
-
-void Print(const ExceptionRecord& record) {
-    std::printf("  %s  thread %lu, processor %lu\n    %s\n    thrown by %s in %s(%lu)\n    as %s\n",
-                Text(record.timeStamp).c_str(), record.threadId, record.processorNumber,
-                Text(record.what).c_str(), Text(record.function).c_str(), Text(record.file).c_str(),
-                record.line, Text(record.expression).c_str());
 }
 
 ExitCode History(const DumpFile& dump, bool json) {

@@ -4,15 +4,10 @@
 #include <cstring>
 #include <utility>
 
+#include "exception_history_reader.h"
 #include "text.h"
-#include "tmf_catalog.h"
 
 namespace tessactl {
-namespace {
-
-constexpr char kHistorySection[] = ".exhist";
-
-}  // namespace
 
 DumpFile::DumpFile(const std::wstring& path) : name_(Utf8(path)) {
     Map(path);
@@ -29,12 +24,12 @@ void DumpFile::Map(const std::wstring& path) {
                               OPEN_EXISTING, 0, nullptr));
     LARGE_INTEGER size = {};
     if (!file_ || !::GetFileSizeEx(file_.get(), &size))
-        throw ToolError(name_ + " cannot be opened, error " + std::to_string(::GetLastError()));
+        throw ToolError(name_ + " cannot be opened: " + ErrorInWords(::GetLastError()));
     if (size.QuadPart < static_cast<LONGLONG>(sizeof(MINIDUMP_HEADER)))
         throw ToolError(name_ + " is no memory dump");
     mapping_.reset(::CreateFileMappingW(file_.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
     if (mapping_) view_.reset(::MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, 0));
-    if (!view_) throw ToolError(name_ + " cannot be read, error " + std::to_string(::GetLastError()));
+    if (!view_) throw ToolError(name_ + " cannot be read: " + ErrorInWords(::GetLastError()));
     bytes_ = {static_cast<const std::byte*>(view_.get()), static_cast<std::size_t>(size.QuadPart)};
 }
 
@@ -137,39 +132,15 @@ std::span<const std::byte> DumpFile::Memory(ULONG64 address, ULONG64 size) const
 }
 
 std::optional<std::vector<modul_exception::ExceptionRecord>> DumpFile::HistoryOf(const Module& module) const {
-    using modul_exception::ExceptionHistory;
-    const auto read = [this]<typename T>(ULONG64 address, T& value) {
-        const auto bytes = Memory(address, sizeof value);
+    const auto read = [this](ULONG64 address, void* to, std::size_t size) {
+        const auto bytes = Memory(address, size);
         if (bytes.empty()) return false;
-        std::memcpy(&value, bytes.data(), sizeof value);
+        std::memcpy(to, bytes.data(), size);
         return true;
     };
-    IMAGE_DOS_HEADER dos = {};
-    IMAGE_NT_HEADERS64 nt = {};
-    if (!read(module.base, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE || dos.e_lfanew < 0)
-        return std::nullopt;
-    const ULONG64 headers = module.base + static_cast<ULONG64>(dos.e_lfanew);
-    if (!read(headers, nt) || nt.Signature != IMAGE_NT_SIGNATURE) return std::nullopt;
-    const ULONG64 sections =
-        headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader;
-    for (WORD i = 0; i < nt.FileHeader.NumberOfSections; ++i) {
-        IMAGE_SECTION_HEADER section = {};
-        if (!read(sections + ULONG64{i} * sizeof section, section)) return std::nullopt;
-        if (std::strncmp(reinterpret_cast<const char*>(section.Name), kHistorySection, sizeof section.Name) !=
-            0)
-            continue;
-        ExceptionHistory history = {};
-        if (!read(module.base + section.VirtualAddress, history) ||
-            history.writeIndex >= ExceptionHistory::kCapacity)
-            return std::nullopt;
-        std::vector<modul_exception::ExceptionRecord> records;
-        for (ULONG64 n = 0; n < ExceptionHistory::kCapacity; ++n) {
-            const auto& record = history.records[(history.writeIndex + n) % ExceptionHistory::kCapacity];
-            if (record.threadId != 0) records.push_back(record);
-        }
-        return records;
-    }
-    return std::nullopt;
+    const HistoryReading reading = ReadHistory(read, module.base, module.size);
+    if (reading.outcome != HistoryReading::Outcome::kRead) return std::nullopt;
+    return reading.Records();
 }
 
 std::string ExceptionName(DWORD code) {

@@ -1,31 +1,20 @@
 #pragma once
 
 #include <concepts>
-#include <cstdio>
 #include <string>
 
+#include "json_text.h"
 #include "text.h"
 
 namespace tessactl {
 
 /// A UTF-8 text as JSON, in quotes. Bytes that are no UTF-8 are replaced: JSON has to be read by others.
 inline std::string JsonText(const std::string& text) {
-    std::string json = "\"";
-    for (const char c : Utf8(Widened(text, CP_UTF8))) {
-        if (static_cast<unsigned char>(c) < 0x20) {
-            char escape[8] = {};
-            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(c));
-            json += escape;
-            continue;
-        }
-        if (c == '"' || c == '\\') json += '\\';
-        json += c;
-    }
-    return json + "\"";
+    return toolbox::JsonText(Widened(text, CP_UTF8));
 }
 
 inline std::string JsonText(const std::wstring& text) {
-    return JsonText(Utf8(text));
+    return toolbox::JsonText(text);
 }
 
 /// A JSON object, built member by member.

@@ -1,10 +1,10 @@
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 
 #include "commands.h"
 #include "exception_history.h"
 #include "text.h"
-#include "tmf_catalog.h"
 #include "wine_gap_loader.h"
 
 // tessactl: the operator's and engineer's tool.
@@ -24,9 +24,12 @@ constexpr Command kCommands[] = {
      L"device paths,\n"
      L"      every access point, and the configuration library\n"},
     {L"doctor", &Doctor,
-     L"  doctor [--service NAME] [--json]\n"
+     L"  doctor [--service NAME] [--plugin FILE] [--expect MODEL]... [--timeout SECONDS] [--json]\n"
      L"      goes through what has to be true for an access point to show; says what is wrong and what to "
-     L"do\n"},
+     L"do; an\n"
+     L"      adapter has to be there only if it is expected, e.g. --expect NX4120; a partner that does not "
+     L"answer\n"
+     L"      within the timeout, 10 seconds unless told otherwise, is a problem\n"},
     {L"show", &ShowAccessPoint,
      L"  show NAME [--json]\n"
      L"      makes an installed access point visible, e.g. show \"NX4120(XLI)\"\n"},
@@ -41,6 +44,9 @@ constexpr Command kCommands[] = {
     {L"log", &Log,
      L"  log [--source NAME] [--log NAME] [--json]\n"
      L"      shows the plug-in's entries of the Application log as sentences\n"},
+    {L"exceptions", &Exceptions,
+     L"  exceptions [--service NAME] [--plugin FILE] [--json]\n"
+     L"      prints the exceptions that the plug-in of the running service threw last, oldest first\n"},
     {L"dump", &Dump,
      L"  dump info FILE [--json]\n"
      L"      shows what a memory dump holds: the captured exception, threads and modules\n"
@@ -57,6 +63,7 @@ constexpr Command kCommands[] = {
      L"      ends the recording\n"
      L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE]\n"
      L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing\n"},
+    {L"probe", &Probe, L""},
 };
 
 void PrintHelp() {
@@ -84,6 +91,14 @@ bool TakeJson(Arguments& arguments) {
     return std::erase(arguments, L"--json") > 0;
 }
 
+std::optional<std::wstring> TakeValue(Arguments& arguments, const std::wstring& option) {
+    const auto found = std::ranges::find(arguments, option);
+    if (found == arguments.end() || found + 1 == arguments.end()) return std::nullopt;
+    const std::wstring value = found[1];
+    arguments.erase(found, found + 2);
+    return value;
+}
+
 ExitCode UsageError(const std::wstring& what) {
     std::fprintf(stderr, "tessactl: %s\nTry \"tessactl help\".\n", Utf8(what).c_str());
     return ExitCode::kUsage;
@@ -99,10 +114,13 @@ int wmain(int argc, wchar_t** argv) {
     auto result = tessactl::ExitCode::kFailed;
     try {
         result = tessactl::Run({argv + 1, argv + argc});
+    } catch (const tessactl::NoRights& error) {
+        std::fprintf(stderr, "tessactl: %s\n", error.what());
+        result = tessactl::ExitCode::kNoRights;
     } catch (const tessactl::ToolError& error) {
         std::fprintf(stderr, "tessactl: %s\n", error.what());
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "tessactl: %s\n", tessactl::Utf8FromAnsi(error.what()).c_str());
+        std::fprintf(stderr, "tessactl: %s\n", tessactl::InWords(error).c_str());
     }
     std::fflush(stdout);
     if (codePage != 0) ::SetConsoleOutputCP(codePage);

@@ -39,11 +39,8 @@ std::vector<StationState::InterprocessObjects> ReadInterprocessObjects() {
     return all;
 }
 
-StationState::AccessPoint ReadAccessPoint(const std::wstring& name,
-                                          const std::vector<std::string>& installed) {
-    const std::string narrow = toolbox::WstringToString(name);
-    StationState::AccessPoint point;
-    point.name = name;
+void ReadAccessPoint(StationState::AccessPoint& point, const std::vector<std::string>& installed) {
+    const std::string narrow = toolbox::WstringToString(point.name);
     point.installed = std::ranges::find(installed, narrow) != installed.end();
     const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device(narrow);
     point.exists = logDevice->Exists();
@@ -53,15 +50,6 @@ StationState::AccessPoint ReadAccessPoint(const std::wstring& name,
     } catch (const std::runtime_error&) {
         point.hidden = false;
     }
-    return point;
-}
-
-}  // namespace
-
-const char* StationState::AccessPoint::State() const {
-    if (!installed) return "not installed";
-    if (!exists) return "missing";
-    return hidden ? "hidden" : "visible";
 }
 
 std::vector<std::string> InstalledLogDevices() {
@@ -73,40 +61,69 @@ std::vector<std::string> InstalledLogDevices() {
     return korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
 }
 
-std::vector<StationState::Model> ReadModels(std::string& libraryError) {
+}  // namespace
+
+const char* StationState::AccessPoint::State() const {
+    if (!installed) return "not installed";
+    if (!exists) return "missing";
+    return hidden ? "hidden" : "visible";
+}
+
+std::vector<StationState::Model> SupportedModels() {
     std::vector<StationState::Model> models;
-    std::vector<std::string> installed;
-    libraryError.clear();
-    try {
-        installed = InstalledLogDevices();
-    } catch (const std::exception& error) {
-        libraryError = Utf8FromAnsi(error.what());
-    }
     for (const auto& record : tessaplug::CommunicationProcessorDbIf::create_database()) {
         StationState::Model model;
         model.name = record->DisplayedDeviceName();
-        try {
-            operating_system::plug_and_play::DeviceInterfaceFactory()
-                .create_from(record->DeviceInterfaceGuid())
-                ->Get_DeviceInterfaceDetails(model.devicePaths);
-        } catch (const std::exception& error) {  // also a device that vanishes while it is looked at
-            model.devicesError = Utf8FromAnsi(error.what());
-        }
-        try {
-            for (const std::wstring& name : record->SupportedLogDevices())
-                if (libraryError.empty()) model.accessPoints.push_back(ReadAccessPoint(name, installed));
-        } catch (const std::exception& error) {
-            libraryError = Utf8FromAnsi(error.what());
-        }
+        model.catalogName = record->StationManagerCatalogName();
+        for (const std::wstring& name : record->SupportedLogDevices())
+            model.accessPoints.push_back({name});
         models.push_back(std::move(model));
     }
     return models;
 }
 
+void ReadAdapters(std::vector<StationState::Model>& models) {
+    const auto records = tessaplug::CommunicationProcessorDbIf::create_database();
+    for (std::size_t i = 0; i < models.size(); ++i) {
+        try {
+            operating_system::plug_and_play::DeviceInterfaceFactory()
+                .create_from(records[i]->DeviceInterfaceGuid())
+                ->Get_DeviceInterfaceDetails(models[i].devicePaths);
+        } catch (const std::exception& error) {  // also a device that vanishes while it is looked at
+            models[i].devicesError = InWords(error);
+        }
+    }
+}
+
+std::string ReadAccessPoints(std::vector<StationState::Model>& models) {
+    try {
+        const auto installed = InstalledLogDevices();
+        for (auto& model : models)
+            for (auto& point : model.accessPoints)
+                ReadAccessPoint(point, installed);
+        return {};
+    } catch (const std::exception& error) {
+        return InWords(error);
+    }
+}
+
+std::vector<StationState::Model> ReadModels(std::string& libraryError) {
+    auto models = SupportedModels();
+    ReadAdapters(models);
+    libraryError = ReadAccessPoints(models);
+    if (!libraryError.empty())
+        for (auto& model : models)
+            model.accessPoints.clear();
+    return models;
+}
+
+bool InstanceLockExists() {
+    return MutexExists(kGlobal + tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
+}
+
 StationState ReadStation() {
     StationState state;
-    state.plugInRuns =
-        MutexExists(kGlobal + tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
+    state.plugInRuns = InstanceLockExists();
     state.interprocess = ReadInterprocessObjects();
     state.libraryPath = quelm::ConfigurationLibraryPath(&state.libraryIsRegistered);
     state.models = ReadModels(state.libraryError);

@@ -24,6 +24,7 @@ struct StationState {
     };
     struct Model {
         std::wstring name;
+        std::wstring catalogName;  ///< in the station manager's catalog; empty if it is not listed there
         std::vector<std::wstring> devicePaths;
         std::string devicesError;  ///< why the device paths are not known, in UTF-8; empty if they are
         std::vector<AccessPoint> accessPoints;
@@ -46,5 +47,15 @@ std::vector<std::string> InstalledLogDevices();
 
 /// Adapters and access points only.
 std::vector<StationState::Model> ReadModels(std::string& libraryError);
+
+/// The same step by step: the models with the names of their access points, which adapters are there, and how
+/// the access points stand.
+std::vector<StationState::Model> SupportedModels();
+void ReadAdapters(std::vector<StationState::Model>& models);
+/// @return why the access points are not known, in UTF-8; empty if they are
+std::string ReadAccessPoints(std::vector<StationState::Model>& models);
+
+/// Whether somebody holds the plug-in's instance lock.
+bool InstanceLockExists();
 
 }  // namespace tessactl

@@ -3,17 +3,12 @@
 #include <windows.h>
 
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace tessactl {
+#include "text.h"
 
-/// Something that the tool cannot work with, told in words, in UTF-8.
-class ToolError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+namespace tessactl {
 
 /// The description of one trace message, from a .tmf file.
 struct TmfMessage {

@@ -116,14 +116,14 @@ void ReadRecording(const std::wstring& file, const std::function<void(const Reco
         const DWORD error = ::GetLastError();
         throw ToolError(Utf8(file) + (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND
                                           ? " does not exist; record it with \"tessactl trace start\"."
-                                          : " is no trace recording, error " + std::to_string(error) + "."));
+                                          : " is no trace recording: " + ErrorInWords(error)));
     }
     const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
     ::CloseTrace(handle);
     if (result == ERROR_FILE_CORRUPT)
         throw ToolError(Utf8(file) + " is cut off or damaged; what comes before that is shown.");
     if (result != ERROR_SUCCESS)
-        throw ToolError("Reading " + Utf8(file) + " failed with error " + std::to_string(result));
+        throw ToolError("Reading " + Utf8(file) + " failed: " + ErrorInWords(result));
 }
 
 DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message) {

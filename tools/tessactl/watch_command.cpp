@@ -76,7 +76,7 @@ class DriverMessages {
                 if (buffer.empty() && !ends_) ::Sleep(1000);  // the log cannot be read just now
                 parser.Process(buffer, messages);
             } catch (const std::exception& error) {
-                printer_.Print("problem", L"driver messages", Widened(error.what(), CP_ACP));
+                printer_.Print("problem", L"driver messages", Widened(InWords(error), CP_UTF8));
             }
             for (const auto& message : messages)
                 printer_.Print("message", message.source,

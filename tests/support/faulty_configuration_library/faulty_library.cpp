@@ -13,8 +13,10 @@
 //   FAULTS          raises a processor exception in every call
 //   RAISES          raises what Q5ORVIX_RAISES names, as long as it names something
 //   BLOCKS          the first to come here sets the event Q5ORVIX_ENTERED and waits for Q5ORVIX_GO_ON
+//   HANGS           answers no call for a minute
+//   ENDS            ends the process in every call
 //
-// The last two misbehave where Q5ORVIX_WHERE says: in a "call", at "attach" or at "detach".
+// RAISES and BLOCKS misbehave where Q5ORVIX_WHERE says: in a "call", at "attach" or at "detach".
 
 namespace {
 
@@ -68,6 +70,10 @@ DWORD Behave() {
     Misbehave(L"call");
 #if defined(FAULTS)
     *static_cast<volatile int*>(nullptr) = 0;  // NOLINT: it is what this library is for
+#elif defined(HANGS)
+    ::Sleep(60000);
+#elif defined(ENDS)
+    ::ExitProcess(0xE0D5);
 #elif defined(ANSWERS_CODE)
     wchar_t text[16] = {};
     ::GetEnvironmentVariableW(L"Q5ORVIX_ANSWER", text, ARRAYSIZE(text));

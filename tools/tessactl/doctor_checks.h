@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "findings.h"
+#include "service_query.h"
+#include "station_state.h"
+
+// What doctor looks at, one family of checks a file.
+namespace tessactl {
+
+using Models = std::vector<StationState::Model>;
+
+/// What doctor was told about the station.
+struct Expectations {
+    std::wstring service = kDefaultService;
+    std::wstring plugIn = kDefaultPlugIn;
+    std::vector<std::wstring> models;  ///< displayed names of the models that have to be there
+    std::chrono::milliseconds timeOut = std::chrono::seconds(10);
+
+    bool IsExpected(const StationState::Model& model) const;
+};
+
+/// The service, and what the service manager does with it.
+void CheckService(Findings& findings, const QueriedService& service);
+void CheckServiceSettings(Findings& findings, const QueriedService& service);
+
+/// The plug-in in the service's process: whether it runs there, what it threw last, and whether it still
+/// shows the drivers' messages.
+void CheckPlugIn(Findings& findings, const QueriedService& service, const std::wstring& plugIn);
+
+/// The configuration library. Fills in how the access points stand.
+/// @return whether that is known
+bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds timeOut);
+
+/// Adapters and access points.
+void CheckAccessPoints(Findings& findings, const Models& models);
+void CheckAdapters(Findings& findings, const Models& models, bool accessPointsAreKnown,
+                   const Expectations& expectations);
+
+/// What else has to be installed.
+void CheckPanel(Findings& findings, const Models& models, bool accessPointsAreKnown);
+void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations);
+void CheckDriverMessages(Findings& findings);
+void CheckEventSource(Findings& findings);
+
+}  // namespace tessactl

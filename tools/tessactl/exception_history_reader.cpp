@@ -1,0 +1,91 @@
+#include "exception_history_reader.h"
+
+#include <cstring>
+
+namespace tessactl {
+namespace {
+
+using modul_exception::ExceptionHistory;
+using modul_exception::ExceptionRecord;
+using Outcome = HistoryReading::Outcome;
+
+constexpr char kHistorySection[] = ".exhist";
+
+/// A module's memory; reads nothing outside of the module.
+class Image {
+  public:
+    Image(const MemoryReader& read, ULONG64 base, ULONG64 size) : read_(read), base_(base), size_(size) {}
+
+    template <typename T>
+    bool Get(ULONG64 offset, T& value) const {
+        return offset <= size_ && size_ - offset >= sizeof value &&
+               read_(base_ + offset, &value, sizeof value);
+    }
+
+  private:
+    const MemoryReader& read_;
+    ULONG64 base_;
+    ULONG64 size_;
+};
+
+Outcome FindSection(const Image& image, IMAGE_SECTION_HEADER& section) {
+    IMAGE_DOS_HEADER dos = {};
+    IMAGE_NT_HEADERS64 nt = {};
+    if (!image.Get(0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE || dos.e_lfanew < 0)
+        return Outcome::kNoImage;
+    const auto headers = static_cast<ULONG64>(dos.e_lfanew);
+    if (!image.Get(headers, nt) || nt.Signature != IMAGE_NT_SIGNATURE ||
+        nt.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC)
+        return Outcome::kNoImage;
+    const ULONG64 sections =
+        headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader;
+    for (WORD i = 0; i < nt.FileHeader.NumberOfSections; ++i) {
+        if (!image.Get(sections + ULONG64{i} * sizeof section, section)) return Outcome::kNoImage;
+        const auto* name = reinterpret_cast<const char*>(section.Name);
+        if (std::strncmp(name, kHistorySection, sizeof section.Name) == 0) return Outcome::kRead;
+    }
+    return Outcome::kNoSection;
+}
+
+}  // namespace
+
+std::vector<ExceptionRecord> HistoryReading::Records() const {
+    std::vector<ExceptionRecord> records;
+    for (ULONG64 n = 0; n < ExceptionHistory::kCapacity; ++n) {
+        const auto& record = history.records[(history.writeIndex + n) % ExceptionHistory::kCapacity];
+        if (record.threadId != 0) records.push_back(record);
+    }
+    return records;
+}
+
+HistoryReading ReadHistory(const MemoryReader& read, ULONG64 base, ULONG64 imageSize) {
+    const Image image(read, base, imageSize);
+    HistoryReading reading;
+    IMAGE_SECTION_HEADER section = {};
+    reading.outcome = FindSection(image, section);
+    if (reading.outcome != Outcome::kRead) return reading;
+    reading.sectionSize = section.Misc.VirtualSize;
+    if (reading.sectionSize != sizeof reading.history)
+        reading.outcome = Outcome::kOtherSize;
+    else if (!image.Get(section.VirtualAddress, reading.history) ||
+             reading.history.writeIndex >= ExceptionHistory::kCapacity)
+        reading.outcome = Outcome::kDamaged;
+    return reading;
+}
+
+HistoryReading ReadSettledHistory(const MemoryReader& read, ULONG64 base, ULONG64 imageSize,
+                                  bool& isSettled) {
+    constexpr ULONGLONG kLongestMs = 1000;
+    const ULONGLONG end = ::GetTickCount64() + kLongestMs;
+    HistoryReading before = ReadHistory(read, base, imageSize);
+    for (;;) {
+        const HistoryReading reading = ReadHistory(read, base, imageSize);
+        isSettled = reading.outcome == before.outcome && !reading.IsBeingWritten() &&
+                    std::memcmp(&reading.history, &before.history, sizeof reading.history) == 0;
+        if (isSettled || ::GetTickCount64() >= end) return reading;
+        before = reading;
+        ::Sleep(1);
+    }
+}
+
+}  // namespace tessactl

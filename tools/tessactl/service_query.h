@@ -1,0 +1,37 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "unique_handle.h"
+
+namespace tessactl {
+
+using UniqueService = UniqueHandle<SC_HANDLE, [](SC_HANDLE handle) { ::CloseServiceHandle(handle); }>;
+
+/// A service, opened to be looked at.
+class QueriedService {
+  public:
+    explicit QueriedService(const std::wstring& name);
+
+    const std::wstring& Name() const { return name_; }
+    bool IsInstalled() const { return static_cast<bool>(service_); }
+    /// Why it could not be opened, a system error code.
+    DWORD OpenError() const { return openError_; }
+    SC_HANDLE get() const { return service_.get(); }
+
+    /// Its process at this moment; 0 unless it is in state RUNNING.
+    DWORD RunningProcessId() const;
+
+  private:
+    std::wstring name_;
+    DWORD openError_ = ERROR_SUCCESS;
+    UniqueService service_;
+};
+
+/// The service that tessahost installs unless told otherwise, and what it loads.
+inline constexpr wchar_t kDefaultService[] = L"tessahost";
+inline constexpr wchar_t kDefaultPlugIn[] = L"tessaplug.dll";
+
+}  // namespace tessactl
