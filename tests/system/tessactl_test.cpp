@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -187,6 +188,40 @@ TEST_F(Tessactl, RelativeRecordingIsMadeInTheCallersFolder) {
     EXPECT_TRUE(started.output.find(":\\") != std::string::npos) << started.output;
     EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
     EXPECT_TRUE(::DeleteFileW(L"relative.etl"));
+}
+
+TEST_F(Tessactl, RecordingIsNotWrittenThroughALink) {
+    const std::wstring folder = L"C:\\ProgramData\\Tessaplug";
+    const std::wstring recording = folder + L"\\tessaplug.etl";
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+    ::DeleteFileW(recording.c_str());
+    WriteFile("somebody's own");
+    ASSERT_TRUE(::CreateHardLinkW(recording.c_str(), kFile.c_str(), nullptr));
+    const CommandResult refused = Tool(L"trace start");
+    EXPECT_TRUE(::DeleteFileW(recording.c_str()));
+    EXPECT_EQ(refused.exitCode, 1u);
+    EXPECT_TRUE(Contains(refused, "tessaplug.etl has 2 names (hard links); ")) << refused.output;
+    EXPECT_EQ(ReadFile(), "somebody's own");
+    EXPECT_TRUE(Contains(Tool(L"trace stop"), "no recording is running"));
+}
+
+TEST_F(Tessactl, RecordingIsNotWrittenWhereItsFolderIsSomethingElse) {
+    const std::wstring folder = L"C:\\ProgramData\\Tessaplug";
+    const std::wstring aside = folder + L".aside";
+    const bool wasThere = ::MoveFileW(folder.c_str(), aside.c_str());
+    {
+        const std::ofstream file(std::string(folder.begin(), folder.end()));
+    }
+    const CommandResult refused = Tool(L"trace start");
+    EXPECT_TRUE(::DeleteFileW(folder.c_str()));
+    EXPECT_EQ(refused.exitCode, 1u);
+    EXPECT_TRUE(Contains(refused, "Tessaplug is a file, not a folder")) << refused.output;
+    const CommandResult made = Tool(L"trace start");
+    EXPECT_EQ(made.exitCode, 0u) << made.output;
+    EXPECT_EQ(made.output, "Recording into C:\\ProgramData\\Tessaplug\\tessaplug.etl\n");
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    std::filesystem::remove_all(folder);
+    if (wasThere) EXPECT_TRUE(::MoveFileW(aside.c_str(), folder.c_str()));
 }
 
 TEST_F(Tessactl, RecordingThatIsCutOffIsShownUpToThere) {

@@ -10,6 +10,7 @@
 #include <map>
 
 #include "commands.h"
+#include "protected_folder.h"
 #include "text.h"
 #include "trace_decoder.h"
 #include "win_convenience.h"
@@ -53,11 +54,17 @@ bool ParseNumber(const std::wstring& text, ULONG& number) {
 }
 
 std::wstring DefaultFile() {
-    wchar_t folder[MAX_PATH] = {};
-    ::GetEnvironmentVariableW(L"ProgramData", folder, MAX_PATH);
-    const std::wstring own = std::wstring(folder) + L"\\Tessaplug";
-    ::CreateDirectoryW(own.c_str(), nullptr);
-    return own + L"\\tessaplug.etl";
+    return operating_system::ProductDataFolder() + L"\\tessaplug.etl";
+}
+
+/// The system writes a recording with all its rights: nobody but administrators may choose where to.
+void PrepareDefaultFile() {
+    try {
+        operating_system::EnsureProtectedFolder(operating_system::ProductDataFolder());
+        operating_system::RequireNoLink(DefaultFile());
+    } catch (const operating_system::PathRefused& refused) {
+        throw ToolError(Utf8(refused.Text()));
+    }
 }
 
 /// The session's properties with room for its names behind them.
@@ -90,7 +97,7 @@ ExitCode Failed(const char* what, ULONG error) {
             std::fputs("tessactl: no recording is running.\n", stderr);
             return ExitCode::kFailed;
         default:
-            std::fprintf(stderr, "tessactl: %s failed with error %lu.\n", what, error);
+            std::fprintf(stderr, "tessactl: %s failed: %s\n", what, ErrorInWords(error).c_str());
             return ExitCode::kFailed;
     }
 }
@@ -114,6 +121,7 @@ ExitCode Start(const Arguments& arguments) {
     // In full: every process that is traced writes into it.
     const std::wstring file =
         options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
+    if (!options.contains(L"--file")) PrepareDefaultFile();
     SessionProperties properties(file);
     TRACEHANDLE session = 0;
     if (const ULONG result = ::StartTraceW(&session, kSessionName, &properties.head); result != ERROR_SUCCESS)
