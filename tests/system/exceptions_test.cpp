@@ -1,4 +1,5 @@
 #include <windows.h>
+#include <sddl.h>
 
 #include <gtest/gtest.h>
 #include <string>
@@ -77,4 +78,32 @@ TEST_F(Exceptions, OfAnotherPlugInCannotBeRead) {
     EXPECT_EQ(noHistory.exitCode, 1u);
     EXPECT_TRUE(Contains(noHistory, "plug_in_works.dll cannot be read: it has none; it is another plug-in"))
         << noHistory.output;
+}
+
+TEST_F(Exceptions, AreNotToldToWhomTheServicesProcessIsClosed) {
+    StartService();
+    const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    const SC_HANDLE service = ::OpenServiceW(manager, L"tessahost", SERVICE_QUERY_STATUS);
+    SERVICE_STATUS_PROCESS status = {};
+    DWORD needed = 0;
+    EXPECT_TRUE(::QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                       sizeof status, &needed));
+    ::CloseServiceHandle(service);
+    ::CloseServiceHandle(manager);
+    PSECURITY_DESCRIPTOR closed = nullptr;
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(D;;0x0010;;;WD)(A;;GA;;;WD)",
+                                                                       SDDL_REVISION_1, &closed, nullptr));
+    const HANDLE process = ::OpenProcess(WRITE_DAC, FALSE, status.dwProcessId);
+    EXPECT_TRUE(::SetKernelObjectSecurity(process, DACL_SECURITY_INFORMATION, closed))
+        << "no one may read its memory";
+    ::CloseHandle(process);
+    ::LocalFree(closed);
+    const CommandResult refused = Tool(L"exceptions");
+    EXPECT_EQ(refused.exitCode, 5u);
+    EXPECT_TRUE(Contains(refused, " is not allowed; run it as administrator\n")) << refused.output;
+    const CommandResult doctor = Tool(L"doctor");
+    EXPECT_EQ(doctor.exitCode, 0u);
+    EXPECT_TRUE(Contains(
+        doctor, "note     plug-in running                             somebody holds the instance lock; "))
+        << doctor.output;
 }

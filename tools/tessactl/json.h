@@ -25,6 +25,7 @@ class JsonObject {
         return AddRaw(name, JsonText(text));
     }
     JsonObject& Add(const std::string& name, const char* text) { return Add(name, std::string(text)); }
+    JsonObject& Add(const std::string& name, const wchar_t* text) { return Add(name, std::wstring(text)); }
     JsonObject& Add(const std::string& name, bool value) { return AddRaw(name, value ? "true" : "false"); }
     template <std::integral T>
     JsonObject& Add(const std::string& name, T value) {

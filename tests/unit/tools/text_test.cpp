@@ -1,0 +1,47 @@
+#include "text.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+#include "json.h"
+#include "module_hooks.h"
+#include "windows_api_excp.h"
+
+using tessactl::ErrorInWords;
+using tessactl::InWords;
+using tessactl::JsonText;
+
+TEST(TextInWords, IsOnOneLine) {
+    EXPECT_EQ(InWords("one\r\ntwo\n\n"), "one  two");
+    EXPECT_EQ(InWords(" \n"), "");
+    EXPECT_EQ(InWords(""), "");
+}
+
+TEST(TextInWords, IsUtf8) {
+    EXPECT_EQ(InWords("caf\xe9"), "caf\xc3\xa9") << "the code page of test machines is 1252";
+}
+
+TEST(TextInWords, HasTheSystemsWordsForWhatItCouldNotInsert) {
+    const modul_exception::CWindowsApiExcp error("LoadLibraryW()", ERROR_BAD_EXE_FORMAT, "some.dll");
+    ASSERT_NE(std::string(error.what()).find("FormatMessage(193) FAILED! LE(87)"), std::string::npos);
+    EXPECT_EQ(InWords(error), "FAILED! LoadLibraryW()! ReturnValue(193): " +
+                                  ErrorInWords(ERROR_BAD_EXE_FORMAT) + " Hint: some.dll");
+}
+
+TEST(TextInWords, StaysAsItIsWhereNothingIsMissing) {
+    for (const char* text : {"FormatMessage(193) FAILED! LE(8)", "FormatMessage(", ") FAILED! LE(87)",
+                             ") FAILED! LE(87) FormatMessage(1"})
+        EXPECT_EQ(InWords(std::string(text)), text);
+}
+
+TEST(ErrorInWords, NamesItsNumberAndSubject) {
+    EXPECT_TRUE(ErrorInWords(ERROR_ACCESS_DENIED).ends_with(" (error 5)"));
+    EXPECT_NE(ErrorInWords(ERROR_BAD_EXE_FORMAT, L"my.dll").find("my.dll"), std::string::npos);
+}
+
+TEST(JsonText, IsReadableByOthersWhateverTheTextHolds) {
+    EXPECT_EQ(JsonText(std::string("a\"b\\c\x01\n")), R"("a\"b\\c\u0001\u000a")");
+    EXPECT_EQ(JsonText(std::string("\xff")), "\"\xef\xbf\xbd\"") << "no UTF-8";
+    EXPECT_EQ(JsonText(std::wstring(L"\x00fc")), "\"\xc3\xbc\"");
+    EXPECT_EQ(tessactl::JsonObject().Add("na\"me", L"\\").Text(), R"({"na\"me":"\\"})");
+}
