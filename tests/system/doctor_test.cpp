@@ -87,6 +87,35 @@ class Suspended {
     std::vector<HANDLE> processes_;
 };
 
+/// The service, without waiting for anything.
+class Service {
+  public:
+    Service()
+        : manager_(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
+          service_(::OpenServiceW(manager_, L"tessahost", SERVICE_ALL_ACCESS)) {}
+    ~Service() {
+        ::CloseServiceHandle(service_);
+        ::CloseServiceHandle(manager_);
+    }
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    SC_HANDLE get() const { return service_; }
+    void Stop() const {
+        SERVICE_STATUS status = {};
+        EXPECT_TRUE(::ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    }
+    DWORD State() const {
+        SERVICE_STATUS status = {};
+        ::QueryServiceStatus(service_, &status);
+        return status.dwCurrentState;
+    }
+
+  private:
+    SC_HANDLE manager_;
+    SC_HANDLE service_;
+};
+
 /// The station manager runs as long as somebody uses it.
 class StationManagerInUse {
   public:
@@ -260,6 +289,27 @@ TEST_F(DoctorWithManager, StationManagerThatHangsHoldsItNoLongerThanTheTimeout) 
     EXPECT_FALSE(ProcessRuns(L"tessactl.exe")) << "the process that asked is ended";
 }
 
+TEST_F(DoctorWithManager, ServiceThatCannotStopIsLookedIntoAllTheSame) {
+    Plug(nx4120_);
+    StartService();
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    {
+        const StationManagerInUse inUse;
+        const Suspended suspended(L"stationmgr.exe");
+        const std::size_t events = Count("Device event");
+        Unplug(nx4120_);  // the worker now waits for the station manager
+        EXPECT_TRUE(Eventually([&] { return Count("Device event") > events; }));
+        const Service service;
+        service.Stop();
+        const CommandResult doctor = Tool(L"doctor --timeout 1");
+        EXPECT_NE(FindingOf(doctor, "service running").find("just stopping\n"), std::string::npos)
+            << doctor.output;
+        EXPECT_TRUE(FindingOf(doctor, "plug-in running").starts_with("ok ")) << doctor.output;
+        EXPECT_EQ(Tool(L"exceptions").exitCode, 0u);
+    }
+    EXPECT_TRUE(Eventually([] { return Service().State() == SERVICE_STOPPED; }));
+}
+
 TEST_F(Doctor, StationManagerThatCannotBeStartedIsToldByTheManagersClient) {
     EXPECT_EQ(RunCommand(L"stationmgr.exe register").exitCode, 0u);
     EXPECT_EQ(RunCommand(L"stationmgr.exe fault exit-at-start").exitCode, 0u);
@@ -330,12 +380,11 @@ TEST_F(Doctor, PanelIsMissedOnlyWhereAnAccessPointIsMissing) {
 }
 
 TEST_F(Doctor, ShowsWhatTheServiceManagerDoesWithTheService) {
-    const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    const SC_HANDLE service = ::OpenServiceW(manager, L"tessahost", SERVICE_ALL_ACCESS);
+    const Service service;
     SERVICE_DESCRIPTIONW description = {const_cast<wchar_t*>(L"watches \"all\" adapters")};
-    EXPECT_TRUE(::ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
+    EXPECT_TRUE(::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DESCRIPTION, &description));
     SERVICE_PRESHUTDOWN_INFO preshutdown = {45000};
-    EXPECT_TRUE(::ChangeServiceConfig2W(service, SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown));
+    EXPECT_TRUE(::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown));
     const CommandResult doctor = Tool(L"doctor");
     EXPECT_NE(FindingOf(doctor, "service description").find("  watches \"all\" adapters\n"),
               std::string::npos)
@@ -347,14 +396,12 @@ TEST_F(Doctor, ShowsWhatTheServiceManagerDoesWithTheService) {
     // Not every system knows these.
     SERVICE_DELAYED_AUTO_START_INFO delayed = {};
     DWORD needed = 0;
-    const bool isKnown = ::QueryServiceConfig2W(service, SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
+    const bool isKnown = ::QueryServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
                                                 reinterpret_cast<BYTE*>(&delayed), sizeof delayed, &needed);
     EXPECT_NE(FindingOf(doctor, "service start delayed").find(isKnown ? "  no\n" : "  not supported here\n"),
               std::string::npos)
         << doctor.output;
     EXPECT_NE(FindingOf(doctor, "service recovery"), "") << doctor.output;
-    ::CloseServiceHandle(service);
-    ::CloseServiceHandle(manager);
 }
 
 TEST_F(Doctor, JsonTellsNotesFromProblems) {

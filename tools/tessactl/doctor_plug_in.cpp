@@ -70,7 +70,7 @@ void CheckMonitor(Findings& findings) {
 
 void CheckPlugIn(Findings& findings, const QueriedService& service, const std::wstring& plugIn) {
     const bool lockExists = InstanceLockExists();
-    const DWORD id = service.RunningProcessId();
+    const DWORD id = service.Status().dwProcessId;
     if (id == 0) {
         TellLock(findings, lockExists, false, Utf8(plugIn));
         return;

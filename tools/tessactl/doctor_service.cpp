@@ -147,6 +147,24 @@ void CheckPreshutdown(Findings& findings, const QueriedService& service) {
         });
 }
 
+void CheckState(Findings& findings, DWORD state) {
+    constexpr char kWhat[] = "service running";
+    switch (state) {
+        case SERVICE_RUNNING:
+            findings.Ok(kWhat, "running");
+            return;
+        case SERVICE_START_PENDING:
+        case SERVICE_STOP_PENDING:
+            findings.Problem(kWhat, state == SERVICE_START_PENDING ? "just starting" : "just stopping",
+                             "try again; if it stays so, a partner of the plug-in hangs: see what follows");
+            return;
+        default:
+            findings.Problem(
+                kWhat, "not running",
+                "tessahost start; if it ends at once, the Application log has the reason (tessactl log)");
+    }
+}
+
 }  // namespace
 
 void CheckService(Findings& findings, const QueriedService& service) {
@@ -157,12 +175,7 @@ void CheckService(Findings& findings, const QueriedService& service) {
         findings.Problem("service installed",
                          "\"" + name + "\" cannot be opened: " + ErrorInWords(service.OpenError()),
                          "tessahost install; where the service has another name, tell it with --service");
-    if (service.RunningProcessId() != 0)
-        findings.Ok("service running", "running");
-    else
-        findings.Problem(
-            "service running", "not running",
-            "tessahost start; if it ends at once, the Application log has the reason (tessactl log)");
+    CheckState(findings, service.Status().dwCurrentState);
 }
 
 void CheckServiceSettings(Findings& findings, const QueriedService& service) {

@@ -31,9 +31,8 @@ class Image {
 Outcome FindSection(const Image& image, IMAGE_SECTION_HEADER& section) {
     IMAGE_DOS_HEADER dos = {};
     IMAGE_NT_HEADERS64 nt = {};
-    if (!image.Get(0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE || dos.e_lfanew < 0)
-        return Outcome::kNoImage;
-    const auto headers = static_cast<ULONG64>(dos.e_lfanew);
+    if (!image.Get(0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return Outcome::kNoImage;
+    const auto headers = static_cast<ULONG64>(dos.e_lfanew);  // a negative one lies outside as well
     if (!image.Get(headers, nt) || nt.Signature != IMAGE_NT_SIGNATURE ||
         nt.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC)
         return Outcome::kNoImage;

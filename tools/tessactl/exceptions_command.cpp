@@ -17,7 +17,7 @@ PlugInHistory HistoryOfService(const std::wstring& name, const std::wstring& plu
     const std::string shown = "the service \"" + Utf8(name) + "\"";
     if (!service.IsInstalled())
         throw ToolError(shown + " cannot be opened: " + ErrorInWords(service.OpenError()));
-    const DWORD id = service.RunningProcessId();
+    const DWORD id = service.Status().dwProcessId;  // also of one that does not come to its end
     if (id == 0)
         throw ToolError(shown + " does not run; of one that ended, a memory dump has the exceptions");
     const RunningProcess process(id);

@@ -1,7 +1,5 @@
 #include "service_query.h"
 
-#include <winsvc.h>
-
 namespace tessactl {
 
 QueriedService::QueriedService(const std::wstring& name) : name_(name) {
@@ -12,13 +10,15 @@ QueriedService::QueriedService(const std::wstring& name) : name_(name) {
     if (!service_) openError_ = ::GetLastError();
 }
 
-DWORD QueriedService::RunningProcessId() const {
+SERVICE_STATUS_PROCESS QueriedService::Status() const {
     SERVICE_STATUS_PROCESS status = {};
     DWORD needed = 0;
-    const bool known =
-        service_ && ::QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO,
-                                           reinterpret_cast<BYTE*>(&status), sizeof status, &needed);
-    return known && status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
+    if (service_ && ::QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO,
+                                           reinterpret_cast<BYTE*>(&status), sizeof status, &needed))
+        return status;
+    status = {};
+    status.dwCurrentState = SERVICE_STOPPED;
+    return status;
 }
 
 }  // namespace tessactl

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <windows.h>
+#include <winsvc.h>
 
 #include <string>
 
@@ -21,8 +22,8 @@ class QueriedService {
     DWORD OpenError() const { return openError_; }
     SC_HANDLE get() const { return service_.get(); }
 
-    /// Its process at this moment; 0 unless it is in state RUNNING.
-    DWORD RunningProcessId() const;
+    /// State and process at this moment; SERVICE_STOPPED and 0 if it is not known.
+    SERVICE_STATUS_PROCESS Status() const;
 
   private:
     std::wstring name_;
