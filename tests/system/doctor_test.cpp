@@ -176,6 +176,7 @@ TEST_F(Doctor, SaysWhatIsWrongAndWhatToDo) {
     const CommandResult other = Tool(L"doctor --service \"no such\"");
     EXPECT_TRUE(Contains(other, "\"no such\" cannot be opened: ")) << other.output;
     EXPECT_TRUE(Contains(other, " (error 1060)\n         -> tessahost install; ")) << other.output;
+    EXPECT_TRUE(FindingOf(other, "service running").starts_with("PROBLEM ")) << other.output;
 }
 
 TEST_F(Doctor, AdapterThatIsNotThereIsANoteUnlessItIsExpected) {

@@ -1,6 +1,8 @@
 #include "exception_history_reader.h"
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 namespace tessactl {
 namespace {
@@ -46,6 +48,11 @@ Outcome FindSection(const Image& image, IMAGE_SECTION_HEADER& section) {
     return Outcome::kNoSection;
 }
 
+/// Byte by byte, with what lies between the members.
+bool IsSame(const ExceptionHistory& a, const ExceptionHistory& b) {
+    return std::ranges::equal(std::as_bytes(std::span(&a, 1)), std::as_bytes(std::span(&b, 1)));
+}
+
 }  // namespace
 
 std::vector<ExceptionRecord> HistoryReading::Records() const {
@@ -80,7 +87,7 @@ HistoryReading ReadSettledHistory(const MemoryReader& read, ULONG64 base, ULONG6
     for (;;) {
         const HistoryReading reading = ReadHistory(read, base, imageSize);
         isSettled = reading.outcome == before.outcome && !reading.IsBeingWritten() &&
-                    std::memcmp(&reading.history, &before.history, sizeof reading.history) == 0;
+                    IsSame(reading.history, before.history);
         if (isSettled || ::GetTickCount64() >= end) return reading;
         before = reading;
         ::Sleep(1);

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <utility>
 
 #include "commands.h"
 #include "exception_history.h"
@@ -94,7 +95,7 @@ bool TakeJson(Arguments& arguments) {
 std::optional<std::wstring> TakeValue(Arguments& arguments, const std::wstring& option) {
     const auto found = std::ranges::find(arguments, option);
     if (found == arguments.end() || found + 1 == arguments.end()) return std::nullopt;
-    const std::wstring value = found[1];
+    std::wstring value = std::move(found[1]);
     arguments.erase(found, found + 2);
     return value;
 }

@@ -109,10 +109,10 @@ TEST(HistoryReading, ModuleWithoutTheSectionHasNone) {
 }
 
 TEST(HistoryReading, SectionOfAnotherSizeIsRefused) {
-    for (const int difference : {-8, -1, 1, 8}) {
+    constexpr DWORD kKnown = sizeof(ExceptionHistory);
+    for (const DWORD size : {DWORD{0}, kKnown - 8, kKnown - 1, kKnown + 1, kKnown + 8}) {
         Module module;
-        module.section_.Misc.VirtualSize =
-            static_cast<DWORD>(static_cast<int>(sizeof(ExceptionHistory)) + difference);
+        module.section_.Misc.VirtualSize = size;
         module.PutSection(".exhist");
         const HistoryReading reading = module.Read();
         EXPECT_EQ(reading.outcome, Outcome::kOtherSize);
