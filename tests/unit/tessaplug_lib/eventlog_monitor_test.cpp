@@ -148,6 +148,11 @@ class FakeKernel32 : public windows_api::CKernel32 {
         ::SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
+    BOOL CloseHandle(HANDLE handle) override {
+        ++closed;
+        return CKernel32::CloseHandle(handle);
+    }
+    int closed = 0;
     bool refuseEvent = false;
     std::atomic<bool> refuseSet = false;
     std::function<void()> onSet;
@@ -195,10 +200,8 @@ class Monitor : public testing::Test {
         collaborators.messageBox = std::move(box);
         collaborators.kernel32 = kernel32_;
         collaborators.sleep = [this](DWORD milliseconds) {
-            if (sleepsAreOverAtOnce_)
-                sleeps_.Add(milliseconds);
-            else
-                ::Sleep(milliseconds);
+            sleeps_.Add(milliseconds);
+            if (!sleepsAreOverAtOnce_) ::Sleep(milliseconds);
         };
         monitor_ = std::make_unique<EventLogMonitor>(std::move(collaborators));
     }
@@ -618,6 +621,7 @@ TEST_F(Monitor, StopWithTheFlagWaitsToBeReleased) {
     EXPECT_EQ(log_->closed, 1);
     ::Sleep(300);
     EXPECT_EQ(result_, 99u) << "it is still there";
+    EXPECT_EQ(sleeps_.longest, 100u);
     monitorReleased = true;
     EXPECT_TRUE(Eventually([&] { return result_ == 0; }));
 }
@@ -649,4 +653,13 @@ TEST_F(Monitor, RefusedEventIsTold) {
         [&] { const EventLogMonitor monitor(std::move(collaborators)); });
     EXPECT_TRUE(text.starts_with("FAILED! CreateEventW()! LE(5): ")) << text;
     EXPECT_TRUE(text.ends_with(" Hint: Insufficient rights?\n")) << text;
+}
+
+TEST_F(Monitor, EventOfItsStateIsClosedWithIt) {
+    EventLogMonitorCollaborators collaborators;
+    collaborators.kernel32 = kernel32_;
+    {
+        const EventLogMonitor monitor(std::move(collaborators));
+    }
+    EXPECT_EQ(kernel32_->closed, 1);
 }

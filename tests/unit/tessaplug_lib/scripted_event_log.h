@@ -27,9 +27,12 @@ using Journal = std::vector<std::string>;
 
 /// What one ReadEventLogW does.
 struct ReadResult {
-    DWORD error = ERROR_SUCCESS;
-    DWORD size = 0;      // bytes read, or bytes needed
-    Bytes records = {};  // what is read, if it matters
+    ReadResult(DWORD resultingError = ERROR_SUCCESS, DWORD resultingSize = 0, Bytes whatIsRead = {})
+        : error(resultingError), size(resultingSize), records(std::move(whatIsRead)) {}
+
+    DWORD error;
+    DWORD size;     // bytes read, or bytes needed
+    Bytes records;  // what is read, if it matters
 };
 
 inline constexpr DWORD kCppExceptionOfAnotherRunTime = 0xE06D7363;
