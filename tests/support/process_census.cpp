@@ -37,7 +37,7 @@ using UniqueSnapshot = std::unique_ptr<void, decltype(&::CloseHandle)>;
 
 }  // namespace
 
-std::vector<OpenHandle> OpenHandles() {
+std::vector<OpenHandle> OpenHandles(DWORD processId) {
     std::vector<ULONG_PTR> buffer(0x10000);
     const auto informationClass = static_cast<SYSTEM_INFORMATION_CLASS>(kSystemExtendedHandleInformation);
     ULONG needed = 0;
@@ -48,7 +48,7 @@ std::vector<OpenHandle> OpenHandles() {
     const auto* table = reinterpret_cast<const HandleTable*>(buffer.data());
     std::vector<OpenHandle> handles;
     for (const HandleEntry& entry : std::span(table->entries, table->count)) {
-        if (entry.processId != ::GetCurrentProcessId()) continue;
+        if (entry.processId != processId) continue;
         constexpr ULONG kInherit = 2;  // OBJ_INHERIT
         handles.push_back(
             {reinterpret_cast<HANDLE>(entry.handle), entry.access, (entry.attributes & kInherit) != 0});
@@ -57,20 +57,33 @@ std::vector<OpenHandle> OpenHandles() {
     return handles;
 }
 
-std::size_t HandleCount() {
-    return OpenHandles().size();
+std::size_t HandleCount(DWORD processId) {
+    return OpenHandles(processId).size();
 }
 
-std::size_t ThreadCount() {
+std::size_t ThreadCount(DWORD processId) {
     const UniqueSnapshot snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0), &::CloseHandle);
     std::size_t count = 0;
     THREADENTRY32 thread = {};
     thread.dwSize = sizeof thread;
     for (BOOL more = ::Thread32First(snapshot.get(), &thread); more;
          more = ::Thread32Next(snapshot.get(), &thread)) {
-        if (thread.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
+        if (thread.th32OwnerProcessID == processId) ++count;
     }
     return count;
+}
+
+std::size_t CommittedMemory(DWORD processId) {
+    const UniqueSnapshot process(::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId),
+                                 &::CloseHandle);
+    // By the address space's own account: Wine reports nothing in the process counters.
+    std::size_t bytes = 0;
+    MEMORY_BASIC_INFORMATION region = {};
+    for (const std::byte* at = nullptr;
+         ::VirtualQueryEx(process.get(), at, &region, sizeof region) == sizeof region;
+         at = static_cast<const std::byte*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+    return bytes;
 }
 
 std::vector<std::wstring> LoadedModules() {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// What the running process holds, for tests that nothing is left behind.
+/// What a process holds, the running one by default, for tests that nothing is left behind.
 namespace test_support {
 
 struct OpenHandle {
@@ -15,14 +15,17 @@ struct OpenHandle {
     bool inheritable;
 };
 
-/// The open handles of this process, in the order of their values.
-std::vector<OpenHandle> OpenHandles();
+/// The open handles, in the order of their values.
+std::vector<OpenHandle> OpenHandles(DWORD processId = ::GetCurrentProcessId());
 
-/// Number of open handles of this process.
-std::size_t HandleCount();
+/// Number of open handles.
+std::size_t HandleCount(DWORD processId = ::GetCurrentProcessId());
 
-/// Running threads of this process.
-std::size_t ThreadCount();
+/// Running threads.
+std::size_t ThreadCount(DWORD processId = ::GetCurrentProcessId());
+
+/// Committed memory that belongs to the process alone, in bytes; 0 if it cannot be asked.
+std::size_t CommittedMemory(DWORD processId = ::GetCurrentProcessId());
 
 /// File names of the loaded modules, lower case, sorted.
 std::vector<std::wstring> LoadedModules();

@@ -1,0 +1,95 @@
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "adapter_control.h"
+#include "command.h"
+#include "station_of_its_own.h"
+
+// Every system call that the plug-in makes in one life fails once, each in a life of its own: see
+// one_life.cpp. The regular run takes samples; TESSA_SWEEP=all takes all.
+namespace {
+
+using test_support::CommandResult;
+using test_support::RunCommand;
+
+constexpr DWORD kNotReached = 2;
+
+struct Calls {
+    std::string function;
+    unsigned count;
+};
+
+std::vector<Calls> CountedCalls(const std::string& output) {
+    std::vector<Calls> all;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string kind;
+        Calls calls;
+        if (words >> kind >> calls.function >> calls.count && kind == "calls") all.push_back(calls);
+    }
+    return all;
+}
+
+/// The first, the last and some between, always the same.
+std::set<unsigned> Sample(const Calls& calls) {
+    const bool isMemory = calls.function == "malloc";
+    const unsigned samples = isMemory ? 25 : 3;
+    std::set<unsigned> numbers = {1, calls.count};
+    for (unsigned i = 0; i < samples; ++i)
+        numbers.insert(1 + static_cast<unsigned>(ULONGLONG{i} * calls.count / samples));
+    return numbers;
+}
+
+std::set<unsigned> NumbersToFail(const Calls& calls) {
+    if (!sweep::WantsAll()) return Sample(calls);
+    std::set<unsigned> numbers;
+    for (unsigned number = 1; number <= calls.count; ++number)
+        numbers.insert(number);
+    return numbers;
+}
+
+}  // namespace
+
+TEST(FaultSweep, NoFailingCallBringsThePlugInDownOrLeavesAnythingBehind) {
+    const sweep::StationOfItsOwn station;
+    station.Store().Delete(L"Fennlink U3.xli.1");  // the panel is to make it
+    const sweep::AdaptersOfItsOwn adapters;
+    adapter_control::Plug(*adapter_control::FindModel(L"NX4120"));
+
+    const CommandResult sound = RunCommand(L"one_life.exe");
+    ASSERT_EQ(sound.exitCode, 0u) << sound.output;
+    EXPECT_EQ(sound.output.find("unknown "), std::string::npos)
+        << "a function that system_calls.cpp does not know\n"
+        << sound.output;
+    EXPECT_NE(sound.output.find("boxes 1 stops 2"), std::string::npos) << "the life is not whole\n"
+                                                                       << sound.output;
+    unsigned calls = 0;
+    unsigned pairs = 0;
+    unsigned notReached = 0;
+    unsigned failures = 0;
+    for (const Calls& function : CountedCalls(sound.output)) {
+        calls += function.count;
+        for (const unsigned number : NumbersToFail(function)) {
+            const std::wstring name(function.function.begin(), function.function.end());
+            const CommandResult life = RunCommand(L"one_life.exe " + name + L" " + std::to_wstring(number));
+            ++pairs;
+            if (life.exitCode == kNotReached) ++notReached;
+            if (life.exitCode == 0 || life.exitCode == kNotReached) continue;
+            ++failures;
+            ADD_FAILURE() << function.function << ", call " << number << " fails: " << life.output;
+        }
+    }
+    std::printf("%u calls in a life; %u made to fail, %u of them not reached again; %u failures\n", calls,
+                pairs, notReached, failures);
+    EXPECT_GT(pairs, 150u);
+    EXPECT_LT(notReached, pairs / 10) << "lives differ too much for this to mean anything";
+}
