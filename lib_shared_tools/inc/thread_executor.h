@@ -1,10 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -40,9 +37,9 @@ class Executor {
         ThreadBody::HandleThreadStart(std::forward<Args>(args)...);
         *stopFlag_ = false;
         try {
-            thread_ = std::thread([stopFlag = stopFlag_, end = end_] {
+            thread_ = std::thread([stopFlag = stopFlag_, ended = ended_] {
                 ThreadBody::RequestHandler(stopFlag);
-                end->Reach();
+                *ended = true;
             });
         } catch (...) {
             ThreadBody::HandleThreadEnd();
@@ -58,8 +55,12 @@ class Executor {
             ThreadBody::HandleThreadStop();
             ::Sleep(0);
             // What wakes the thread can have woken somebody else, who waits for the same event by its name.
-            while (!end_->WaitFor(std::chrono::milliseconds(100)))
+            // Without a lock: what makes one can fail, on the thread's last steps too, where nothing catches it.
+            constexpr DWORD kStepMs = 10;
+            while (!*ended_) {
                 ThreadBody::HandleThreadStop();
+                ::Sleep(kStepMs);
+            }
             thread_.join();
             ThreadBody::HandleThreadEnd();
         } catch (...) {
@@ -70,29 +71,10 @@ class Executor {
     }
 
   private:
-    /// The end of the thread's body.
-    class ThreadEnd {
-      public:
-        void Reach() {
-            const std::lock_guard guard(lock_);
-            reached_ = true;
-            changed_.notify_all();
-        }
-        bool WaitFor(std::chrono::milliseconds time) {
-            std::unique_lock guard(lock_);
-            return changed_.wait_for(guard, time, [this] { return reached_; });
-        }
-
-      private:
-        std::mutex lock_;
-        std::condition_variable changed_;
-        bool reached_ = false;
-    };
-
     static constexpr char kSource[] = "lib_shared_tools\\inc\\thread_executor";
 
     StopFlag stopFlag_;
-    std::shared_ptr<ThreadEnd> end_ = std::make_shared<ThreadEnd>();
+    std::shared_ptr<std::atomic<bool>> ended_ = std::make_shared<std::atomic<bool>>(false);
     std::thread thread_;
 };
 

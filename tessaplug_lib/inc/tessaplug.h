@@ -67,7 +67,7 @@ DWORD WINAPI tessaplug_init(DWORD apiVersion, SERVICE_STATUS_HANDLE serviceStatu
 
 /**
  * Stops the plug-in: waits for a device event that is being handled, then closes what tessaplug_init opened.
- * Takes two to three seconds beyond that. Returns quietly if the plug-in does not run. The single-instance
+ * Takes two to four seconds beyond that. Returns quietly if the plug-in does not run. The single-instance
  * lock is held until the process ends.
  *
  * Called while tessaplug_init runs, from within the status callback or on another thread, it returns at once:

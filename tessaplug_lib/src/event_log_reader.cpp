@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -82,7 +83,7 @@ void EventLog::CreateEvents() {
     for (const EventIndex index : {kCancel, kNotification}) {
         if (events_[index] != nullptr) continue;
         const BOOL manualReset = index == kNotification;
-        events_[index] = kernel32_->CreateEventW(nullptr, manualReset, FALSE, nullptr);
+        std::atomic_ref(events_[index]).store(kernel32_->CreateEventW(nullptr, manualReset, FALSE, nullptr));
         // One text for both events: it is what service staff know.
         if (events_[index] == nullptr)
             MODUL_THROW(CWindowsApiExcp("CreateEventW(CANCEL_EVENT)", "Insufficient rights?"));
@@ -402,7 +403,9 @@ void EventLog::WaitAndRead(std::vector<std::byte>& buffer) {
 
 void EventLog::CancelRead() {
     FUNCTION_TRACE();
-    if (events_[kCancel] != nullptr && !kernel32_->SetEvent(events_[kCancel]))
+    // It may just be made, on the thread that opens the log.
+    const HANDLE cancel = std::atomic_ref(events_[kCancel]).load();
+    if (cancel != nullptr && !kernel32_->SetEvent(cancel))
         TRACE_ERROR(26, "SetEvent(CANCEL_EVENT) failed, LE(%u)", ::GetLastError());
 }
 

@@ -183,6 +183,7 @@ void EventLogMonitor::Abandon() {
     FUNCTION_TRACE();
     abandoned_ = true;
     monitorReleased = true;
+    eventLog_->CancelRead();
 }
 
 bool EventLogMonitor::WaitBlockingForStateChange(DWORD timeout) {

@@ -293,10 +293,14 @@ void Service::StartEventLogMonitor() {
         monitor->Run();
         *ended = true;
     });
-    if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs)) {
-        // It may still start, at any time from now on, and would miss the stop of the roll-back.
+    try {
+        if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs))
+            MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
+    } catch (...) {
+        // Also where the wait itself failed: the monitor may still start, at any time from now on, and would
+        // miss the stop of the roll-back.
         eventLogMonitor_->Abandon();
-        MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
+        throw;
     }
 }
 
@@ -416,29 +420,27 @@ void Service::StopEventLogMonitor(bool failSafe, bool rollBack) {
 
 void Service::DeleteMonitorThread(bool failSafe) {
     FUNCTION_TRACE();
-    if (*evMonEnded_) {
-        // In the fail-safe form the thread's very end waits for the loader's lock, which is held here.
-        if (failSafe)
-            evMonTh_->detach();
-        else
-            evMonTh_->join();
-        evMonTh_.reset();
-        return;
-    }
-    TRACE_WARNING(36, "The event-log monitor's thread is still there");
-    eventLogMonitor_->Stop(true);
-    if (!failSafe) {
-        KeepModuleLoaded();
-        return;
-    }
-    // The library's code is about to go: release the monitor and let it leave that code. Its thread cannot
-    // end before the loader's lock is free, so it cannot be joined.
     constexpr DWORD kStepMs = 50;
     constexpr int kMostSteps = 10;
-    monitorReleased = true;
-    for (int i = 0; i < kMostSteps && !*evMonEnded_; ++i)
-        sleep_(kStepMs);
-    sleep_(kStepMs);  // for the last steps behind the body
+    if (!*evMonEnded_) {
+        TRACE_WARNING(36, "The event-log monitor's thread is still there");
+        eventLogMonitor_->Stop(true);
+        // Given up: it ends at its next check, and gets some time to do so.
+        eventLogMonitor_->Abandon();
+        for (int i = 0; i < kMostSteps && !*evMonEnded_; ++i)
+            sleep_(kStepMs);
+        if (failSafe) sleep_(kStepMs);  // for the last steps behind the body
+    }
+    if (!*evMonEnded_) {
+        if (!failSafe) KeepModuleLoaded();
+        return;
+    }
+    // In the fail-safe form the thread's very end waits for the loader's lock, which is held here.
+    if (failSafe)
+        evMonTh_->detach();
+    else
+        evMonTh_->join();
+    evMonTh_.reset();
 }
 
 void Service::CloseHandleSlot() {

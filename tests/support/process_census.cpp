@@ -79,10 +79,12 @@ std::size_t CommittedMemory(DWORD processId) {
     // By the address space's own account: Wine reports nothing in the process counters.
     std::size_t bytes = 0;
     MEMORY_BASIC_INFORMATION region = {};
-    for (const std::byte* at = nullptr;
-         ::VirtualQueryEx(process.get(), at, &region, sizeof region) == sizeof region;
-         at = static_cast<const std::byte*>(region.BaseAddress) + region.RegionSize)
+    ULONG_PTR address = 0;
+    while (::VirtualQueryEx(process.get(), reinterpret_cast<const void*>(address), &region, sizeof region) !=
+           0) {
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+        address = reinterpret_cast<ULONG_PTR>(region.BaseAddress) + region.RegionSize;
+    }
     return bytes;
 }
 
@@ -99,17 +101,6 @@ std::vector<std::wstring> LoadedModules() {
     }
     std::ranges::sort(names);
     return names;
-}
-
-std::size_t CommittedMemory(HANDLE process) {
-    std::size_t committed = 0;
-    MEMORY_BASIC_INFORMATION region = {};
-    ULONG_PTR address = 0;
-    while (::VirtualQueryEx(process, reinterpret_cast<const void*>(address), &region, sizeof region) != 0) {
-        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) committed += region.RegionSize;
-        address = reinterpret_cast<ULONG_PTR>(region.BaseAddress) + region.RegionSize;
-    }
-    return committed;
 }
 
 }  // namespace test_support

@@ -24,15 +24,11 @@ std::size_t HandleCount(DWORD processId = ::GetCurrentProcessId());
 /// Running threads.
 std::size_t ThreadCount(DWORD processId = ::GetCurrentProcessId());
 
-/// Committed memory that belongs to the process alone, in bytes; 0 if it cannot be asked.
+/// Committed memory that belongs to the process alone, in bytes: heaps, stacks and the like, not the mapped
+/// images; 0 if it cannot be asked.
 std::size_t CommittedMemory(DWORD processId = ::GetCurrentProcessId());
 
 /// File names of the loaded modules, lower case, sorted.
 std::vector<std::wstring> LoadedModules();
-
-/// Bytes of committed memory that a process shares with nobody: heaps, stacks and the like, not the mapped
-/// images.
-/// @param process a handle with PROCESS_QUERY_INFORMATION
-std::size_t CommittedMemory(HANDLE process = ::GetCurrentProcess());
 
 }  // namespace test_support

@@ -52,15 +52,6 @@ void ReadAccessPoint(StationState::AccessPoint& point, const std::vector<std::st
     }
 }
 
-std::vector<std::string> InstalledLogDevices() {
-    // To load the library from such a path would end this process.
-    const std::size_t length = quelm::ConfigurationLibraryPath().length();
-    if (length >= MAX_PATH)
-        throw std::runtime_error("the path of the configuration library has " + std::to_string(length) +
-                                 " characters; from 260 on the service ends when it loads it");
-    return korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
-}
-
 }  // namespace
 
 const char* StationState::AccessPoint::State() const {
@@ -93,6 +84,15 @@ void ReadAdapters(std::vector<StationState::Model>& models) {
             models[i].devicesError = InWords(error);
         }
     }
+}
+
+std::vector<std::string> InstalledLogDevices() {
+    // To load the library from such a path would end this process.
+    const std::size_t length = quelm::ConfigurationLibraryPath().length();
+    if (length >= MAX_PATH)
+        throw std::runtime_error("the path of the configuration library has " + std::to_string(length) +
+                                 " characters; from 260 on the service ends when it loads it");
+    return korvane::DefaultLogDeviceDatabaseIf::Create()->Installed();
 }
 
 std::string ReadAccessPoints(std::vector<StationState::Model>& models) {
