@@ -54,6 +54,7 @@ function(tessa_test target)
         tessa_guard_heap(${target})
     endif()
     set_property(GLOBAL APPEND PROPERTY TESSA_TESTS ${target})
+    set_property(TARGET ${target} PROPERTY CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/scripts/run_test.sh)
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT ${arg_TIMEOUT} ENVIRONMENT "${arg_ENVIRONMENT}")
 endfunction()

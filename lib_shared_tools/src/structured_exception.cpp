@@ -51,7 +51,7 @@ DWORD CallGuarded(void (*function)(void* context), void* context, Breakpoints br
 
 void ThrowForeignException(DWORD code) {
     FUNCTION_TRACE();
-    TRACE_ERROR(10, "Structured exception 0x%x", code);
+    TRACE_ERROR(10, "A partner has raised 0x%x", code);
     char what[40];
     std::snprintf(what, std::size(what), "Structured exception 0x%08lX", code);
     modul_exception::RecordException(std::runtime_error(what), "operating_system::ForeignException",
@@ -62,9 +62,9 @@ void ThrowForeignException(DWORD code) {
 void TraceCaught(DWORD code) noexcept {
     FUNCTION_TRACE();
     if (code != 0)
-        TRACE_ERROR(11, "Structured exception 0x%x", code);
+        TRACE_ERROR(11, "A partner has failed with 0x%x", code);
     else
-        TRACE_ERROR(12, "C++ exception");
+        TRACE_ERROR(12, "A partner has thrown a C++ exception");
 }
 
 void BreakIntoDebugger() {

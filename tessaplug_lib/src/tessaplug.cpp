@@ -1,6 +1,7 @@
 #include "tessaplug.h"
 
 #include <memory>
+#include <new>
 
 #include "exception_history.h"
 #include "function_trace.h"
@@ -40,6 +41,7 @@ void MakeService() {
 /// The service object, made by the first export call: never at attach, where little of Windows may be used.
 Service& TheService() {
     FUNCTION_TRACE();
+    if (singletonLock == nullptr) MODUL_THROW(std::bad_alloc());
     const SingletonGuard guard;
     // Guarded inside the lock, which a structured exception on its way to the export would leave taken.
     if (service == nullptr) CallForeign([] { MakeService(); });
@@ -50,23 +52,27 @@ void Attach(HMODULE module) {
     FUNCTION_TRACE();
     modul_exception::InitializeExceptionHistory();
     trace::RegisterProvider();
+    // Without memory for it the library loads all the same, and each export says so: an exception would go
+    // into the loader.
     if (singletonLock == nullptr) {
-        singletonLock = new CRITICAL_SECTION;
-        ::InitializeCriticalSection(singletonLock);
+        singletonLock = new (std::nothrow) CRITICAL_SECTION;
+        if (singletonLock != nullptr) ::InitializeCriticalSection(singletonLock);
     }
     thisModule = module;
 }
 
 void Detach() {
     FUNCTION_TRACE();
-    {
-        const SingletonGuard guard;
-        delete service;
-        service = nullptr;
+    if (singletonLock != nullptr) {
+        {
+            const SingletonGuard guard;
+            delete service;
+            service = nullptr;
+        }
+        ::DeleteCriticalSection(singletonLock);
+        delete singletonLock;
+        singletonLock = nullptr;
     }
-    ::DeleteCriticalSection(singletonLock);
-    delete singletonLock;
-    singletonLock = nullptr;
     tessaplug::DeleteEventLogProvider();
     tessaplug::DeleteErrorHandler();
     modul_exception::CleanupExceptionHistory();

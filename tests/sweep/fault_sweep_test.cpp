@@ -44,6 +44,9 @@ std::set<unsigned> Sample(const Calls& calls) {
     const bool isMemory = calls.function == "malloc";
     const unsigned samples = isMemory ? 25 : 3;
     std::set<unsigned> numbers = {1, calls.count};
+    constexpr unsigned kOfTheLoad = 8;  // where an exception would go into the loader
+    for (unsigned i = 2; isMemory && i <= kOfTheLoad; ++i)
+        numbers.insert(i);
     for (unsigned i = 0; i < samples; ++i)
         numbers.insert(1 + static_cast<unsigned>(ULONGLONG{i} * calls.count / samples));
     return numbers;

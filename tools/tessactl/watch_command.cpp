@@ -73,15 +73,26 @@ class DriverMessages {
         while (!ends_) {
             try {
                 const auto buffer = log_.BlockingRead();
-                if (buffer.empty() && !ends_) ::Sleep(1000);  // the log cannot be read just now
+                if (buffer.empty()) OpenAgain();
                 parser.Process(buffer, messages);
             } catch (const std::exception& error) {
                 printer_.Print("problem", L"driver messages", Widened(InWords(error), CP_UTF8));
+            } catch (...) {
+                printer_.Print("problem", L"driver messages", L"the driver's file raises an exception");
             }
             for (const auto& message : messages)
                 printer_.Print("message", message.source,
                                SeverityName(message.severity) + WithoutLineEnd(message.message));
             messages.clear();
+        }
+    }
+    /// The log cannot be read just now, or it was only the end that woke the reader.
+    void OpenAgain() {
+        constexpr DWORD kPauseMs = 1000;
+        bool isOpen = false;
+        while (!ends_ && !isOpen) {
+            ::Sleep(kPauseMs);
+            isOpen = log_.Reopen();
         }
     }
     static std::wstring SeverityName(DWORD severity) {

@@ -105,10 +105,12 @@ void PutImage(Bytes& bytes) {
     headers.Signature = IMAGE_NT_SIGNATURE;
     headers.FileHeader.NumberOfSections = 1;
     headers.FileHeader.SizeOfOptionalHeader = sizeof headers.OptionalHeader;
+    headers.OptionalHeader.Magic = IMAGE_NT_OPTIONAL_HDR64_MAGIC;
     Put(bytes, kImageAt + kHeadersAt, headers);
     IMAGE_SECTION_HEADER section = {};
     std::memcpy(section.Name, ".exhist", 8);
     section.VirtualAddress = kHistoryAt;
+    section.Misc.VirtualSize = sizeof(ExceptionHistory);
     Put(bytes, kImageAt + kSectionAt, section);
     ExceptionHistory history = {};
     history.writeIndex = 1;
