@@ -293,15 +293,8 @@ void Service::StartEventLogMonitor() {
         monitor->Run();
         *ended = true;
     });
-    try {
-        if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs))
-            MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
-    } catch (...) {
-        // Also where the wait itself failed: the monitor may still start, at any time from now on, and would
-        // miss the stop of the roll-back.
-        eventLogMonitor_->Abandon();
-        throw;
-    }
+    if (!eventLogMonitor_->WaitBlockingForStateChange(kStartTimeOutMs))
+        MODUL_THROW(std::runtime_error("Starting EventLogMonitor Thread failed!"));
 }
 
 void Service::StartPnpThreadPool() {
@@ -425,7 +418,8 @@ void Service::DeleteMonitorThread(bool failSafe) {
     if (!*evMonEnded_) {
         TRACE_WARNING(36, "The event-log monitor's thread is still there");
         eventLogMonitor_->Stop(true);
-        // Given up: it ends at its next check, and gets some time to do so.
+        // Given up: it ends at its next check, and gets some time to do so. A monitor that begins late, or
+        // only now, has missed the stop.
         eventLogMonitor_->Abandon();
         for (int i = 0; i < kMostSteps && !*evMonEnded_; ++i)
             sleep_(kStepMs);

@@ -315,7 +315,7 @@ TEST_P(CleanupInTheCallback, RollsTheStartBack) {
 
     EXPECT_EQ(Init(), 0u);
 
-    EXPECT_GE(notifier_->cleanups, 1);
+    EXPECT_EQ(notifier_->cleanups, 1) << "the roll-back's alone";
     EXPECT_EQ(notifier_->initializedWith, GetParam() <= 2 ? nullptr : kStatusHandle);
     ExpectNothingRuns();
 }
@@ -324,7 +324,8 @@ TEST_P(CleanupInTheCallback, HasThePlugInForgetTheHostsContext) {
     AtTheReport([this] { service_->cleanup(); });
     EXPECT_EQ(Init(), 0u);
 
-    ASSERT_GT(host_.contexts.size(), GetParam()) << "the roll-back reports as well";
+    // The roll-back reports once, and once more where the monitor runs already; no further step does.
+    ASSERT_EQ(host_.contexts.size(), GetParam() + (GetParam() == 5 ? 2 : 1));
     for (std::size_t i = 0; i < host_.contexts.size(); ++i)
         EXPECT_EQ(host_.contexts[i], i < GetParam() ? &host_ : nullptr) << "report " << i + 1;
 }
