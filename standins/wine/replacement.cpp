@@ -66,8 +66,10 @@ DWORD PatchExport(HMODULE module, const char* function, void* replacement) {
     return WriteProtected(entry, &offset, sizeof offset);
 }
 
-/// Rebinds the imports of one module that were bound before the replacement.
-void RebindImports(HMODULE module, void* original, void* replacement) {
+/// Rebinds the imports of one module that were bound before the replacement. Import tables need not be
+/// aligned.
+__attribute__((no_sanitize("alignment"))) void RebindImports(HMODULE module, void* original,
+                                                             void* replacement) {
     auto* base = reinterpret_cast<BYTE*>(module);
     const auto& directory = HeadersOf(base)->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     if (directory.Size == 0) return;

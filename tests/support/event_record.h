@@ -50,6 +50,11 @@ inline EVENTLOGRECORD* FieldsOf(std::vector<std::byte>& bytes) {
     return reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
 }
 
+/// The only field that a stump of a record is sure to have.
+inline void SetLength(std::vector<std::byte>& bytes, DWORD length) {
+    std::memcpy(bytes.data(), &length, sizeof length);
+}
+
 inline std::vector<std::byte> Joined(const std::vector<std::vector<std::byte>>& records) {
     std::vector<std::byte> all;
     for (const auto& record : records)

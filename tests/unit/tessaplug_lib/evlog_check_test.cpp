@@ -25,6 +25,7 @@ using test_support::EventRecord;
 using test_support::FieldsOf;
 using test_support::Joined;
 using test_support::ModuleHooks;
+using test_support::SetLength;
 using test_support::TextOf;
 
 namespace {
@@ -158,7 +159,7 @@ TEST(EventLogRecord, OfTheHeaderAloneIsAssertedAndReadFromItsStart) {
 
 TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedAndHasNothing) {
     Bytes bytes(20, std::byte{0xFF});
-    FieldsOf(bytes)->Length = 20;
+    SetLength(bytes, 20);
     const EventLogRecord record = RecordFrom(bytes);
     const ModuleHooks hooks;
     EXPECT_EQ(record.GetMessageId(), 0u);
@@ -174,7 +175,7 @@ TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedAndHasNothing) {
 
 TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedByEachOfItsGetters) {
     Bytes bytes(20, std::byte{0xFF});
-    FieldsOf(bytes)->Length = 20;
+    SetLength(bytes, 20);
     const EventLogRecord record = RecordFrom(bytes);
     const auto assertedBy = [](const auto& get) {
         const ModuleHooks hooks;
@@ -324,7 +325,7 @@ TEST_F(Parser, EachRecordIsPrintedWhenTracingIsVerbose) {
 
 TEST_F(Parser, RecordShorterThanItsHeaderIsSkipped) {
     Bytes stump(24);
-    FieldsOf(stump)->Length = 24;
+    SetLength(stump, 24);
     EXPECT_EQ(IdsOf(Joined({Record(1), stump, Record(2)})), (std::vector<DWORD>{1, 2}));
 }
 

@@ -211,6 +211,24 @@ TEST(RequestWorker, BurstWhileHandlingCollapsesToTheNewestEvent) {
     EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kU3Arrival, kU3Arrival}));
 }
 
+TEST(RequestWorker, BurstThatEndsWithARemovalCollapsesToIt) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    Gate queued;
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() == 1) queued.Wait();
+    };
+    {
+        const DeviceMonitor monitor;
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE));
+        ASSERT_EQ(notifier->WaitForEvents(1).size(), 1u);
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+        DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEREMOVECOMPLETE));
+        queued.Open();
+        notifier->WaitForEvents(2);
+    }
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kU3Removal, kU3Removal}));
+}
+
 TEST(RequestWorker, ServesBothQueuesAlternately) {
     const auto notifier = std::make_shared<RecordingNotifier>();
     const auto kernel32 = std::make_shared<FailingKernel32>();
@@ -281,6 +299,8 @@ TEST(RequestWorker, StopDuringAPassLetsItFinishAndFreesWhatIsStillQueued) {
     Gate stopping;
     notifier->onEvent = [&](const std::vector<std::string>& events) {
         if (events.size() == 1) stopping.Wait();
+        if (events.size() == 2)
+            DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
     };
     auto monitor = std::make_unique<DeviceMonitor>(kernel32);
     DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));

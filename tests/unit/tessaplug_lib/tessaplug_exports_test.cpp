@@ -49,6 +49,9 @@ class PlugIn {
     UniqueModule module_;
 };
 
+// The tables of an image need not be aligned.
+#define READS_AN_IMAGE __attribute__((no_sanitize("alignment")))
+
 /// A function that the plug-in imports, replaced for as long as this lives.
 class ReplacedImport {
   public:
@@ -66,7 +69,7 @@ class ReplacedImport {
     ReplacedImport& operator=(const ReplacedImport&) = delete;
 
   private:
-    static void** Slot(HMODULE module, const std::string& name) {
+    READS_AN_IMAGE static void** Slot(HMODULE module, const std::string& name) {
         auto* base = reinterpret_cast<BYTE*>(module);
         const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
         const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
@@ -83,10 +86,11 @@ class ReplacedImport {
         }
         return nullptr;
     }
-    void* Write(void* function) {
+    READS_AN_IMAGE void* Write(void* function) {
         DWORD former = 0;
         ::VirtualProtect(slot_, sizeof *slot_, PAGE_READWRITE, &former);
-        void* replaced = std::exchange(*slot_, function);
+        void* replaced = *slot_;
+        *slot_ = function;
         ::VirtualProtect(slot_, sizeof *slot_, former, &former);
         return replaced;
     }
@@ -135,7 +139,7 @@ void WINAPI CountReports(void*, SERVICE_STATUS*) {
 
 const auto kStatusHandle = reinterpret_cast<SERVICE_STATUS_HANDLE>(0x51);
 
-std::vector<std::string> ExportedNames(HMODULE module) {
+READS_AN_IMAGE std::vector<std::string> ExportedNames(HMODULE module) {
     const auto* base = reinterpret_cast<const BYTE*>(module);
     const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
     const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
