@@ -55,7 +55,8 @@ class Executor {
             ThreadBody::HandleThreadStop();
             ::Sleep(0);
             // What wakes the thread can have woken somebody else, who waits for the same event by its name.
-            // Without a lock: what makes one can fail, on the thread's last steps too, where nothing catches it.
+            // Without a lock: what makes one can fail, on the thread's last steps too, where nothing catches
+            // it.
             constexpr DWORD kStepMs = 10;
             while (!*ended_) {
                 ThreadBody::HandleThreadStop();

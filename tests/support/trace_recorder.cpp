@@ -82,6 +82,13 @@ void DisableTracing(const GUID& controlGuid) {
     CallBack(controlGuid, WMI_DISABLE_EVENTS);
 }
 
+std::vector<USHORT> TakeTraceNumbers() {
+    std::vector<USHORT> numbers;
+    for (const TraceRecord& record : TakeTraceRecords())
+        numbers.push_back(record.number);
+    return numbers;
+}
+
 }  // namespace test_support
 
 namespace {

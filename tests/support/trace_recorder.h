@@ -59,4 +59,19 @@ class Tracing {
     Tracing& operator=(const Tracing&) = delete;
 };
 
+/// The provider registered, and enabled as by a session.
+class EnabledTracing {
+  public:
+    EnabledTracing(const GUID& controlGuid, UCHAR level, ULONG flags) {
+        EnableTracing(controlGuid, level, flags, 1);
+        TakeTraceRecords();
+    }
+
+  private:
+    const Tracing tracing_;
+};
+
+/// The numbers of the messages sent since the last call.
+std::vector<USHORT> TakeTraceNumbers();
+
 }  // namespace test_support

@@ -8,6 +8,7 @@
 #include <process.h>
 #include <utility>
 
+#include "answered_calls.h"
 #include "export_guard.h"
 #include "import_hooks.h"
 #include "program_folder.h"
@@ -31,21 +32,6 @@ BOOL WINAPI AnswerBox(HANDLE, DWORD, LPWSTR title, DWORD titleSize, LPWSTR messa
                     std::wstring(message, messageSize / sizeof(wchar_t)));
     *response = IDIGNORE;
     return TRUE;
-}
-
-/// Windows accepts the handles of real services only.
-HDEVNOTIFY WINAPI RegisterNotification(HANDLE, void*, DWORD) {
-    static std::atomic<ULONG_PTR> next = 0x1000;
-    return reinterpret_cast<HDEVNOTIFY>(++next);
-}
-
-BOOL WINAPI UnregisterNotification(HDEVNOTIFY) {
-    return TRUE;
-}
-
-void WINAPI SleepLess(DWORD milliseconds) {
-    constexpr DWORD kTimesFaster = 20;
-    ::Sleep(milliseconds > kTimesFaster ? milliseconds / kTimesFaster : milliseconds);
 }
 
 uintptr_t StartThread(void* security, unsigned stackSize, unsigned(__stdcall* start)(void*), void* argument,
@@ -73,11 +59,12 @@ FARPROC WINAPI Resolve(HMODULE module, LPCSTR name) {
 void* Choose(const char* function, void* original) {
     const std::string name = function;
     if (name == "GetProcAddress") return reinterpret_cast<void*>(&Resolve);
-    if (name == "RegisterDeviceNotificationW") return reinterpret_cast<void*>(&RegisterNotification);
-    if (name == "UnregisterDeviceNotification") return reinterpret_cast<void*>(&UnregisterNotification);
+    if (name == "RegisterDeviceNotificationW") return reinterpret_cast<void*>(&sweep::RegisterNotification);
+    if (name == "UnregisterDeviceNotification")
+        return reinterpret_cast<void*>(&sweep::UnregisterNotification);
     if (name == "_beginthreadex") return reinterpret_cast<void*>(&StartThread);
     if (name == "WaitForSingleObject") return reinterpret_cast<void*>(&CountWait);
-    if (name == "Sleep") return reinterpret_cast<void*>(&SleepLess);
+    if (name == "Sleep") return reinterpret_cast<void*>(&sweep::SleepLess);
     return original;
 }
 

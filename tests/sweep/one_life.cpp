@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "answered_calls.h"
 #include "event_log_file.h"
 #include "export_guard.h"
 #include "fault_injection.h"
@@ -67,20 +68,6 @@ BOOL WINAPI StartNothing(LPCWSTR, LPWSTR, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBU
     return TRUE;
 }
 
-HDEVNOTIFY WINAPI RegisterNotification(HANDLE, void*, DWORD) {
-    static std::atomic<ULONG_PTR> next = 0x1000;
-    return reinterpret_cast<HDEVNOTIFY>(++next);
-}
-
-BOOL WINAPI UnregisterNotification(HDEVNOTIFY) {
-    return TRUE;
-}
-
-void WINAPI SleepLess(DWORD milliseconds) {
-    constexpr DWORD kTimesFaster = 20;
-    ::Sleep(milliseconds > kTimesFaster ? milliseconds / kTimesFaster : milliseconds);
-}
-
 /// The driver's file beside this program in place of the installed one.
 HMODULE WINAPI LoadDriverFile(LPCWSTR name, HANDLE file, DWORD flags) {
     const std::wstring path = name;
@@ -116,9 +103,9 @@ const sweep::Replacements kReplacements = {
     {"WTSSendMessageW", Address(&AnswerBox)},
     {"MiniDumpWriteDump", Address(&WriteSmallDump)},
     {"CreateProcessW", Address(&StartNothing)},
-    {"RegisterDeviceNotificationW", Address(&RegisterNotification)},
-    {"UnregisterDeviceNotification", Address(&UnregisterNotification)},
-    {"Sleep", Address(&SleepLess)},
+    {"RegisterDeviceNotificationW", Address(&sweep::RegisterNotification)},
+    {"UnregisterDeviceNotification", Address(&sweep::UnregisterNotification)},
+    {"Sleep", Address(&sweep::SleepLess)},
     {"LoadLibraryExW", Address(&LoadDriverFile)},
     {"abort", Address(&ReportAbort)},
 };

@@ -44,12 +44,14 @@ void Print(const char* what, const Census& before, const Census& after) {
                 after.threads, before.handles, after.handles, before.kilobytes, after.kilobytes);
 }
 
-/// @param moreHandles that are not the plug-in's
-void ExpectSame(const Census& before, const Census& after, std::size_t moreHandles = 0) {
+/// @param moreHandles,moreKilobytes that are not the plug-in's
+void ExpectSame(const Census& before, const Census& after, std::size_t moreHandles = 0,
+                std::size_t moreKilobytes = 0) {
     EXPECT_EQ(after.threads, before.threads);
     EXPECT_LE(after.handles, before.handles + moreHandles);
     ASSERT_GT(before.kilobytes, 0u);
-    EXPECT_LE(after.kilobytes, before.kilobytes + before.kilobytes / 100) << "KB committed, 1 % more at most";
+    EXPECT_LE(after.kilobytes, before.kilobytes + before.kilobytes / 100 + moreKilobytes)
+        << "KB committed, 1 % more at most";
 }
 
 /// A host's thread that sends random arrivals and removals of one class and knows the last one.
@@ -160,6 +162,15 @@ class DriverStorm : public system_tests::Station {
         return status.dwProcessId;
     }
 
+    /// Threads of the system's own, as of remote calls, end by themselves when they were idle for a while.
+    static void AwaitThreads(std::size_t count) {
+        constexpr DWORD kStepMs = 500;
+        constexpr int kMostSteps = 120;
+        const DWORD service = ServiceProcess();
+        for (int i = 0; i < kMostSteps && test_support::ThreadCount(service) > count; ++i)
+            ::Sleep(kStepMs);
+    }
+
     /// Plugs and unplugs both adapters at random.
     /// @return false if a model's last state is lost
     bool Burst(int events) {
@@ -167,7 +178,6 @@ class DriverStorm : public system_tests::Station {
             const bool second = random_() % 2 == 0;
             bool& isPlugged = plugged_[second ? 1 : 0];
             isPlugged = !isPlugged;
-            if (!second && !isPlugged) ++removals_;
             (isPlugged ? system_tests::Plug : system_tests::Unplug)(second ? fennlinkU3_ : nx4120_, 0);
         }
         return AllBecome(L"NX4120", plugged_[0] ? L"visible" : L"hidden") &&
@@ -177,7 +187,6 @@ class DriverStorm : public system_tests::Station {
     const station_manager::ComponentStore components_;
     std::mt19937 random_{5};
     bool plugged_[2] = {};
-    std::size_t removals_ = 0;  ///< of NX4120, for which the station manager is called
 };
 
 }  // namespace
@@ -186,21 +195,26 @@ TEST_F(DriverStorm, LosesNoLastStateAndLeavesNothing) {
     constexpr int kEvents = 20;
     const int bursts = sweep::WantsAll() ? 50 : 3;
     StartService();
+    const std::size_t idle = test_support::ThreadCount(ServiceProcess());
     ASSERT_TRUE(Burst(kEvents)) << "before anything is measured";
 
+    AwaitThreads(idle);
     const Census before(ServiceProcess());
     int lost = 0;
     for (int i = 0; i < bursts; ++i)
         if (!Burst(kEvents)) ++lost;
+    AwaitThreads(idle);
     const Census after(ServiceProcess());
 
     std::printf("%d events of the drivers, %d last states lost\n", bursts * kEvents, lost);
     Print("service", before, after);
     EXPECT_EQ(lost, 0);
-    // Wine keeps two handles, or three, of each activation of a COM server in another process, also in a
-    // program that does nothing else.
-    constexpr std::size_t kHandlesOfAnActivation = 3;
-    ExpectSame(before, after, kHandlesOfAnActivation * removals_);
+    // The system's own threads of remote calls come and go; what two of them leave for the next, a stack and
+    // a few handles each, does not grow with the events. What does is seen by the test of the service's
+    // memory.
+    constexpr std::size_t kHandles = 8;
+    constexpr std::size_t kKilobytes = 2 * 2400;
+    ExpectSame(before, after, kHandles, kKilobytes);
 }
 
 TEST(ManyLives, LoadAndUnloadLeavesNothing) {

@@ -20,7 +20,7 @@ namespace {
 DWORD mainThread = 0;
 
 [[noreturn, maybe_unused]] void Fault() {
-    ::RaiseException(static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION), EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    ::RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
     __builtin_unreachable();
 }
 

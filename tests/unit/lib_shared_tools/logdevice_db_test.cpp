@@ -62,23 +62,6 @@ class MockLibrary : public quelm::Q5orvixIf {
 /// Message GUID of the file under test.
 constexpr GUID kLogDeviceFile = trace::GuidFrom("b3e7a5c1-4d60-4f89-a2b8-9c1d7e0f5a0d");
 
-/// The configuration's trace points of a level and below, in the order in which they were passed.
-class ConfigurationTracing {
-  public:
-    explicit ConfigurationTracing(UCHAR level) {
-        test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kConfiguration, 1);
-    }
-    static std::vector<USHORT> TakeNumbers() {
-        std::vector<USHORT> numbers;
-        for (const auto& record : test_support::TakeTraceRecords())
-            numbers.push_back(record.number);
-        return numbers;
-    }
-
-  private:
-    const test_support::Tracing tracing_;
-};
-
 class LogDevice : public testing::Test {
   protected:
     /// The library answers a read with `value`.
@@ -184,10 +167,11 @@ TEST(LogDeviceName, LengthIsThatOfTheNameAsGiven) {
 }
 
 TEST(LogDeviceName, CasesAreTraced) {
-    const ConfigurationTracing tracing(trace::kVerbose);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kVerbose,
+                                               trace::kConfiguration);
     const auto numbersFor = [](const char* name) {
         const LogDeviceName made(name);
-        return ConfigurationTracing::TakeNumbers();
+        return test_support::TakeTraceNumbers();
     };
     EXPECT_EQ(numbersFor("LDCF_TEMP_LOG_DEVICE____1"), (std::vector<USHORT>{14, 10}));
     EXPECT_EQ(numbersFor("A(B)"), (std::vector<USHORT>{14, 11}));
@@ -196,13 +180,14 @@ TEST(LogDeviceName, CasesAreTraced) {
 }
 
 TEST(LogDeviceName, ConversionIsTracedAtLevelFourAndABadTemporaryNameAtLevelTwo) {
-    const ConfigurationTracing tracing(trace::kInformation);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kInformation,
+                                               trace::kConfiguration);
     const LogDeviceName name("A(B)");
     EXPECT_EQ(name.GetLogNameA(), "A.B.1");
-    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{16}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{16}));
     test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
     EXPECT_THROW(LogDeviceName("LDCF_TEMP_LOG_DEVICE_1"), std::invalid_argument);
-    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{15}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{15}));
 }
 
 TEST(LogDeviceName, NewNameHasNoWayBack) {
@@ -355,7 +340,8 @@ TEST_F(LogDevice, OtherCodesThanThoseOfAMissingLogDeviceAreTracedWithTheirNames)
         .WillOnce(Return(8503))
         .WillOnce(Return(5))
         .WillOnce(Return(87));
-    const ConfigurationTracing tracing(trace::kError);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kError,
+                                               trace::kConfiguration);
     for (int i = 0; i < 5; ++i)
         logDevice_.Exists();
     const auto records = test_support::TakeTraceRecords();
@@ -367,10 +353,11 @@ TEST_F(LogDevice, OtherCodesThanThoseOfAMissingLogDeviceAreTracedWithTheirNames)
 TEST_F(LogDevice, FailedReadAndWriteAreTracedAtLevelTwo) {
     ON_CALL(library_, LogDeviceGetValue).WillByDefault(Return(8040));
     ON_CALL(library_, LogDeviceSetNdiValue).WillByDefault(Return(8044));
-    const ConfigurationTracing tracing(trace::kError);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kError,
+                                               trace::kConfiguration);
     EXPECT_THROW(logDevice_.ReadStringParameter(L"p"), std::runtime_error);
     EXPECT_THROW(logDevice_.EnableFlagNdi(L"p"), std::runtime_error);
-    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{17, 18}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{17, 18}));
 }
 
 TEST_F(LogDevice, ExceptionsOfTheLibraryPassUnchanged) {
@@ -381,7 +368,8 @@ TEST_F(LogDevice, ExceptionsOfTheLibraryPassUnchanged) {
 TEST(LogDeviceFactory, OpensTheLibraryOfItsOwnAndNamesTheKeyOfTheLogDevices) {
     const test_support::ConfigurationLibraryLocation location(test_support::FaultyLibrary(L"answers_code"));
     ::SetEnvironmentVariableW(L"Q5ORVIX_ANSWER", L"0");
-    const ConfigurationTracing tracing(trace::kVerbose);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kVerbose,
+                                               trace::kConfiguration);
     {
         const auto logDevice = korvane::LogDeviceDatabaseFactory().create_from_log_device("nx4120(xli)");
         EXPECT_NE(::GetModuleHandleW(L"q5orvix64x.dll"), nullptr);
@@ -426,11 +414,12 @@ TEST_F(DefaultLogDevices, EntryIsCutToTheReturnedLength) {
             *length = entries[index].second;
             return 0;
         });
-    const ConfigurationTracing tracing(trace::kWarning);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kWarning,
+                                               trace::kConfiguration);
     largestAllocation = 0;
     EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)", "E(F)", "G(H)", "I(J)"}));
     EXPECT_LT(largestAllocation, 65536u) << "what the library claims is not allocated";
-    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{22, 22})) << "more than the buffer";
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{22, 22})) << "more than the buffer";
 }
 
 TEST_F(DefaultLogDevices, EntryMayFillTheBufferWithoutAZero) {
@@ -459,15 +448,17 @@ TEST_F(DefaultLogDevices, TemplateThatNeverEndsIsLeftAfterTenThousandEntries) {
             *length = 7;
             return 0;
         });
-    const ConfigurationTracing tracing(trace::kWarning);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kWarning,
+                                               trace::kConfiguration);
     EXPECT_EQ(logDevices_.Installed().size(), 10000u);
     EXPECT_EQ(last, 9999u);
-    EXPECT_EQ(ConfigurationTracing::TakeNumbers(), (std::vector<USHORT>{23}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{23}));
 }
 
 TEST_F(DefaultLogDevices, EndIsTracedWithTheCountAndAnEntryThatDoesNotFitIsNot) {
     Answer({L"LDT-A.b", L"x"});
-    const ConfigurationTracing tracing(trace::kInformation);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kInformation,
+                                               trace::kConfiguration);
     logDevices_.Installed();
     const auto records = test_support::TakeTraceRecords();
     ASSERT_EQ(records.size(), 1u);

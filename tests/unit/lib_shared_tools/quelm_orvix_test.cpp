@@ -58,19 +58,6 @@ std::vector<USHORT> NumbersOf(const std::vector<test_support::TraceRecord>& reco
     return numbers;
 }
 
-/// The log-device configuration's trace points of a level and below, and nothing else.
-class ConfigurationTracing {
-  public:
-    explicit ConfigurationTracing(UCHAR level) {
-        test_support::EnableTracing(test_support::kSharedToolsGuid, level, trace::kConfiguration, 1);
-        test_support::TakeTraceRecords();
-    }
-    static std::vector<test_support::TraceRecord> Take() { return test_support::TakeTraceRecords(); }
-
-  private:
-    const test_support::Tracing tracing_;
-};
-
 /// A library that answers with what a test tells it to.
 class AnsweringLibrary : public testing::Test {
   protected:
@@ -215,9 +202,10 @@ TEST(ConfigurationLibrary, PathTellsWhereItComesFrom) {
 TEST(ConfigurationLibrary, MissingExportIsTraced) {
     const ConfigurationLibraryLocation location(FaultyLibrary(L"missing_export"));
     Q5orvix library;
-    const ConfigurationTracing tracing(trace::kError);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kError,
+                                               trace::kConfiguration);
     EXPECT_THROW(library.LoadLib(), CWindowsApiExcp);
-    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{11}));
+    EXPECT_EQ(NumbersOf(test_support::TakeTraceRecords()), (std::vector<USHORT>{11}));
 }
 
 TEST_F(AnsweringLibrary, IsAskedWhatTheCallerAsks) {
@@ -259,10 +247,11 @@ TEST_F(AnsweringLibrary, ThrowsAreFiledUnderTheOperation) {
 }
 
 TEST_F(AnsweringLibrary, CallIsTracedAtLevelFourAndAnUnexpectedCodeAtLevelTwo) {
-    const ConfigurationTracing tracing(trace::kInformation);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kInformation,
+                                               trace::kConfiguration);
     AnswerWith(8012);
     Exists();
-    const auto accepted = ConfigurationTracing::Take();
+    const auto accepted = test_support::TakeTraceRecords();
     ASSERT_EQ(NumbersOf(accepted), (std::vector<USHORT>{16, 21}));
     EXPECT_EQ(accepted[1].Integer(1), 8012u);
     EXPECT_EQ(accepted[1].Text(2), "LDCF_ERR_LOG_DEVICE_NOT_EXISTS");
@@ -271,24 +260,25 @@ TEST_F(AnsweringLibrary, CallIsTracedAtLevelFourAndAnUnexpectedCodeAtLevelTwo) {
     EXPECT_THROW(SetNdiValue(), std::runtime_error);
     AnswerWith(5);
     EXPECT_THROW(GetEnum(), std::runtime_error);
-    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()),
+    EXPECT_EQ(NumbersOf(test_support::TakeTraceRecords()),
               (std::vector<USHORT>{17, 21, 22, 18, 21, 22, 19, 21, 22}));
     test_support::EnableTracing(test_support::kSharedToolsGuid, trace::kError, trace::kConfiguration, 1);
     EXPECT_THROW(GetEnum(), std::runtime_error);
-    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{22}));
+    EXPECT_EQ(NumbersOf(test_support::TakeTraceRecords()), (std::vector<USHORT>{22}));
 }
 
 TEST_F(AnsweringLibrary, LoadingAndFreeingAreTraced) {
     library_.UnloadLib();
-    const ConfigurationTracing tracing(trace::kVerbose);
+    const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kVerbose,
+                                               trace::kConfiguration);
     library_.LoadLib();
-    const auto loaded = ConfigurationTracing::Take();
+    const auto loaded = test_support::TakeTraceRecords();
     ASSERT_EQ(NumbersOf(loaded), (std::vector<USHORT>{10}));
     EXPECT_EQ(loaded[0].WideText(0), quelm::ConfigurationLibraryPath());
     library_.UnloadLib();
-    EXPECT_EQ(NumbersOf(ConfigurationTracing::Take()), (std::vector<USHORT>{12}));
+    EXPECT_EQ(NumbersOf(test_support::TakeTraceRecords()), (std::vector<USHORT>{12}));
     library_.UnloadLib();
-    EXPECT_TRUE(ConfigurationTracing::Take().empty()) << "there is nothing to free";
+    EXPECT_TRUE(test_support::TakeTraceRecords().empty()) << "there is nothing to free";
 }
 
 TEST_F(AnsweringLibrary, SecondLoadIsRefused) {

@@ -61,14 +61,8 @@ std::vector<USHORT> NumbersIn(const GUID& file) {
 }
 
 /// The module's trace points of a level and below, without function entry and exit.
-class ModuleTracing {
-  public:
-    explicit ModuleTracing(UCHAR level) {
-        test_support::EnableTracing(test_support::kModuleGuid, level, trace::kMessage, 1);
-    }
-
-  private:
-    const test_support::Tracing tracing_;
+struct ModuleTracing : test_support::EnabledTracing {
+    explicit ModuleTracing(UCHAR level) : EnabledTracing(test_support::kModuleGuid, level, trace::kMessage) {}
 };
 
 /// COM is there on this thread.

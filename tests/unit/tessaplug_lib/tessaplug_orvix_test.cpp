@@ -77,23 +77,6 @@ class FakeKernel32 : public windows_api::CKernel32 {
     std::vector<HANDLE> closed;
 };
 
-/// The module's trace points of a level and below that are passed in its lifetime.
-class ModuleTracing {
-  public:
-    explicit ModuleTracing(UCHAR level) {
-        test_support::EnableTracing(test_support::kModuleGuid, level, trace::kMessage, 1);
-    }
-    static std::vector<USHORT> TakeNumbers() {
-        std::vector<USHORT> numbers;
-        for (const auto& record : test_support::TakeTraceRecords())
-            numbers.push_back(record.number);
-        return numbers;
-    }
-
-  private:
-    const test_support::Tracing tracing_;
-};
-
 /// The function that the exception history names for the last exception.
 std::string LastThrowingFunction() {
     const auto& history = modul_exception::exceptionHistory;
@@ -187,23 +170,23 @@ TEST_F(Panel, WithoutAProcessHandleIsAssertedAndWaitedFor) {
 }
 
 TEST_F(Panel, IsTracedFromStartToEnd) {
-    const ModuleTracing tracing(trace::kVerbose);
+    const test_support::EnabledTracing tracing(test_support::kModuleGuid, trace::kVerbose, trace::kMessage);
     panel_.CallSilent();
-    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{10, 11, 13, 14}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{10, 11, 13, 14}));
     test_support::EnableTracing(test_support::kModuleGuid, trace::kInformation, trace::kMessage, 1);
     panel_.CallSilent();
-    EXPECT_TRUE(ModuleTracing::TakeNumbers().empty());
+    EXPECT_TRUE(test_support::TakeTraceNumbers().empty());
 }
 
 TEST_F(Panel, FailuresAreTracedByTheirLevels) {
     kernel32_->waitResult = WAIT_TIMEOUT;
     kernel32_->closeResult = FALSE;
-    const ModuleTracing tracing(trace::kWarning);
+    const test_support::EnabledTracing tracing(test_support::kModuleGuid, trace::kWarning, trace::kMessage);
     EXPECT_THROW(panel_.CallSilent(), std::runtime_error);
-    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{12, 15, 15}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{12, 15, 15}));
     test_support::EnableTracing(test_support::kModuleGuid, trace::kError, trace::kMessage, 1);
     EXPECT_THROW(panel_.CallSilent(), std::runtime_error);
-    EXPECT_EQ(ModuleTracing::TakeNumbers(), (std::vector<USHORT>{12}));
+    EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{12}));
 }
 
 TEST_F(Panel, ThrowsAreFiledUnderTheirMethods) {
