@@ -31,7 +31,7 @@ DWORD ServiceProcessId() {
 /// A quick run unless the environment asks for a long one.
 int EventCount() {
     const char* text = std::getenv("TESSAPLUG_PLUG_EVENTS");
-    return text != nullptr ? std::atoi(text) : 200;
+    return text != nullptr ? static_cast<int>(std::strtol(text, nullptr, 10)) : 200;
 }
 
 }  // namespace

@@ -155,7 +155,7 @@ TEST_F(Tessactl, EveryCommandSaysThatTheLibrarysPathIsTooLong) {
     const std::string told = "the path of the configuration library has 260 characters";
     for (const auto* command : {L"status", L"doctor", L"show NX4120(XLI)", L"hide NX4120(XLI)"}) {
         const CommandResult result = Tool(command);
-        EXPECT_TRUE(Contains(result, told.c_str())) << result.output;
+        EXPECT_TRUE(Contains(result, told)) << result.output;
     }
 }
 

@@ -219,7 +219,7 @@ TEST_F(Dump, PathOf520CharactersIsWritten) {
 }
 
 TEST_F(Dump, StructuredExceptionOfTheDebugHelperMeansNoDump) {
-    for (const DWORD code : {DWORD{EXCEPTION_ACCESS_VIOLATION}, DWORD{0xE06D7363}}) {
+    for (const DWORD code : {EXCEPTION_ACCESS_VIOLATION, DWORD{0xE06D7363}}) {
         written_.raise = code;
         EXPECT_FALSE(dump_.Create(L"m"));
     }
