@@ -213,7 +213,7 @@ TEST_F(DriverStorm, LosesNoLastStateAndLeavesNothing) {
     // a few handles each, does not grow with the events. What does is seen by the test of the service's
     // memory.
     constexpr std::size_t kHandles = 8;
-    constexpr std::size_t kKilobytes = 2 * 2400;
+    constexpr std::size_t kKilobytes = 4800;
     ExpectSame(before, after, kHandles, kKilobytes);
 }
 

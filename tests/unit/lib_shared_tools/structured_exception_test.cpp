@@ -62,7 +62,7 @@ TEST(CallGuarded, GivesZeroWhenNothingIsRaised) {
 TEST(CallGuarded, LeavesOwnExceptionsToCppSoThatFramesUnwind) {
     const auto alive = std::make_shared<int>(1);
     auto call = [&alive] {
-        const auto held = alive;
+        const auto held = std::make_shared<std::shared_ptr<int>>(alive);
         throw std::runtime_error("ours");
     };
     EXPECT_THROW(CallGuarded(call), std::runtime_error);

@@ -208,13 +208,16 @@ TEST_F(DamagedFiles, DumpsAreReadWithinTheirBytesOrRefusedInWords) {
     const Bytes sound = SoundDump();
     ASSERT_EQ(UseEverythingOf(DumpFile(sound, "sound")), 1u);
     std::size_t read = 0;
+    std::size_t refused = 0;
     test_support::ForEachCase([&](Mutator& mutator) {
         const Bytes damaged = mutator.Damaged(sound);
         try {
             UseEverythingOf(DumpFile(damaged, "damaged"));
             ++read;
         } catch (const ToolError&) {
+            ++refused;
         }
     });
     EXPECT_GT(read, 0u);
+    EXPECT_GT(refused, 0u);
 }

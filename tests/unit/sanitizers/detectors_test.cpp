@@ -130,7 +130,9 @@ TEST(GuardHeap, BehavesLikeAHeap) {
         for (std::size_t i = 0; i < size; ++i)
             ASSERT_EQ(block[i], 0);
         std::memset(block, 'x', size);
-        block = static_cast<char*>(std::realloc(block, size * 2 + 1));
+        auto* grown = static_cast<char*>(std::realloc(block, size * 2 + 1));
+        ASSERT_NE(grown, nullptr);
+        block = grown;
         EXPECT_EQ(std::string(block, size), std::string(size, 'x'));
         texts.emplace_back(block, size);
         std::free(block);

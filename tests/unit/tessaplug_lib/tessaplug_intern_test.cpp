@@ -423,7 +423,7 @@ TEST_F(ServiceTest, AnyOtherExceptionOfTheCleanupPassesAndTheNextOneRuns) {
 }
 
 TEST_F(ServiceTest, StructuredExceptionOfTheCallbackLeavesNoLockTaken) {
-    for (const DWORD code : {0xE06D7363ul, static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION)}) {
+    for (const DWORD code : {0xE06D7363ul, EXCEPTION_ACCESS_VIOLATION}) {
         notifier_ = std::make_shared<FakeNotifier>();
         monitor_ = std::make_shared<FakeMonitor>();
         settings_ = std::make_shared<TestSettings>();
