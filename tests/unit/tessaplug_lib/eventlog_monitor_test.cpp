@@ -296,6 +296,13 @@ TEST_F(Monitor, AbandonedBeforeItBeginsNeverBegins) {
     EXPECT_FALSE(monitor_->WaitBlockingForStateChange(0));
 }
 
+TEST_F(Monitor, AbandonedWhileItWaitsEndsWithoutAStop) {
+    Start();
+    ASSERT_TRUE(Eventually([this] { return log_->reads == 1; }));
+    monitor_->Abandon();
+    EXPECT_TRUE(monitor_->WaitBlockingForStateChange(10000));
+}
+
 TEST_F(Monitor, AbandonedWhileTheLogIsBeingOpenedEndsUnasked) {
     log_->onOpen = [this] { monitor_->Abandon(); };
     EXPECT_EQ(monitor_->Run(), 0u);
