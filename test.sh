@@ -11,9 +11,20 @@ cmake --workflow --preset release
 cmake --preset debug >/dev/null
 cmake --build --preset debug --target tessaplug
 
-echo "== Format and static analysis"
-scripts/check.sh build/release
+echo "== Binaries"
+scripts/check_binaries.py build/release/bin
+
+# Beside the tests, which wait more than they compute, and take precedence. A group of its own, to be ended as one.
+setsid nice -n 19 scripts/check.sh build/release >build/check.log 2>&1 &
+check=$!
 
 echo "== Tests"
 machine_new "$PWD/build/machine-test"
-ctest --preset release "$@"
+trap 'kill -- "-$check" 2>/dev/null || true; machine_end' EXIT
+failed=0
+ctest --preset release "$@" || failed=1
+
+echo "== Format and static analysis"
+wait "$check" || failed=1
+cat build/check.log
+exit "$failed"

@@ -4,11 +4,11 @@
 
 #include "command_line.h"
 #include "exception_history.h"
-#include "plug_in.h"
+#include "library_search.h"
 #include "service_control.h"
 
 int wmain(int argc, wchar_t** argv) {
-    host::LimitLibrarySearch();
+    operating_system::LimitLibrarySearch();
     std::setlocale(LC_CTYPE, "");  // so that names and paths are printed whole
     modul_exception::InitializeExceptionHistory();
     host::ExitCode result = host::ExitCode::kFailed;

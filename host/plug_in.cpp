@@ -26,7 +26,7 @@ auto CallExport(const std::wstring& path, const wchar_t* exportName, Call call) 
         std::swprintf(code, ARRAYSIZE(code), L"the exception 0x%08lX", exception.code);
         Raised(path, exportName, code);
     } catch (const std::exception& exception) {
-        Raised(path, exportName, L"a C++ exception (" + toolbox::StringToWstring(exception.what()) + L")");
+        Raised(path, exportName, L"a C++ exception (" + toolbox::Widened(exception.what()) + L")");
     } catch (...) {
         Raised(path, exportName, L"a C++ exception");
     }
@@ -36,11 +36,6 @@ auto CallExport(const std::wstring& path, const wchar_t* exportName, Call call) 
 
 PlugInError::PlugInError(const std::wstring& text, DWORD code)
     : std::runtime_error(toolbox::WstringToString(text)), text_(text), code_(code) {}
-
-void LimitLibrarySearch() {
-    ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    ::SetDllDirectoryW(L"");
-}
 
 PlugIn::PlugIn(const std::wstring& path)
     : path_(path),
@@ -61,9 +56,8 @@ PlugIn::PlugIn(const std::wstring& path)
         CheckAndInitFunctionPointer(module_.get(), serviceCtrlHandler_,
                                     name = "tessaplug_service_ctrl_handler");
     } catch (const std::exception&) {
-        throw PlugInError(
-            path + L" is no plug-in of this host: it does not export " + toolbox::StringToWstring(name),
-            ERROR_PROC_NOT_FOUND);
+        throw PlugInError(path + L" is no plug-in of this host: it does not export " + toolbox::Widened(name),
+                          ERROR_PROC_NOT_FOUND);
     }
 }
 

@@ -21,13 +21,9 @@ class PlugInError : public std::runtime_error {
     DWORD code_;
 };
 
-/// Limits where libraries are searched, for the rest of the process, to System32; the plug-in is loaded with
-/// its own folder added. The current folder and PATH are open to anybody, and a service runs with all rights:
-/// a library planted there must not be found. Called before anything is loaded.
-void LimitLibrarySearch();
-
-/// A loaded plug-in; freed with the object. The exports are called behind a guard: whatever a plug-in raises
-/// (a C++ exception of any compiler, an access violation) comes out as a PlugInError.
+/// A loaded plug-in, for which its own folder and System32 are searched for libraries; freed with the object.
+/// The exports are called behind a guard: whatever a plug-in raises (a C++ exception of any compiler, an
+/// access violation) comes out as a PlugInError.
 class PlugIn {
   public:
     /// @param path full path

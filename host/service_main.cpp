@@ -9,8 +9,11 @@
 #include <memory>
 #include <mutex>
 
+#include "event_forwarder.h"
+#include "library_search.h"
 #include "plug_in.h"
 #include "protected_folder.h"
+#include "quelm_orvix.h"
 #include "service_controls.h"
 #include "status_log.h"
 #include "stop_limit.h"
@@ -61,8 +64,11 @@ class HostService {
             Log().Write(error.Text());
             outcome.exitCode = error.Code();
         } catch (const std::exception& error) {
-            Log().Write(L"The service ends: " + toolbox::StringToWstring(error.what()));
+            Log().Write(L"The service ends: " + toolbox::Widened(error.what()));
             outcome.exitCode = ERROR_EXCEPTION_IN_SERVICE;
+            // The plug-in may be as it was, with its threads: the process must not end in order around it.
+            leavesThread_ = Events() != nullptr;
+            SetEvents(nullptr);
         }
         // Last of all: the service manager may end the process from here on.
         ReportStopped(outcome);
@@ -73,9 +79,14 @@ class HostService {
         StopLimit stopLimit(
             std::chrono::seconds(options_.stopTimeOut),
             [this] { Report(SERVICE_STOP_PENDING, NextCheckPoint(), kStopHint); }, [this] { GiveUp(); });
+        SearchLibraryFolder();
         Log().Write(L"Loading " + options_.plugIn);
         auto plugIn = std::make_shared<PlugIn>(options_.plugIn);
-        SetPlugIn(plugIn);
+        const auto events =
+            std::make_shared<EventForwarder>([this, plugIn](DWORD control, DWORD eventType, void* eventData) {
+                HandOver(*plugIn, control, eventType, eventData);
+            });
+        SetEvents(events);
         Outcome outcome = Start(*plugIn);
         if (outcome.exitCode == NO_ERROR) {
             Report(SERVICE_RUNNING, 0, 0);
@@ -84,7 +95,9 @@ class HostService {
         stopLimit.Begin();
         Report(SERVICE_STOP_PENDING, 1, kStopHint);
         Cleanup(*plugIn, outcome);
-        SetPlugIn(nullptr);
+        SetEvents(nullptr);
+        // A call that does not return in a second is left alone; its reference keeps the library loaded.
+        events->Close();
         plugIn.reset();
         const bool unloaded = ::GetModuleHandleW(options_.plugIn.c_str()) == nullptr;
         Log().Write(unloaded ? L"The plug-in is unloaded"
@@ -92,6 +105,17 @@ class HostService {
         leavesThread_ = !unloaded;
         stopLimit.End();
         return outcome;
+    }
+
+    /// What the plug-in loads by its path, the configuration library, needs libraries of its own. It may be
+    /// installed or moved while the service runs, and the plug-in looks for it anew with each device event.
+    void SearchLibraryFolder() {
+        if (!libraryFolder_.Set(quelm::ConfigurationLibraryFolder())) return;
+        const DWORD error = libraryFolder_.Error();
+        Log().Write(L"The configuration library's folder " + libraryFolder_.Folder() +
+                    (error == ERROR_SUCCESS ? L" is searched for libraries"
+                                            : L" cannot be searched for libraries: " +
+                                                  operating_system::DescribeSystemError(error)));
     }
 
     Outcome Start(PlugIn& plugIn) {
@@ -132,16 +156,14 @@ class HostService {
         ::TerminateProcess(::GetCurrentProcess(), kStopTimedOut);
     }
 
-    /// The plug-in as the control handler sees it. The handler holds a reference of its own while it
-    /// forwards, so that no lock is held across a call into the plug-in and the library stays loaded until
-    /// the call is over.
-    std::shared_ptr<PlugIn> CurrentPlugIn() {
-        const std::lock_guard guard(plugInLock_);
-        return plugIn_;
+    /// Where events go as the control handler sees it: it takes a reference of its own while it posts one.
+    std::shared_ptr<EventForwarder> Events() {
+        const std::lock_guard guard(eventsLock_);
+        return events_;
     }
-    void SetPlugIn(std::shared_ptr<PlugIn> plugIn) {
-        const std::lock_guard guard(plugInLock_);
-        plugIn_ = std::move(plugIn);
+    void SetEvents(std::shared_ptr<EventForwarder> events) {
+        const std::lock_guard guard(eventsLock_);
+        events_ = std::move(events);
     }
 
     static void WINAPI OnPlugInStatus(void* context, SERVICE_STATUS* status) {
@@ -179,18 +201,38 @@ class HostService {
         }
     }
 
-    DWORD Forward(DWORD control, DWORD eventType, void* eventData) {
-        const std::shared_ptr<PlugIn> plugIn = CurrentPlugIn();
+    /// Grants every event: what the plug-in answers comes too late for that, and is 0 by its contract.
+    DWORD Forward(DWORD control, DWORD eventType, const void* eventData) {
+        const std::shared_ptr<EventForwarder> events = Events();
         wchar_t line[80] = {};
         std::swprintf(line, ARRAYSIZE(line), L"%ls 0x%04lx%ls",
                       control == SERVICE_CONTROL_DEVICEEVENT ? L"Device event" : L"Power event", eventType,
-                      plugIn ? L"" : L" dropped: no plug-in");
+                      events ? L"" : L" dropped: no plug-in");
         Log().Write(line);
+        if (events && !events->Post(control, eventType, eventData))
+            Log().Write(L"Too many events wait for the plug-in: one that is out of date was dropped");
+        return NO_ERROR;
+    }
+
+    /// On the forwarder's thread.
+    void HandOver(PlugIn& plugIn, DWORD control, DWORD eventType, void* eventData) noexcept {
+        if (control == SERVICE_CONTROL_DEVICEEVENT) Attempt([this] { SearchLibraryFolder(); });
+        Attempt([&] {
+            try {
+                plugIn.ServiceCtrlHandler(control, eventType, eventData);
+            } catch (const PlugInError& error) {
+                Log().Write(error.Text());
+            }
+        });
+    }
+
+    /// What fails here fails for want of memory, of which a line in the log needs some, too.
+    template <typename Call>
+    static void Attempt(Call call) noexcept {
         try {
-            return plugIn ? plugIn->ServiceCtrlHandler(control, eventType, eventData) : NO_ERROR;
-        } catch (const PlugInError& error) {
-            Log().Write(error.Text());
-            return error.Code();
+            call();
+        } catch (const std::exception&) {
+            ::OutputDebugStringW(L"tessahost: no memory for an event\n");
         }
     }
 
@@ -232,8 +274,9 @@ class HostService {
     UniqueKernelHandle stop_;
     std::mutex statusLock_;  // guards status_
     SERVICE_STATUS status_ = {};
-    std::mutex plugInLock_;  // guards plugIn_
-    std::shared_ptr<PlugIn> plugIn_;
+    operating_system::SearchedFolder libraryFolder_;  // before the events, whose thread uses it
+    std::mutex eventsLock_;                           // guards events_
+    std::shared_ptr<EventForwarder> events_;
     std::atomic<bool> leavesThread_ = false;
 };
 

@@ -32,6 +32,8 @@ machine_new() {
     machine_keeper=$!
     disown "$machine_keeper"
     exec {input}>&-
+    # The services of the machine keep the output of the program that starts them open: not that of a test.
+    machine cmd /c exit >/dev/null 2>&1 </dev/null
 }
 
 machine_end() {

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Installs what building and running needs on Debian 12; does nothing where it is there already.
+# Installs what building and running needs on Debian 12 and 13; does nothing where it is there already.
 set -euo pipefail
 
 packages=(
     clang-19 lld-19 clang-tidy-19 clang-format-19
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
-    ninja-build cmake googletest python3 git
+    ninja-build cmake googletest python3 git yamllint
     wine64 xvfb xdotool imagemagick lldb-19
 )
 
@@ -15,7 +15,7 @@ for package in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-command -v apt-get >/dev/null || { echo "setup: this needs Debian 12 (no apt-get here)" >&2; exit 1; }
+command -v apt-get >/dev/null || { echo "setup: this needs Debian 12 or 13 (no apt-get here)" >&2; exit 1; }
 sudo=()
 [ "$(id -u)" -eq 0 ] || sudo=(sudo env DEBIAN_FRONTEND=noninteractive)
 echo "setup: installing ${missing[*]}"

@@ -111,4 +111,9 @@ class Q5orvix : public Q5orvixIf {
 /// @param isRegistered if given, whether the path comes from the registry and not from the default folder
 std::wstring ConfigurationLibraryPath(bool* isRegistered = nullptr);
 
+/// The folder of that path. A process whose library search is limited has to have it searched, or the
+/// library's own libraries are not found: it is loaded by its path, and that alone does not have its folder
+/// searched. Empty if there is none.
+std::wstring ConfigurationLibraryFolder();
+
 }  // namespace quelm

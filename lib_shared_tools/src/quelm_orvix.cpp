@@ -159,6 +159,13 @@ std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     return folder + L"\\bin\\" + kFileName;
 }
 
+std::wstring ConfigurationLibraryFolder() {
+    FUNCTION_TRACE();
+    const std::wstring path = ConfigurationLibraryPath();
+    const std::size_t end = path.rfind(L'\\');
+    return end == std::wstring::npos ? std::wstring() : path.substr(0, end);
+}
+
 Q5orvix::Q5orvix(std::shared_ptr<windows_api::CKernel32> kernel32) : kernel32_(std::move(kernel32)) {
     FUNCTION_TRACE();
 }

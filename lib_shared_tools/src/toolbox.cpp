@@ -51,6 +51,15 @@ std::wstring StringToWstring(const std::string& narrow, UINT codePage) {
     return wide;
 }
 
+std::wstring Widened(const std::string& narrow, UINT codePage) {
+    FUNCTION_TRACE();
+    std::wstring wide(narrow.length(), L'\0');
+    const int length = static_cast<int>(narrow.length());
+    wide.resize(static_cast<std::size_t>(
+        ::MultiByteToWideChar(codePage, 0, narrow.data(), length, wide.data(), length)));
+    return wide;
+}
+
 std::string GuidToString(const GUID* guid) {
     FUNCTION_TRACE();
     if (guid == nullptr) return "<NULL>";

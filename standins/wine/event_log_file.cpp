@@ -87,14 +87,21 @@ Event EventFrom(ERROR_LOG_RECORD& record) {
 /// One log while the machine's lock is held.
 class LockedLog {
   public:
-    explicit LockedLog(const std::wstring& log)
-        : lock_(kLockName), log_(log), path_(DataFolder() + L"\\" + log + L".log") {
-        file_ = OpenFile(path_, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-        if (!file_ || !ReadAt(file_.get(), 0, &header_, sizeof header_) ||
-            header_.signature != kFileSignature)
+    /// @param log empty for a backup, which is only read
+    LockedLog(const std::wstring& log, const std::wstring& path) : lock_(kLockName), log_(log), path_(path) {
+        file_ = log.empty() ? OpenFile(path_, GENERIC_READ, OPEN_EXISTING)
+                            : OpenFile(path_, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+        error_ = file_ ? ERROR_SUCCESS : ::GetLastError();
+        if (file_ &&
+            (!ReadAt(file_.get(), 0, &header_, sizeof header_) || header_.signature != kFileSignature)) {
             header_ = {};
+            error_ = ERROR_EVENTLOG_FILE_CORRUPT;
+        }
         if (::_wcsicmp(log.c_str(), L"System") == 0) TakeKernelRecords();
     }
+
+    /// Why the file that was found is no log; a new log's is none yet.
+    DWORD error() const { return error_; }
 
     const Header& header() const { return header_; }
 
@@ -120,7 +127,22 @@ class LockedLog {
     DWORD Clear() {
         Header changed;
         changed.state.generation = header_.state.generation + 1;
+        changed.state.next = header_.state.next;
         return file_ ? Commit(changed) : ERROR_ACCESS_DENIED;
+    }
+
+    DWORD BackUp(const std::wstring& path) const {
+        Bytes records(static_cast<std::size_t>(header_.end - header_.base));
+        if (!records.empty() && !ReadBytes(header_.base, records.data(), static_cast<DWORD>(records.size())))
+            return ERROR_EVENTLOG_FILE_CORRUPT;
+        File file = OpenFile(path, GENERIC_WRITE, CREATE_NEW);
+        if (!file) return ::GetLastError() == ERROR_FILE_EXISTS ? ERROR_ALREADY_EXISTS : ::GetLastError();
+        if (WriteAt(file.get(), 0, &header_, sizeof header_) &&
+            WriteAt(file.get(), sizeof header_, records.data(), records.size()))
+            return ERROR_SUCCESS;
+        file.reset();
+        ::DeleteFileW(path.c_str());
+        return ERROR_DISK_FULL;
     }
 
   private:
@@ -201,13 +223,15 @@ class LockedLog {
     static void Add(Bytes& bytes, const std::wstring& text) {
         Add(bytes, text.c_str(), (text.length() + 1) * sizeof(wchar_t));
     }
-    static void Align(Bytes& bytes) { bytes.resize((bytes.size() + 3) & ~std::size_t{3}); }
+    static void Align(Bytes& bytes, std::size_t size) {
+        bytes.resize((bytes.size() + size - 1) & ~(size - 1));
+    }
 
     static const std::wstring& ComputerName() {
         static const std::wstring name = [] {
-            wchar_t text[MAX_COMPUTERNAME_LENGTH + 1] = {};
+            wchar_t text[256] = {};
             DWORD length = ARRAYSIZE(text);
-            ::GetComputerNameW(text, &length);
+            ::GetComputerNameExW(ComputerNameDnsFullyQualified, text, &length);
             return std::wstring(text);
         }();
         return name;
@@ -225,14 +249,18 @@ class LockedLog {
         Bytes record(sizeof fields);
         Add(record, event.source);
         Add(record, ComputerName());
-        Align(record);
-        fields.UserSidOffset = fields.StringOffset = static_cast<DWORD>(record.size());
+        Align(record, sizeof(DWORD));
+        fields.UserSidOffset = static_cast<DWORD>(record.size());
+        fields.UserSidLength = static_cast<DWORD>(event.sid.size());
+        Add(record, event.sid.data(), event.sid.size());
+        fields.StringOffset = static_cast<DWORD>(record.size());
         for (const std::wstring& text : event.strings)
             Add(record, text);
+        Align(record, sizeof(ULONGLONG));
         fields.DataOffset = static_cast<DWORD>(record.size());
         fields.DataLength = static_cast<DWORD>(event.data.size());
         Add(record, event.data.data(), event.data.size());
-        Align(record);
+        Align(record, sizeof(DWORD));
         fields.Length = static_cast<DWORD>(record.size() + sizeof(DWORD));
         Add(record, &fields.Length, sizeof fields.Length);
         std::memcpy(record.data(), &fields, sizeof fields);
@@ -247,66 +275,114 @@ class LockedLog {
     std::wstring log_;
     std::wstring path_;
     File file_;
+    DWORD error_ = ERROR_SUCCESS;
     Header header_;
 };
 
-}  // namespace
-
-DWORD EventLogFile::Append(const std::vector<Event>& events) const {
-    return LockedLog(log_).Append(events);
-}
-
-DWORD EventLogFile::Clear() const {
-    return LockedLog(log_).Clear();
-}
-
-LogState EventLogFile::State() const {
-    return LockedLog(log_).header().state;
-}
-
-ReadPosition EventLogFile::Start() const {
-    const Header header = LockedLog(log_).header();
-    return {header.state.generation, header.base};
-}
-
-bool EventLogFile::Find(DWORD number, ReadPosition& position) const {
-    const LockedLog log(log_);
-    const Header& header = log.header();
-    if (header.state.Count() == 0 || number < header.state.oldest || number >= header.state.next)
-        return false;
-    position = {header.state.generation, header.newest};
-    if (number == header.state.next - 1) return true;
-    position.offset = header.base;
-    DWORD length = 0;
-    for (DWORD skipped = header.state.oldest; skipped < number; ++skipped) {
-        if (!log.ReadBytes(position.offset, &length, sizeof length)) return false;
-        position.offset += length;
-    }
-    return true;
-}
-
-DWORD EventLogFile::Read(ReadPosition& position, void* buffer, DWORD size, DWORD& read, DWORD& needed) const {
-    read = needed = 0;
-    const LockedLog log(log_);
-    const Header& header = log.header();
-    if (position.generation != header.state.generation) return ERROR_EVENTLOG_FILE_CHANGED;
-    position.offset = std::max(position.offset, header.base);
-    const auto left = static_cast<DWORD>(std::min<ULONGLONG>(header.end - position.offset, size));
-    if (header.end == position.offset) return ERROR_HANDLE_EOF;
-    if (!log.ReadBytes(position.offset, buffer, left)) return ERROR_EVENTLOG_FILE_CORRUPT;
+DWORD ReadForwards(const LockedLog& log, ULONGLONG& offset, BYTE* buffer, DWORD size, DWORD& read,
+                   DWORD& needed) {
+    const auto left = static_cast<DWORD>(std::min<ULONGLONG>(log.header().end - offset, size));
+    if (log.header().end == offset) return ERROR_HANDLE_EOF;
+    if (!log.ReadBytes(offset, buffer, left)) return ERROR_EVENTLOG_FILE_CORRUPT;
     DWORD length = 0;
     while (left - read >= sizeof length) {
-        std::memcpy(&length, static_cast<const BYTE*>(buffer) + read, sizeof length);
+        std::memcpy(&length, buffer + read, sizeof length);
         if (length < sizeof(EVENTLOGRECORD)) return ERROR_EVENTLOG_FILE_CORRUPT;
         if (length > left - read) break;
         read += length;
     }
     if (read == 0) {
-        if (!log.ReadBytes(position.offset, &needed, sizeof needed)) return ERROR_EVENTLOG_FILE_CORRUPT;
+        if (!log.ReadBytes(offset, &needed, sizeof needed)) return ERROR_EVENTLOG_FILE_CORRUPT;
         return ERROR_INSUFFICIENT_BUFFER;
     }
-    position.offset += read;
+    offset += read;
     return ERROR_SUCCESS;
+}
+
+DWORD ReadBackwards(const LockedLog& log, ULONGLONG& offset, BYTE* buffer, DWORD size, DWORD& read,
+                    DWORD& needed) {
+    const ULONGLONG base = log.header().base;
+    if (offset == base) return ERROR_HANDLE_EOF;
+    while (offset > base) {
+        DWORD length = 0;  // stands also at the record's end
+        if (!log.ReadBytes(offset - sizeof length, &length, sizeof length) ||
+            length < sizeof(EVENTLOGRECORD) || length > offset - base)
+            return ERROR_EVENTLOG_FILE_CORRUPT;
+        if (length > size - read) {
+            needed = read == 0 ? length : 0;
+            break;
+        }
+        if (!log.ReadBytes(offset - length, buffer + read, length)) return ERROR_EVENTLOG_FILE_CORRUPT;
+        offset -= length;
+        read += length;
+    }
+    return read == 0 ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS;
+}
+
+}  // namespace
+
+EventLogFile::EventLogFile(const std::wstring& log)
+    : EventLogFile(log, DataFolder() + L"\\" + log + L".log") {}
+
+EventLogFile EventLogFile::Backup(const std::wstring& path) {
+    wchar_t fullPath[MAX_PATH] = {};
+    const DWORD length = ::GetFullPathNameW(path.c_str(), MAX_PATH, fullPath, nullptr);
+    return {L"", length == 0 || length >= MAX_PATH ? path : fullPath};
+}
+
+DWORD EventLogFile::Append(const std::vector<Event>& events) const {
+    return LockedLog(log_, path_).Append(events);
+}
+
+DWORD EventLogFile::Clear(const std::wstring& backup) const {
+    LockedLog log(log_, path_);
+    const DWORD result = backup.empty() ? ERROR_SUCCESS : log.BackUp(backup);
+    return result == ERROR_SUCCESS ? log.Clear() : result;
+}
+
+DWORD EventLogFile::BackUp(const std::wstring& path) const {
+    return LockedLog(log_, path_).BackUp(path);
+}
+
+DWORD EventLogFile::CheckBackup() const {
+    return LockedLog(log_, path_).error();
+}
+
+LogState EventLogFile::State() const {
+    return LockedLog(log_, path_).header().state;
+}
+
+bool EventLogFile::Find(DWORD number, Direction direction, ReadPosition& position) const {
+    const LockedLog log(log_, path_);
+    const Header& header = log.header();
+    if (header.state.Count() == 0 || number < header.state.oldest || number >= header.state.next)
+        return false;
+    const bool isNewest = number == header.state.next - 1;
+    position = {header.state.generation, true, isNewest ? header.newest : header.base};
+    DWORD length = 0;
+    for (DWORD skipped = header.state.oldest; !isNewest && skipped < number; ++skipped) {
+        if (!log.ReadBytes(position.offset, &length, sizeof length)) return false;
+        position.offset += length;
+    }
+    if (direction == Direction::kForwards) return true;
+    if (!log.ReadBytes(position.offset, &length, sizeof length)) return false;
+    position.offset += length;
+    return true;
+}
+
+DWORD EventLogFile::Read(ReadPosition& position, Direction direction, void* buffer, DWORD size, DWORD& read,
+                         DWORD& needed) const {
+    read = needed = 0;
+    const LockedLog log(log_, path_);
+    const Header& header = log.header();
+    if (position.generation != header.state.generation) return ERROR_EVENTLOG_FILE_CHANGED;
+    const bool forwards = direction == Direction::kForwards;
+    if (!position.isTaken) position.offset = forwards ? header.base : header.end;
+    position.isTaken = true;
+    position.offset = std::max(position.offset, header.base);
+    auto* bytes = static_cast<BYTE*>(buffer);
+    return forwards ? ReadForwards(log, position.offset, bytes, size, read, needed)
+                    : ReadBackwards(log, position.offset, bytes, size, read, needed);
 }
 
 }  // namespace wine_gap

@@ -12,13 +12,25 @@ namespace {
 
 decltype(&::ReadProcessMemory) originalRead = nullptr;
 
-/// True if all of it can be read without side effects: touching a guard page would take the guard away.
+/// True if a guard page is in it: touching one would take the guard away.
+bool HasGuardPage(const void* address, SIZE_T size) {
+    MEMORY_BASIC_INFORMATION region = {};
+    auto next = reinterpret_cast<ULONG_PTR>(address);
+    const ULONG_PTR end = next + size;
+    while (next < end && ::VirtualQuery(reinterpret_cast<void*>(next), &region, sizeof region) != 0) {
+        if ((region.Protect & PAGE_GUARD) != 0) return true;
+        next = reinterpret_cast<ULONG_PTR>(region.BaseAddress) + region.RegionSize;
+    }
+    return false;
+}
+
+/// True if all of it can be read without side effects.
 bool IsPlainlyReadable(const void* address, SIZE_T size) {
     MEMORY_BASIC_INFORMATION region = {};
     if (::VirtualQuery(address, &region, sizeof region) == 0 || region.State != MEM_COMMIT) return false;
     const auto* end = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize;
     if (size > static_cast<SIZE_T>(end - static_cast<const BYTE*>(address))) return false;
-    return (region.Protect & (PAGE_GUARD | PAGE_NOACCESS | PAGE_EXECUTE)) == 0;
+    return (region.Protect & (PAGE_NOACCESS | PAGE_EXECUTE)) == 0;
 }
 
 [[gnu::noinline]] void Copy(const void* from, void* to, SIZE_T size) {
@@ -36,6 +48,12 @@ bool CopyGuarded(const void* from, void* to, SIZE_T size) {
 }
 
 BOOL WINAPI ReadMemory(HANDLE process, const void* address, void* buffer, SIZE_T size, SIZE_T* read) {
+    if (process == ::GetCurrentProcess() && HasGuardPage(address, size)) {
+        // Wine 10 would read it in this process, Wine 8 in its server.
+        if (read != nullptr) *read = 0;
+        ::SetLastError(ERROR_PARTIAL_COPY);
+        return FALSE;
+    }
     if (process != ::GetCurrentProcess() || !IsPlainlyReadable(address, size) ||
         !CopyGuarded(address, buffer, size))
         return originalRead(process, address, buffer, size, read);

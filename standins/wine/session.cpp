@@ -8,18 +8,15 @@
 #include <vector>
 
 #include "message_box_request.h"
+#include "session_list.h"
 #include "wine_gap.h"
 
 // The sessions of the machine and a message box in one of them. Wine has one desktop: whichever session is
 // meant, the box appears on the display of the machine, shown by a program of its own, as the caller may be a
 // service.
-//
-// The sessions are those of the registry value HKEY_LOCAL_MACHINE\SOFTWARE\winegap, Sessions, one text for
-// each in the form "1 active" or "2 disconnected"; without it there is one, number 1, active.
 namespace wine_gap {
 namespace {
 
-constexpr DWORD kTimedOut = 32000;      // IDTIMEOUT
 constexpr DWORD kNotWaitedFor = 32001;  // IDASYNC
 
 struct HandleCloser {
@@ -29,44 +26,43 @@ using Handle = std::unique_ptr<void, HandleCloser>;
 
 decltype(&::WTSFreeMemory) originalFree = nullptr;
 
-std::mutex lock;  // guards the lists that were handed out
-std::vector<std::unique_ptr<WTS_SESSION_INFOW[]>> handedOut;
-wchar_t consoleName[] = L"Console";
+/// A list as it was handed out, with the texts that it points to.
+struct HandedOut {
+    std::vector<Session> sessions = Sessions();
+    std::vector<WTS_SESSION_INFOW> list;
 
-std::vector<WTS_SESSION_INFOW> Sessions() {
-    wchar_t texts[1024] = {};
-    DWORD size = sizeof texts - sizeof(wchar_t);
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions", RRF_RT_REG_MULTI_SZ, nullptr,
-                       texts, &size) != ERROR_SUCCESS)
-        return {{1, consoleName, WTSActive}};
-    std::vector<WTS_SESSION_INFOW> sessions;
-    for (const wchar_t* text = texts; *text != L'\0'; text += std::wcslen(text) + 1) {
-        wchar_t* state = nullptr;
-        const DWORD number = std::wcstoul(text, &state, 10);
-        sessions.push_back(
-            {number, consoleName, std::wcscmp(state, L" active") == 0 ? WTSActive : WTSDisconnected});
+    HandedOut() {
+        for (Session& session : sessions)
+            list.push_back({session.number, session.name.data(), session.state});
     }
-    return sessions;
+};
+
+std::mutex lock;  // guards the lists that were handed out
+std::vector<std::unique_ptr<HandedOut>> handedOut;
+
+BOOL Refuse(DWORD error) {
+    ::SetLastError(error);
+    return FALSE;
 }
 
-BOOL WINAPI EnumerateSessions(HANDLE, DWORD reserved, DWORD version, PWTS_SESSION_INFOW* list, DWORD* count) {
-    if (reserved != 0 || version != 1 || list == nullptr || count == nullptr) {
-        ::SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    const auto sessions = Sessions();
+BOOL WINAPI EnumerateSessions(HANDLE server, DWORD reserved, DWORD version, PWTS_SESSION_INFOW* list,
+                              DWORD* count) {
+    if (server != WTS_CURRENT_SERVER_HANDLE) return Refuse(ERROR_INVALID_HANDLE);
+    if (reserved != 0 || version != 1 || list == nullptr || count == nullptr)
+        return Refuse(ERROR_INVALID_PARAMETER);
+    auto made = std::make_unique<HandedOut>();
+    *list = made->list.data();
+    *count = static_cast<DWORD>(made->list.size());
     const std::lock_guard guard(lock);
-    handedOut.push_back(std::make_unique<WTS_SESSION_INFOW[]>(sessions.size() + 1));
-    std::ranges::copy(sessions, handedOut.back().get());
-    *list = handedOut.back().get();
-    *count = static_cast<DWORD>(sessions.size());
+    handedOut.push_back(std::move(made));
     return TRUE;
 }
 
 void WINAPI FreeMemory(PVOID memory) {
     {
         const std::lock_guard guard(lock);
-        if (std::erase_if(handedOut, [memory](const auto& list) { return list.get() == memory; }) > 0) return;
+        const auto isMeant = [memory](const auto& made) { return made->list.data() == memory; };
+        if (std::erase_if(handedOut, isMeant) > 0) return;
     }
     originalFree(memory);
 }
@@ -112,36 +108,37 @@ bool Send(HANDLE input, const void* data, DWORD size) {
     return ::WriteFile(input, data, size, &written, nullptr) && written == size;
 }
 
-/// @param titleSize, messageSize in bytes
-BOOL WINAPI SendMessageToSession(HANDLE, DWORD session, LPWSTR title, DWORD titleSize, LPWSTR message,
-                                 DWORD messageSize, DWORD style, DWORD timeout, DWORD* response, BOOL wait) {
+/// The session that is meant, also by WTS_CURRENT_SESSION; false if there is none such.
+bool FindSession(DWORD& number) {
+    if (number == WTS_CURRENT_SESSION) ::ProcessIdToSessionId(::GetCurrentProcessId(), &number);
     const auto sessions = Sessions();
-    if (std::ranges::find(sessions, session, &WTS_SESSION_INFOW::SessionId) == sessions.end()) {
-        ::SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);
-        return FALSE;
-    }
+    return std::ranges::find(sessions, number, &Session::number) != sessions.end();
+}
+
+/// @param titleSize, messageSize in bytes
+BOOL WINAPI SendMessageToSession(HANDLE server, DWORD session, LPWSTR title, DWORD titleSize, LPWSTR message,
+                                 DWORD messageSize, DWORD style, DWORD timeout, DWORD* response, BOOL wait) {
+    if (server != WTS_CURRENT_SERVER_HANDLE) return Refuse(ERROR_INVALID_HANDLE);
+    if (title == nullptr || message == nullptr || response == nullptr) return Refuse(ERROR_INVALID_PARAMETER);
+    if (!FindSession(session)) return Refuse(ERROR_CTX_WINSTATION_NOT_FOUND);
     Handle input;
     const Handle process = StartOnDesktop(ProgramBeside(L"winegapbox.exe"), input);
-    const MessageBoxRequest request = {style, titleSize / DWORD{sizeof(wchar_t)},
+    const MessageBoxRequest request = {session, timeout, style, titleSize / DWORD{sizeof(wchar_t)},
                                        messageSize / DWORD{sizeof(wchar_t)}};
-    if (!process || !Send(input.get(), &request, sizeof request) || !Send(input.get(), title, titleSize) ||
-        !Send(input.get(), message, messageSize))
+    if (!process || !Send(input.get(), &request, sizeof request) ||
+        !Send(input.get(), title, request.titleLength * DWORD{sizeof(wchar_t)}) ||
+        !Send(input.get(), message, request.messageLength * DWORD{sizeof(wchar_t)}))
         return FALSE;
     if (!wait) {
         *response = kNotWaitedFor;
         return TRUE;
     }
-    if (::WaitForSingleObject(process.get(), timeout == 0 ? INFINITE : timeout * 1000) == WAIT_TIMEOUT) {
-        ::TerminateProcess(process.get(), kTimedOut);
-        *response = kTimedOut;
-        return TRUE;
-    }
+    ::WaitForSingleObject(process.get(), INFINITE);
     DWORD answer = 0;
     ::GetExitCodeProcess(process.get(), &answer);
-    if (answer < IDOK || answer > IDCONTINUE) {  // there is no display, or the program has crashed
-        ::SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);
-        return FALSE;
-    }
+    // Otherwise the session has ended, there is no display, or the program has crashed.
+    const bool isAnswer = (answer >= IDOK && answer <= IDCONTINUE) || answer == kTimedOut;
+    if (!isAnswer) return Refuse(ERROR_CTX_WINSTATION_NOT_FOUND);
     *response = answer;
     return TRUE;
 }

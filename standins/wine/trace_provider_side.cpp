@@ -1,17 +1,15 @@
 #include <windows.h>
 #include <evntrace.h>
-#include <objbase.h>
 #include <wmistr.h>
 
 #include <cstdarg>
-#include <cstring>
 #include <list>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "machine_lock.h"
 #include "process_lock.h"
+#include "trace_file.h"
 #include "trace_session.h"
 #include "wine_gap.h"
 
@@ -40,17 +38,17 @@ thread_local TraceEnable announced;
 
 void Announce(Provider& provider, const TraceSession& session, const TraceEnable& enable) {
     if (provider.session == session.handle && provider.enabled == enable) return;
-    const bool wasDisabled = provider.enabled.level == 0;
+    const bool wasEnabled = provider.enabled.isEnabled;
     provider.session = session.handle;
     provider.enabled = enable;
-    if (wasDisabled && enable.level == 0) return;
+    if (!wasEnabled && !enable.isEnabled) return;
     announced = enable;
     WNODE_HEADER header = {};
     header.BufferSize = sizeof header;
     header.HistoricalContext = session.handle;
     header.Guid = provider.controlGuid;
     ULONG size = sizeof header;
-    provider.callback(enable.level != 0 ? WMI_ENABLE_EVENTS : WMI_DISABLE_EVENTS, provider.context, &size,
+    provider.callback(enable.isEnabled ? WMI_ENABLE_EVENTS : WMI_DISABLE_EVENTS, provider.context, &size,
                       &header);
 }
 
@@ -94,7 +92,9 @@ ULONG WINAPI Unregister(TRACEHANDLE handle) {
 }
 
 TRACEHANDLE WINAPI LoggerHandle(PVOID buffer) {
-    return buffer != nullptr ? static_cast<const WNODE_HEADER*>(buffer)->HistoricalContext : 0;
+    if (buffer != nullptr) return static_cast<const WNODE_HEADER*>(buffer)->HistoricalContext;
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return INVALID_PROCESSTRACE_HANDLE;
 }
 UCHAR WINAPI EnableLevel(TRACEHANDLE) {
     return announced.level;
@@ -106,53 +106,80 @@ ULONG WINAPI EnableFlags(TRACEHANDLE) {
 /// The file of the running session, kept open for as long as the session is the same.
 class Recorder {
   public:
-    ULONG Write(TRACEHANDLE session, const GUID& messageGuid, USHORT number,
+    ULONG Write(TRACEHANDLE session, ULONG flags, const GUID& messageGuid, USHORT number,
                 const std::vector<BYTE>& arguments) {
         const std::lock_guard guard(lock_);
-        if (session != session_) Open(session);
-        if (file_ == INVALID_HANDLE_VALUE) return ERROR_INVALID_HANDLE;
+        if (session != session_.handle || file_ == INVALID_HANDLE_VALUE) Open(session);
+        if (session_.handle != session) return ERROR_INVALID_HANDLE;
         TraceFileRecord head = {};
         head.size = static_cast<DWORD>(sizeof head + arguments.size());
         ::GetSystemTimePreciseAsFileTime(reinterpret_cast<FILETIME*>(&head.timeStamp));
-        head.processId = ::GetCurrentProcessId();
-        head.threadId = ::GetCurrentThreadId();
-        head.messageGuid = messageGuid;
+        if ((flags & TRACE_MESSAGE_SYSTEMINFO) != 0) {
+            head.processId = ::GetCurrentProcessId();
+            head.threadId = ::GetCurrentThreadId();
+        }
+        if ((flags & (TRACE_MESSAGE_GUID | TRACE_MESSAGE_COMPONENTID)) != 0) head.messageGuid = messageGuid;
         head.messageNumber = number;
         buffer_.assign(reinterpret_cast<const BYTE*>(&head), reinterpret_cast<const BYTE*>(&head + 1));
         buffer_.insert(buffer_.end(), arguments.begin(), arguments.end());
-        const MachineLock fileLock(kTraceFileLock);
-        const DWORD end = ::SetFilePointer(file_, 0, nullptr, FILE_END);
-        DWORD written = 0;
-        const BOOL done = ::WriteFile(file_, buffer_.data(), head.size, &written, nullptr);
-        if (done && written == head.size) return ERROR_SUCCESS;
-        const DWORD error = done ? ERROR_DISK_FULL : ::GetLastError();
-        ::SetFilePointer(file_, static_cast<LONG>(end), nullptr, FILE_BEGIN);  // no half record stays
-        ::SetEndOfFile(file_);
-        return error;
+        // Windows' own overhead of a message is documented, and counts.
+        constexpr std::size_t kOverhead = 72;
+        if (arguments.size() + kOverhead > session_.bufferSize * std::size_t{1024}) {
+            CountLoss(0);
+            return ERROR_MORE_DATA;
+        }
+        return Append();
     }
 
   private:
+    ULONG Append() {
+        const ULONG result = file_ != INVALID_HANDLE_VALUE ? AppendRecord(file_, session_.handle, buffer_)
+                                                           : ERROR_FILE_NOT_FOUND;
+        if (result == ERROR_SUCCESS || result == ERROR_INVALID_HANDLE) return result;
+        CountLoss(result == ERROR_LOG_FILE_FULL ? 0 : 1);
+        if (result == ERROR_LOG_FILE_FULL) EndSession();
+        return result;
+    }
+
+    static void CountLoss(ULONG buffers) {
+        const MachineLock fileLock(kTraceFileLock);
+        CountTraceLosses({1, buffers});
+    }
+
+    /// A session whose file is full ends by itself, unless it is circular.
+    void EndSession() const {
+        if ((session_.mode & EVENT_TRACE_FILE_MODE_CIRCULAR) != 0) return;
+        const MachineLock sessionLock(kTraceSessionLock);
+        if (CurrentTraceSession().handle == session_.handle) EndTraceSession(session_);
+    }
+
     void Open(TRACEHANDLE session) {
         if (file_ != INVALID_HANDLE_VALUE) ::CloseHandle(file_);
         file_ = INVALID_HANDLE_VALUE;
-        session_ = session;
-        const TraceSession current = CurrentTraceSession();
-        if (current.handle != session) return;
-        file_ = ::CreateFileW(current.file.c_str(), GENERIC_WRITE,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+        session_ = CurrentTraceSession();
+        if (session_.handle == session) file_ = OpenTraceFile(session_.file);
     }
 
     ProcessLock lock_;
-    TRACEHANDLE session_ = 0;
+    TraceSession session_;
     HANDLE file_ = INVALID_HANDLE_VALUE;
     std::vector<BYTE> buffer_;
 };
 
+/// Which of the flags of TraceMessage there are, and that component and class exclude each other.
+bool AreMessageFlags(ULONG flags) {
+    constexpr ULONG kKnown = TRACE_MESSAGE_SEQUENCE | TRACE_MESSAGE_GUID | TRACE_MESSAGE_COMPONENTID |
+                             TRACE_MESSAGE_TIMESTAMP | TRACE_MESSAGE_PERFORMANCE_TIMESTAMP |
+                             TRACE_MESSAGE_SYSTEMINFO;
+    constexpr ULONG kExclusive = TRACE_MESSAGE_GUID | TRACE_MESSAGE_COMPONENTID;
+    return (flags & ~kKnown) == 0 && (flags & kExclusive) != kExclusive;
+}
+
 /// The number is a USHORT; declared as what a variable argument list may follow.
-ULONG Message(TRACEHANDLE session, ULONG, LPCGUID messageGuid, unsigned int number, ...) {
+ULONG Message(TRACEHANDLE session, ULONG flags, LPCGUID messageGuid, unsigned int number, ...) {
     static Recorder recorder;
-    if (session == 0 || messageGuid == nullptr) return ERROR_INVALID_PARAMETER;
+    if (session == 0) return ERROR_INVALID_HANDLE;
+    if (messageGuid == nullptr || !AreMessageFlags(flags)) return ERROR_INVALID_PARAMETER;
     std::vector<BYTE> bytes;
     va_list arguments;
     va_start(arguments, number);
@@ -161,37 +188,10 @@ ULONG Message(TRACEHANDLE session, ULONG, LPCGUID messageGuid, unsigned int numb
         bytes.insert(bytes.end(), data, data + size);
     }
     va_end(arguments);
-    return recorder.Write(session, *messageGuid, static_cast<USHORT>(number), bytes);
-}
-
-std::wstring TextValue(const wchar_t* name) {
-    wchar_t text[MAX_PATH] = {};
-    DWORD size = sizeof text;
-    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTraceSessionKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
-    return text;
-}
-
-ULONG64 NumberValue(const wchar_t* name) {
-    ULONG64 number = 0;
-    DWORD size = sizeof number;
-    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTraceSessionKey, name, RRF_RT_REG_QWORD, nullptr, &number, &size);
-    return number;
+    return recorder.Write(session, flags, *messageGuid, static_cast<USHORT>(number), bytes);
 }
 
 }  // namespace
-
-TraceSession CurrentTraceSession() {
-    TraceSession session{TextValue(L"Name"), TextValue(L"File"), NumberValue(L"Handle")};
-    if (session.file.empty()) session.handle = 0;
-    return session;
-}
-
-TraceEnable EnabledFor(const GUID& controlGuid) {
-    wchar_t name[40] = {};
-    ::StringFromGUID2(controlGuid, name, ARRAYSIZE(name));
-    const ULONG64 value = NumberValue(name);
-    return {static_cast<ULONG>(value), static_cast<UCHAR>(value >> 32)};
-}
 
 std::vector<Replacement> TraceProviderReplacements() {
     static constexpr wchar_t kLibrary[] = L"advapi32.dll";

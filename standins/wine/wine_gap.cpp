@@ -17,7 +17,8 @@ DWORD Start() {
                          reinterpret_cast<const wchar_t*>(&Start), &self);
     for (const auto& replacements :
          {DeviceNotificationReplacements(), EventLogReplacements(), MemoryDumpReplacements(),
-          SessionReplacements(), TraceProviderReplacements(), TraceControllerReplacements()})
+          SessionReplacements(), TraceProviderReplacements(), TraceControllerReplacements(),
+          TraceConsumerReplacements()})
         if (const DWORD result = ReplaceAll(replacements); result != ERROR_SUCCESS) return result;
     if (const DWORD result = StartDeviceNotifications(); result != ERROR_SUCCESS) return result;
     return StartTraceProviders();

@@ -24,4 +24,6 @@ DWORD StartTraceProviders();
 
 std::vector<Replacement> TraceControllerReplacements();
 
+std::vector<Replacement> TraceConsumerReplacements();
+
 }  // namespace wine_gap

@@ -25,7 +25,8 @@ constexpr std::size_t kMinBufferSize = 512;
 constexpr std::size_t kNewRecordsBufferSize = 0x10000;
 constexpr DWORD MAX_RECORD_BUFFER_SIZE_IN_KB = 1024;
 constexpr DWORD kEmptyLog = 0xFFFFFFFF;  // number of the newest record of a log without records
-constexpr DWORD kLongestWaitMs = 60000;
+constexpr std::size_t kLargestDocumentedBuffer = 0x7FFFF;
+constexpr DWORD kLongestWaitMs = 5000;
 constexpr DWORD kSeek = EVENTLOG_SEEK_READ | EVENTLOG_FORWARDS_READ;
 constexpr DWORD kSequential = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ;
 
@@ -48,6 +49,22 @@ DWORD LastNumberIn(const std::vector<std::byte>& buffer, DWORD otherwise) {
         position += header.Length;
     }
     return otherwise;
+}
+
+/// Whether a failed read met a record that is longer than the reader's limit, or needs a buffer larger than
+/// ReadEventLogW is documented to take: that one is refused as a parameter, or by the call to the service.
+bool IsRecordTooLong(DWORD error, std::size_t bufferSize, DWORD bytesNeeded) {
+    FUNCTION_TRACE();
+    switch (error) {
+        case ERROR_INSUFFICIENT_BUFFER:
+            return bytesNeeded > MAX_RECORD_BUFFER_SIZE_IN_KB * 1024;
+        case ERROR_INVALID_PARAMETER:
+        case RPC_S_INVALID_BOUND:
+        case RPC_X_BAD_STUB_DATA:
+            return bufferSize > kLargestDocumentedBuffer;
+        default:
+            return false;
+    }
 }
 
 }  // namespace
@@ -184,15 +201,12 @@ bool EventLog::ReadOnce(HANDLE hEventLog, std::vector<std::byte>& buffer, DWORD 
         return true;
     }
     const DWORD error = ::GetLastError();
+    const bool isTooLong = IsRecordTooLong(error, buffer.size(), minNumberOfBytesNeeded);
     switch (error) {
         case ERROR_INSUFFICIENT_BUFFER:
             TRACE_INFO(16, "Buffer of %llu bytes, %u are needed", buffer.size(), minNumberOfBytesNeeded);
-            if (minNumberOfBytesNeeded > MAX_RECORD_BUFFER_SIZE_IN_KB * 1024) {
-                buffer.clear();
-                MODUL_THROW(std::overflow_error("Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB"));
-            }
             // Asked again with no more room, the log would answer the same for ever.
-            if (minNumberOfBytesNeeded <= buffer.size()) break;
+            if (isTooLong || minNumberOfBytesNeeded <= buffer.size()) break;
             buffer.resize(minNumberOfBytesNeeded);
             return false;
         case ERROR_HANDLE_EOF:
@@ -208,6 +222,8 @@ bool EventLog::ReadOnce(HANDLE hEventLog, std::vector<std::byte>& buffer, DWORD 
             break;
     }
     buffer.clear();
+    if (isTooLong)
+        MODUL_THROW(std::overflow_error("Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB"));
     MODUL_THROW(std::runtime_error("ReadEventLogW() FAILED! LE=" + std::to_string(error)));
 }
 
@@ -257,7 +273,7 @@ bool EventLog::WaitForChangesInEventLog() {
             return true;
         case WAIT_TIMEOUT:
             // Windows pulses the event, and at most once in five seconds: what is written in between is not
-            // told.
+            // told. The wait is as long, so that it is found in the time in which it might have been.
             TRACE_VERBOSE(30, "Log %S has not told of a change", eventSourceName_);
             return true;
         default:

@@ -12,7 +12,7 @@
 namespace operating_system {
 
 /// Reads the records that are appended to one classic event log, from the first read on. What is appended
-/// without the log telling of it is found within a minute.
+/// without the log telling of it is found within five seconds.
 ///
 /// Threads: one thread owns the object; only CancelRead may come from another.
 class EventLog {

@@ -373,12 +373,13 @@ bool DeviceMonitor::Enqueue(std::unique_ptr<Request> request) {
 
 void DeviceMonitor::HandleThreadStart(std::shared_ptr<windows_api::CKernel32> kernel32) {
     FUNCTION_TRACE();
+    // First, as it can fail: an event made before would be lost.
+    const std::lock_guard guard(pnpRequests.lock);
     const HANDLE event = CreateWakeUpEvent(*kernel32);
     if (event == nullptr) {
         TRACE_ERROR(28, "CreateEventW(PnPEvent) failed, LE(%u)", ::GetLastError());
         MODUL_THROW(std::runtime_error("CreateEvent failed!"));
     }
-    const std::lock_guard guard(pnpRequests.lock);
     pnpRequests.kernel32 = std::move(kernel32);
     pnpRequests.ghPnPEvent = event;
 }

@@ -59,4 +59,10 @@ bool Eventually(Condition condition) {
     return true;
 }
 
+/// For a process that has just registered for device events: Wine begins to listen some time after the first
+/// registration, and does not say when; what comes before is lost.
+inline void WaitUntilDeviceEventsCome() {
+    ::Sleep(500);
+}
+
 }  // namespace test_support

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -14,7 +15,7 @@
 #include "station_of_its_own.h"
 
 // Every system call that the plug-in makes in one life fails once, each in a life of its own: see
-// one_life.cpp. The regular run takes samples; TESSA_SWEEP=all takes all.
+// one_life.cpp. The regular run takes samples; TESSA_SWEEP=all takes all, and "malloc 90 99" these ten.
 namespace {
 
 using test_support::CommandResult;
@@ -26,6 +27,15 @@ struct Calls {
     std::string function;
     unsigned count;
 };
+
+/// A life in a process of its own. On a busy machine Wine now and then does not start a program, which says
+/// nothing of the plug-in.
+CommandResult Live(const std::wstring& arguments) {
+    CommandResult life = RunCommand(L"one_life.exe" + arguments);
+    for (int attempt = 1; attempt < 3 && life.output.starts_with("not started"); ++attempt)
+        life = RunCommand(L"one_life.exe" + arguments);
+    return life;
+}
 
 std::vector<Calls> CountedCalls(const std::string& output) {
     std::vector<Calls> all;
@@ -52,10 +62,28 @@ std::set<unsigned> Sample(const Calls& calls) {
     return numbers;
 }
 
+/// Calls of one function, as TESSA_SWEEP names them.
+struct Range {
+    std::string function;
+    unsigned first = 0;
+    unsigned last = 0;
+};
+
+std::optional<Range> WantedRange() {
+    std::istringstream words(sweep::Wanted());
+    Range range;
+    if (words >> range.function >> range.first >> range.last) return range;
+    return std::nullopt;
+}
+
 std::set<unsigned> NumbersToFail(const Calls& calls) {
-    if (!sweep::WantsAll()) return Sample(calls);
+    Range range = {calls.function, 1, calls.count};
+    if (const auto wanted = WantedRange())
+        range = *wanted;
+    else if (!sweep::WantsAll())
+        return Sample(calls);
     std::set<unsigned> numbers;
-    for (unsigned number = 1; number <= calls.count; ++number)
+    for (unsigned number = range.first; range.function == calls.function && number <= range.last; ++number)
         numbers.insert(number);
     return numbers;
 }
@@ -63,12 +91,14 @@ std::set<unsigned> NumbersToFail(const Calls& calls) {
 }  // namespace
 
 TEST(FaultSweep, NoFailingCallBringsThePlugInDownOrLeavesAnythingBehind) {
+    ASSERT_TRUE(sweep::Wanted().empty() || sweep::WantsAll() || WantedRange())
+        << "TESSA_SWEEP is neither all nor a range such as malloc 90 99";
     const sweep::StationOfItsOwn station;
     station.Store().Delete(L"Fennlink U3.xli.1");  // the panel is to make it
     const sweep::AdaptersOfItsOwn adapters;
     adapter_control::Plug(*adapter_control::FindModel(L"NX4120"));
 
-    const CommandResult sound = RunCommand(L"one_life.exe");
+    const CommandResult sound = Live(L"");
     ASSERT_EQ(sound.exitCode, 0u) << sound.output;
     EXPECT_EQ(sound.output.find("unknown "), std::string::npos)
         << "a function that system_calls.cpp does not know\n"
@@ -83,7 +113,7 @@ TEST(FaultSweep, NoFailingCallBringsThePlugInDownOrLeavesAnythingBehind) {
         calls += function.count;
         for (const unsigned number : NumbersToFail(function)) {
             const std::wstring name(function.function.begin(), function.function.end());
-            const CommandResult life = RunCommand(L"one_life.exe " + name + L" " + std::to_wstring(number));
+            const CommandResult life = Live(L" " + name + L" " + std::to_wstring(number));
             ++pairs;
             if (life.exitCode == kNotReached) ++notReached;
             if (life.exitCode == 0 || life.exitCode == kNotReached) continue;
@@ -93,6 +123,6 @@ TEST(FaultSweep, NoFailingCallBringsThePlugInDownOrLeavesAnythingBehind) {
     }
     std::printf("%u calls in a life; %u made to fail, %u of them not reached again; %u failures\n", calls,
                 pairs, notReached, failures);
-    EXPECT_GT(pairs, 150u);
-    EXPECT_LT(notReached, pairs / 10) << "lives differ too much for this to mean anything";
+    EXPECT_GT(pairs, WantedRange() ? 0u : 150u);
+    EXPECT_LE(notReached, pairs / 10) << "lives differ too much for this to mean anything";
 }

@@ -80,11 +80,16 @@ class AdaptersOfItsOwn {
     }
 };
 
-/// True if the long form of a test is asked for: TESSA_SWEEP=all.
+/// What is asked for beyond the regular run: the value of TESSA_SWEEP.
+inline std::string Wanted() {
+    char value[64] = {};
+    ::GetEnvironmentVariableA("TESSA_SWEEP", value, ARRAYSIZE(value));
+    return value;
+}
+
+/// True if the long form of a test is asked for.
 inline bool WantsAll() {
-    wchar_t value[8] = {};
-    ::GetEnvironmentVariableW(L"TESSA_SWEEP", value, ARRAYSIZE(value));
-    return std::wstring(value) == L"all";
+    return Wanted() == "all";
 }
 
 }  // namespace sweep

@@ -119,6 +119,7 @@ constexpr SystemCall kSystemCalls[] = {
 
 constexpr const char* kCannotFail[] = {
     // They report nothing, or nothing but a state.
+    "AcquireSRWLockExclusive",
     "DebugBreak",
     "DeleteCriticalSection",
     "EnterCriticalSection",
@@ -144,11 +145,14 @@ constexpr const char* kCannotFail[] = {
     "QueryPerformanceCounter",
     "QueryPerformanceFrequency",
     "RaiseException",
+    "ReleaseSRWLockExclusive",
     "SetLastError",
     "SetUnhandledExceptionFilter",
     "Sleep",
+    "SleepConditionVariableSRW",
     "TryEnterCriticalSection",
     "VariantInit",
+    "WakeAllConditionVariable",
     "lstrlenW",
     // Their result is not used, whatever it is: a trace never fails its caller.
     "TraceMessage",
@@ -189,7 +193,7 @@ constexpr const char* kCannotFail[] = {
     // The run time makes its locks with it and writes to what it got without a look. What the plug-in itself
     // needs comes from malloc.
     "calloc",
-    // Plain computations and the C library's tables and streams.
+    // Plain computations and the C library's tables and streams; some with one version of the run time only.
     "___lc_codepage_func",
     "___mb_cur_max_func",
     "__iob_func",
@@ -202,6 +206,8 @@ constexpr const char* kCannotFail[] = {
     "_strdup",
     "_ultoa",
     "_unlock",
+    "_vscprintf",
+    "_vsnprintf",
     "abort",
     "exit",
     "fprintf",
@@ -211,6 +217,7 @@ constexpr const char* kCannotFail[] = {
     "free",
     "fwprintf",
     "fwrite",
+    "getenv",
     "iswctype",
     "localeconv",
     "memchr",
@@ -228,6 +235,7 @@ constexpr const char* kCannotFail[] = {
     "strftime",
     "strlen",
     "strncmp",
+    "strtoul",
     "strxfrm",
     "swprintf_s",
     "toupper",

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "component_store.h"
+#include "machine_sessions.h"
 #include "message_window.h"
 #include "station.h"
 #include "wine_gap_loader.h"
@@ -20,6 +21,7 @@ using station_manager::MakeComponent;
 using test_support::Answer;
 using test_support::FindMessageBox;
 using test_support::kFatalErrorTitle;
+using test_support::MachineSessions;
 using test_support::MessageOf;
 using test_support::RunCommand;
 using test_support::WaitForMessageBox;
@@ -64,19 +66,46 @@ TEST_F(StationThatAsserts, TellsWhatFailedAndGoesOnIfItMay) {
 }
 
 TEST_F(StationThatAsserts, GoesOnWhenNobodyIsThereToAsk) {
-    constexpr wchar_t kNobody[] = L"1 disconnected\0";
-    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions", REG_MULTI_SZ, kNobody,
-                      sizeof kNobody);
+    for (const wchar_t* nobody : {L"1 connected", L"1 disconnected"}) {
+        const MachineSessions machine({nobody});
+        Unplug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+        EXPECT_EQ(FindMessageBox(kFatalErrorTitle), nullptr);
+        Plug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    }
+}
+
+TEST_F(StationThatAsserts, AsksAUserWhoHasLoggedOnSinceTheLastTime) {
+    const MachineSessions machine({});
     Unplug(nx4120_);
     EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    machine.Become({L"1 active"});
+    Unplug(nx4120_);
+    const HWND box = WaitForMessageBox(kFatalErrorTitle);
+    ASSERT_NE(box, nullptr);
+    EXPECT_TRUE(Answer(box, IDIGNORE));
+    EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
+}
+
+TEST_F(StationThatAsserts, WaitsForAUserWhoHasLockedHisSession) {
+    const MachineSessions machine({L"1 locked"});
+    Unplug(nx4120_);
+    ::Sleep(1000);
     EXPECT_EQ(FindMessageBox(kFatalErrorTitle), nullptr);
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\winegap", L"Sessions");
+    EXPECT_TRUE(AllAre(L"NX4120", L"visible")) << "the removal waits for the answer";
+    machine.Become({L"1 active"});
+    const HWND box = WaitForMessageBox(kFatalErrorTitle);
+    ASSERT_NE(box, nullptr);
+    EXPECT_TRUE(Answer(box, IDIGNORE));
+    EXPECT_TRUE(AllBecome(L"NX4120", L"hidden"));
 }
 
 // The user is another process, as ever: in this one no thread may come to life while the loader is at work.
 TEST(FatalError, DuringLibraryUnloadIsToldToo) {
-    if (!IsWine()) GTEST_SKIP() << "needs the stand-in's session";
-    ASSERT_TRUE(LoadWineGap());
+    ASSERT_EQ(LoadWineGap(), IsWine());
     const HMODULE library = ::LoadLibraryW(L"asserts_at_unload.dll");
     ASSERT_NE(library, nullptr);
     DWORD answered = 99;

@@ -64,6 +64,7 @@ class Station : public testing::Test {
     void StartService() {
         const CommandResult started = RunCommand(L"tessahost.exe start");
         ASSERT_EQ(started.exitCode, 0u) << started.output << HostLog();
+        test_support::WaitUntilDeviceEventsCome();
     }
 
     std::wstring State(const std::wstring& logDevice) const {

@@ -60,7 +60,10 @@ bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds 
     else
         findings.Problem(
             "configuration library loadable", error,
-            exists ? "repair the installation of the configuration library" : "install it first");
+            exists
+                ? "repair the installation of the configuration library; the libraries that it needs must be "
+                  "beside it or in System32: the service searches no other folder"
+                : "install it first");
     return error.empty();
 }
 

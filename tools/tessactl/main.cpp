@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "exception_history.h"
+#include "library_search.h"
 #include "text.h"
 #include "wine_gap_loader.h"
 
@@ -108,6 +109,7 @@ ExitCode UsageError(const std::wstring& what) {
 }  // namespace tessactl
 
 int wmain(int argc, wchar_t** argv) {
+    operating_system::LimitLibrarySearch();
     modul_exception::InitializeExceptionHistory();
     LoadWineGap();
     const UINT codePage = ::GetConsoleOutputCP();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "library_search.h"
 #include "logdevice_db.h"
 #include "quelm_orvix.h"
 #include "tessaplug_cp_environ.h"
@@ -87,6 +88,9 @@ void ReadAdapters(std::vector<StationState::Model>& models) {
 }
 
 std::vector<std::string> InstalledLogDevices() {
+    // As the service does it, so that the library is asked under its conditions.
+    static operating_system::SearchedFolder libraryFolder;
+    libraryFolder.Set(quelm::ConfigurationLibraryFolder());
     // To load the library from such a path would end this process.
     const std::size_t length = quelm::ConfigurationLibraryPath().length();
     if (length >= MAX_PATH)

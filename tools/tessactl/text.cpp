@@ -15,7 +15,26 @@ std::string WithoutLineEnds(std::string text) {
     return text;
 }
 
+bool IsUtf8(const std::string& text) {
+    return text.empty() || ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
+                                                 static_cast<int>(text.length()), nullptr, 0) != 0;
+}
+
+/// The machine's ANSI code page, whatever that of this process is.
+UINT MachineCodePage() {
+    DWORD codePage = CP_ACP;
+    ::GetLocaleInfoW(LOCALE_SYSTEM_DEFAULT, LOCALE_IDEFAULTANSICODEPAGE | LOCALE_RETURN_NUMBER,
+                     reinterpret_cast<wchar_t*>(&codePage), sizeof codePage / sizeof(wchar_t));
+    return codePage;
+}
+
 }  // namespace
+
+std::string Utf8FromAnsi(const std::string& text) {
+    // A text of the machine's code page that is also UTF-8, and not plain ASCII, does not come about by
+    // chance.
+    return IsUtf8(text) ? text : Utf8(Widened(text, MachineCodePage()));
+}
 
 std::string ErrorInWords(DWORD error, const std::wstring& subject) {
     return Utf8(operating_system::DescribeSystemError(error, subject));

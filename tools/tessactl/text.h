@@ -23,23 +23,15 @@ class NoRights : public ToolError {
     using ToolError::ToolError;
 };
 
-/// A narrow text of a code page as it can best be read: what is none becomes U+FFFD.
-inline std::wstring Widened(const std::string& text, UINT codePage) {
-    std::wstring wide(text.length(), L'\0');
-    const int length = static_cast<int>(text.length());
-    wide.resize(static_cast<std::size_t>(
-        ::MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), length)));
-    return wide;
-}
+using toolbox::Widened;
 
 inline std::string Utf8(const std::wstring& text) {
     return toolbox::WstringToString(text, CP_UTF8);
 }
 
-/// The same of a text in the system's ANSI code page, such as an exception's.
-inline std::string Utf8FromAnsi(const std::string& text) {
-    return Utf8(Widened(text, CP_ACP));
-}
+/// The same of a text in the ANSI code page of some process, such as an exception's. tessahost's and the
+/// tool's own is UTF-8 where Windows goes by their manifest, another host's is the machine's.
+std::string Utf8FromAnsi(const std::string& text);
 
 /// A system error as people can read it: "Access is denied (error 5)".
 /// @param subject takes the place of what the system's text leaves open

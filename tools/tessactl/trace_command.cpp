@@ -67,11 +67,11 @@ void PrepareDefaultFile() {
     }
 }
 
-/// The session's properties with room for its names behind them.
+/// The session's properties with room for its names behind them, in the documented order.
 struct SessionProperties {
     EVENT_TRACE_PROPERTIES head = {};
-    wchar_t logFile[1024] = {};
     wchar_t name[256] = {};
+    wchar_t logFile[1024] = {};
 
     explicit SessionProperties(const std::wstring& file) {
         head.Wnode.BufferSize = sizeof *this;

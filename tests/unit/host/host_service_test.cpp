@@ -136,6 +136,9 @@ TEST_F(HostService, ExceptionOutOfTheStartEndsTheServiceWithAnErrorOfTheSystem) 
         EXPECT_EQ(Run(L"start").exitCode, 1u);
         EXPECT_TRUE(EndedWith(ERROR_EXCEPTION_IN_SERVICE, 0)) << HostLog();
         EXPECT_TRUE(LogHas("out of tessaplug_init")) << HostLog();
+        if (kind == L"throws")
+            EXPECT_TRUE(LogHas("(thrown in a caf\xef\xbf\xbd)"))
+                << "the host's code page is UTF-8: " << HostLog();
         EXPECT_TRUE(LogHas("The plug-in stays loaded")) << HostLog();
         Run(L"uninstall");
     }

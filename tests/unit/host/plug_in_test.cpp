@@ -110,7 +110,7 @@ TEST_F(FaultyPlugIn, ExceptionComesOutAsAnErrorWithItsText) {
     PlugIn init(Path(L"throws_in_init"));
     EXPECT_EQ(Error([&] { Init(init); }),
               L"1064 The plug-in " + Path(L"throws_in_init") +
-                  L" let a C++ exception (thrown on purpose) out of tessaplug_init");
+                  L" let a C++ exception (thrown in a caf\x00e9) out of tessaplug_init");
     PlugIn cleanup(Path(L"throws_in_cleanup"));
     Init(cleanup);
     EXPECT_TRUE(Error([&] { cleanup.Cleanup(); }).ends_with(L"out of tessaplug_cleanup"));

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <gtest/gtest.h>
 #include <new>
+#include <regex>
 #include <stdexcept>
 #include <string>
 
@@ -85,7 +86,9 @@ class Executor : public testing::Test {
 
 TEST_F(Executor, StartsStopsAndEndsInOrder) {
     Live();
-    EXPECT_EQ(Body::calls, "start 7; stop; end of the thread; ");
+    // The stop is repeated until the thread has ended.
+    EXPECT_TRUE(std::regex_match(Body::calls, std::regex("start 7; (stop; )+end of the thread; ")))
+        << Body::calls;
     EXPECT_FALSE(Body::flagAtStart) << "the thread is to run";
     EXPECT_TRUE(Body::flagAtEnd) << "the flag is set before the thread is woken";
 }

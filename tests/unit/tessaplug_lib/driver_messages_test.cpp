@@ -298,7 +298,7 @@ TEST(DriverFilter, ReadsTheDriversOwnFileInTheSystemFolder) {
         SUCCEED() << "the driver is not installed";
     }
     ASSERT_EQ(calls.loaded.size(), 1u);
-    EXPECT_EQ(calls.loaded[0].file, L"C:\\windows\\system32\\drivers\\fenlu3.sys");
+    EXPECT_EQ(::_wcsicmp(calls.loaded[0].file.c_str(), L"C:\\windows\\system32\\drivers\\fenlu3.sys"), 0);
 }
 
 TEST(DriverFilter, HoldsTheFileOnlyWhileItMakesAMessage) {

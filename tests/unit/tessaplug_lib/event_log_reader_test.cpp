@@ -117,7 +117,7 @@ TEST_F(Reader, BufferGrowsAsNeeded) {
     EXPECT_EQ(journal_.back(), "read 5 from 0 into 1048576");
 }
 
-TEST_F(Reader, LooksAtTheLogOnceAMinuteAlsoWithoutANotification) {
+TEST_F(Reader, LooksAtTheLogEveryFiveSecondsAlsoWithoutANotification) {
     OpenAndPosition();
     system_->reads = {{ERROR_HANDLE_EOF}, {ERROR_HANDLE_EOF}, {ERROR_SUCCESS, 10}};
     kernel32_->waits = {WAIT_TIMEOUT, WAIT_TIMEOUT};

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "event_log_file.h"
 #include "evlog_check.h"
 #include "module_hooks.h"
+#include "test_event_log.h"
 #include "wine_gap_loader.h"
 
 // The reader on a real log of its own.
@@ -24,28 +26,9 @@ using operating_system::EventLogRecord;
 using operating_system::EventRecordParser;
 using operating_system::FilterChain;
 using operating_system::UserMessage;
-
-/// A log whose service can be away: then every handle is dead, and none can be had.
-class LogWithAService : public windows_api::Advapi32 {
-  public:
-    HANDLE OpenEventLogW(const wchar_t* server, const wchar_t* source) override {
-        return Alive() ? Advapi32::OpenEventLogW(server, source) : nullptr;
-    }
-    BOOL GetOldestEventLogRecord(HANDLE log, DWORD* oldest) override {
-        return Alive() && Advapi32::GetOldestEventLogRecord(log, oldest);
-    }
-    BOOL ReadEventLogW(HANDLE log, DWORD flags, DWORD offset, void* buffer, DWORD size, DWORD* read,
-                       DWORD* needed) override {
-        return Alive() && Advapi32::ReadEventLogW(log, flags, offset, buffer, size, read, needed);
-    }
-    bool isAway = false;
-
-  private:
-    bool Alive() const {
-        if (isAway) ::SetLastError(RPC_S_SERVER_UNAVAILABLE);
-        return !isAway;
-    }
-};
+using test_support::EventLogSetting;
+using test_support::Notification;
+using test_support::TestEventLog;
 
 /// Notifications of which none reaches the reader, as on Windows when it pulses the event while nobody waits.
 /// Every wait is over at once.
@@ -61,21 +44,7 @@ class LostNotifications : public windows_api::CKernel32 {
 };
 
 constexpr wchar_t kName[] = L"ReaderTest";
-
-/// How large the log may grow, of its lifetime.
-class LogSizeLimit {
-  public:
-    explicit LogSizeLimit(DWORD bytes) {
-        EXPECT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize", REG_DWORD, &bytes, sizeof bytes),
-                  ERROR_SUCCESS);
-    }
-    ~LogSizeLimit() { ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey); }
-    LogSizeLimit(const LogSizeLimit&) = delete;
-    LogSizeLimit& operator=(const LogSizeLimit&) = delete;
-
-  private:
-    static constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\ReaderTest";
-};
+constexpr DWORD kLongestWaitMs = 5000;  // of the reader
 
 /// The length of the log's first record is nonsense in its lifetime.
 class DamagedFirstRecord {
@@ -112,24 +81,27 @@ class EveryRecord : public EventLogFilterIf {
     }
 };
 
-class RealLog : public testing::Test {
+class RealLog : public testing::TestWithParam<Notification> {
   protected:
     static void SetUpTestSuite() { loaded_ = LoadWineGap(); }
     std::unique_ptr<EventLog> MakeReader() {
-        auto service = std::make_unique<LogWithAService>();
         auto events = std::make_unique<LostNotifications>();
-        service_ = service.get();
         events_ = events.get();
-        return std::make_unique<EventLog>(kName, std::move(service), std::move(events));
+        return std::make_unique<EventLog>(kName, std::make_unique<windows_api::Advapi32>(),
+                                          std::move(events));
     }
     void SetUp() override {
-        if (!IsWine()) GTEST_SKIP() << "writes the stand-in's log files";
         ASSERT_TRUE(loaded_);
-        file_.Clear();
         log_.Open();
     }
-    void AppendGiant() {
-        const std::vector<BYTE> data(0x110000);
+    /// The event log service, without which no handle lives.
+    void StopService() { stopped_.emplace(wine_gap::kServiceIsStopped, 1); }
+    void StartService() {
+        restarts_.emplace(wine_gap::kServiceRestarts, 1);
+        stopped_.reset();
+    }
+    void AppendGiant(std::size_t size = 0x110000) {
+        const std::vector<BYTE> data(size);
         ASSERT_EQ(file_.Append({{L"test", 1, 0, 1, {L"giant"}, data}}), DWORD{ERROR_SUCCESS});
     }
     void Append(const std::wstring& text) { file_.Append({{L"test", 1, 0, 1, {text}, {}}}); }
@@ -149,30 +121,36 @@ class RealLog : public testing::Test {
     using Texts = std::vector<std::wstring>;
 
     static inline bool loaded_ = false;
+    const TestEventLog testLog_{kName};
+    const EventLogSetting notification_{wine_gap::kNotificationSets, static_cast<DWORD>(GetParam())};
+    std::optional<EventLogSetting> restarts_;
+    std::optional<EventLogSetting> stopped_;
     const wine_gap::EventLogFile file_{kName};
-    LogWithAService* service_ = nullptr;
     LostNotifications* events_ = nullptr;
     std::unique_ptr<EventLog> reader_ = MakeReader();
     EventLog& log_ = *reader_;
     EventRecordParser parser_{std::make_shared<FilterChain>(FilterChain{std::make_shared<EveryRecord>()})};
 };
 
+INSTANTIATE_TEST_SUITE_P(Notification, RealLog, testing::Values(Notification::kPulsed, Notification::kSet),
+                         testing::PrintToStringParamName());
+
 }  // namespace
 
-TEST_F(RealLog, RecordsFromBeforeAreNeverReturned) {
+TEST_P(RealLog, RecordsFromBeforeAreNeverReturned) {
     Append(L"old");
     Position();
     Append(L"new");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"new"}));
 }
 
-TEST_F(RealLog, EmptyLogIsReadFromItsFirstRecord) {
+TEST_P(RealLog, EmptyLogIsReadFromItsFirstRecord) {
     Position();
     Append(L"first");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"first"}));
 }
 
-TEST_F(RealLog, BurstIsReadCompletely) {
+TEST_P(RealLog, BurstIsReadCompletely) {
     Append(L"old");
     Position();
     const std::vector<wine_gap::Event> burst(2000, wine_gap::Event{L"test", 1, 0, 1, {L"text"}, {}});
@@ -185,7 +163,7 @@ TEST_F(RealLog, BurstIsReadCompletely) {
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"last"}));
 }
 
-TEST_F(RealLog, CancelEndsAReadThatWaits) {
+TEST_P(RealLog, CancelEndsAReadThatWaits) {
     Append(L"old");
     const ULONGLONG start = ::GetTickCount64();
     std::thread canceller([this] {
@@ -197,12 +175,12 @@ TEST_F(RealLog, CancelEndsAReadThatWaits) {
     EXPECT_LT(::GetTickCount64() - start, 1000u);
 }
 
-TEST_F(RealLog, ClearedLogIsReadOn) {
+TEST_P(RealLog, ClearedLogIsReadOn) {
     Append(L"old");
     Position();
     file_.Clear();
     std::thread writer([this] {
-        ::Sleep(300);  // until the reader has opened the log again
+        ::Sleep(kLongestWaitMs + 1000);  // until the reader has opened the log again
         Append(L"after clearing");
     });
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"after clearing"}));
@@ -211,7 +189,7 @@ TEST_F(RealLog, ClearedLogIsReadOn) {
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"later"}));
 }
 
-TEST_F(RealLog, LogThatDroppedItsOlderHalfIsReadOn) {
+TEST_P(RealLog, LogThatDroppedItsOlderHalfIsReadOn) {
     Append(L"old");
     Position();
     const std::wstring big(20000, L'x');
@@ -225,7 +203,7 @@ TEST_F(RealLog, LogThatDroppedItsOlderHalfIsReadOn) {
     EXPECT_EQ(texts.back(), L"last");
 }
 
-TEST_F(RealLog, RecordWhosePulseNobodyWaitedForIsReadBeforeTheNextWait) {
+TEST_P(RealLog, RecordWhosePulseNobodyWaitedForIsReadBeforeTheNextWait) {
     Position();
     Append(L"first");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"first"}));
@@ -235,7 +213,7 @@ TEST_F(RealLog, RecordWhosePulseNobodyWaitedForIsReadBeforeTheNextWait) {
     EXPECT_EQ(events_->waits, 0);
 }
 
-TEST_F(RealLog, RecordThatWasNeverToldOfIsFoundWhenTheWaitIsOver) {
+TEST_P(RealLog, RecordThatWasNeverToldOfIsFoundWhenTheWaitIsOver) {
     Position();
     events_->areLost = true;
     Append(L"untold");
@@ -243,8 +221,40 @@ TEST_F(RealLog, RecordThatWasNeverToldOfIsFoundWhenTheWaitIsOver) {
     EXPECT_EQ(events_->waits, 1);
 }
 
-TEST_F(RealLog, RecordOfMoreThanOneMegabyteHidesNoneBehindIt) {
-    const LogSizeLimit limit(0x1000000);
+TEST_P(RealLog, RecordThatIsWrittenInTheQuietFiveSecondsIsReturnedWithinFive) {
+    Position();
+    std::thread writer([this] {
+        ::Sleep(300);  // until the reader waits
+        Append(L"told of");
+        ::Sleep(1000);
+        Append(L"in the quiet five seconds");
+    });
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"told of"}));
+    const ULONGLONG start = ::GetTickCount64();
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"in the quiet five seconds"}));
+    EXPECT_LT(::GetTickCount64() - start, kLongestWaitMs + 500);
+    writer.join();
+}
+
+TEST_P(RealLog, RecordThatNeedsALargerBufferThanReadEventLogTakesHidesNoneBehindIt) {
+    testLog_.Limit(0x1000000);
+    Position();
+    AppendGiant(0x80000);
+    EXPECT_EQ(TextsOfOneRead(), Texts{}) << "the read that meets it ends";
+    Append(L"behind");
+    EXPECT_TRUE(log_.Reopen()) << "as the monitor does";
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind"}));
+    AppendGiant(0x80000);
+    EXPECT_EQ(TextsOfOneRead(), Texts{}) << "the read that meets it ends";
+    EXPECT_TRUE(log_.Reopen());
+    const ULONGLONG start = ::GetTickCount64();
+    Position();
+    EXPECT_LT(::GetTickCount64() - start, 1000u) << "it is behind it, and waits";
+    EXPECT_EQ(log_.FailedReads(), 1u);
+}
+
+TEST_P(RealLog, RecordOfMoreThanOneMegabyteHidesNoneBehindIt) {
+    testLog_.Limit(0x1000000);
     Position();
     Append(L"in front");
     AppendGiant();
@@ -256,8 +266,8 @@ TEST_F(RealLog, RecordOfMoreThanOneMegabyteHidesNoneBehindIt) {
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"later"}));
 }
 
-TEST_F(RealLog, GiantsInARowHideNone) {
-    const LogSizeLimit limit(0x1000000);
+TEST_P(RealLog, GiantsInARowHideNone) {
+    testLog_.Limit(0x1000000);
     Position();
     for (int i = 0; i < 3; ++i)
         AppendGiant();
@@ -269,25 +279,25 @@ TEST_F(RealLog, GiantsInARowHideNone) {
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"behind them"}));
 }
 
-TEST_F(RealLog, GiantThatIsTheNewestRecordIsPositionedBehind) {
-    const LogSizeLimit limit(0x1000000);
+TEST_P(RealLog, GiantThatIsTheNewestRecordIsPositionedBehind) {
+    testLog_.Limit(0x1000000);
     AppendGiant();
     Position();
     Append(L"new");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"new"}));
 }
 
-TEST_F(RealLog, NothingIsLostOrReturnedTwiceWhenItsServiceWasRestarted) {
+TEST_P(RealLog, NothingIsLostOrReturnedTwiceWhenItsServiceWasRestarted) {
     Append(L"old");
     Position();
     Append(L"before");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
-    service_->isAway = true;
+    StopService();
     EXPECT_EQ(TextsOfOneRead(), Texts{});
     EXPECT_FALSE(log_.Reopen());
     Append(L"meanwhile");
     EXPECT_FALSE(log_.Reopen());
-    service_->isAway = false;
+    StartService();
     EXPECT_TRUE(log_.Reopen());
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"meanwhile"}));
     Append(L"after");
@@ -296,23 +306,50 @@ TEST_F(RealLog, NothingIsLostOrReturnedTwiceWhenItsServiceWasRestarted) {
     Position();  // and ends: there is nothing to read
 }
 
-TEST_F(RealLog, LogThatWasClearedWhileItsServiceWasAwayIsReadOn) {
+TEST_P(RealLog, LogThatWasClearedWhileItsServiceWasAwayIsReadOn) {
     Append(L"old");
     Append(L"older");
     Position();
     Append(L"before");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
-    service_->isAway = true;
+    StopService();
     EXPECT_EQ(TextsOfOneRead(), Texts{});
     file_.Clear();
-    service_->isAway = false;
+    StartService();
     EXPECT_TRUE(log_.Reopen());
     Position();
     Append(L"first of the cleared log");
     EXPECT_EQ(TextsOfOneRead(), (Texts{L"first of the cleared log"}));
 }
 
-TEST_F(RealLog, NothingIsLostInALogThatWasDamagedAndMended) {
+TEST_P(RealLog, RecordsOfALogThatWasClearedAndWrittenWhileItsServiceWasAwayAreReturned) {
+    Append(L"old");
+    Position();
+    Append(L"before");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
+    StopService();
+    EXPECT_EQ(TextsOfOneRead(), Texts{});
+    file_.Clear();
+    Append(L"first of the cleared log");
+    StartService();
+    EXPECT_TRUE(log_.Reopen());
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"first of the cleared log"})) << "numbers go on";
+}
+
+TEST_P(RealLog, LogThatMayNotBeOpenedForATimeIsReadOn) {
+    Position();
+    Append(L"before");
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"before"}));
+    {
+        const EventLogSetting denied(wine_gap::kAccessDeniedTo, kName);
+        EXPECT_FALSE(log_.Reopen());
+        Append(L"meanwhile");
+    }
+    EXPECT_TRUE(log_.Reopen());
+    EXPECT_EQ(TextsOfOneRead(), (Texts{L"meanwhile"}));
+}
+
+TEST_P(RealLog, NothingIsLostInALogThatWasDamagedAndMended) {
     Position();
     Append(L"in the damaged log");
     {
@@ -327,7 +364,7 @@ TEST_F(RealLog, NothingIsLostInALogThatWasDamagedAndMended) {
     EXPECT_EQ(log_.FailedReads(), 0u);
 }
 
-TEST_F(RealLog, DamagedRecordHidesNoneBehindIt) {
+TEST_P(RealLog, DamagedRecordHidesNoneBehindIt) {
     Position();
     Append(L"damaged");
     const DamagedFirstRecord damage;

@@ -26,6 +26,32 @@ TEST_F(Reader, TooSmallABufferThatNeedsNoMoreEndsTheRead) {
     }
 }
 
+TEST_F(Reader, RecordWhoseBufferIsRefusedAsTooLargeIsPassedOverLikeALongOne) {
+    for (const DWORD refusal :
+         {DWORD{ERROR_INVALID_PARAMETER}, DWORD{RPC_S_INVALID_BOUND}, DWORD{RPC_X_BAD_STUB_DATA}}) {
+        SCOPED_TRACE(refusal);
+        log_->Close();
+        system_->recordCount = 3;
+        OpenAndPosition();
+        system_->recordCount = 6;
+        system_->reads = {{ERROR_INSUFFICIENT_BUFFER, 0x80000}, {refusal}};
+        kernel32_->waits = {kChanged};
+        EXPECT_TRUE(log_->BlockingRead().empty());
+        EXPECT_STREQ(NewestException().what, "Record Buffer reached limit MAX_RECORD_BUFFER_SIZE_IN_KB");
+        system_->reads = {{ERROR_SUCCESS, 0, Records({9, 10})}};
+        kernel32_->waits = {kChanged};
+        EXPECT_EQ(log_->BlockingRead(), Records({9, 10}));
+        EXPECT_EQ(journal_.back(), "read 6 from 9 into 65536") << "behind the long one, which is 8";
+    }
+}
+
+TEST_F(Reader, RefusalOfABufferThatReadEventLogTakesIsAFailureLikeAnyOther) {
+    OpenAndPosition();
+    system_->reads = {{ERROR_INSUFFICIENT_BUFFER, 0x7FFFF}, {ERROR_INVALID_PARAMETER}};
+    kernel32_->waits = {kChanged};
+    ExpectFailedRead("ReadEventLogW() FAILED! LE=87");
+}
+
 TEST_F(Reader, RecordOfMoreThanOneMegabyteEndsTheReadAndIsNotMetAgain) {
     OpenAndPosition();
     system_->recordCount = 6;

@@ -1,7 +1,9 @@
 #include "evlog_check.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <cwchar>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -12,6 +14,7 @@
 #include "event_record.h"
 #include "module_hooks.h"
 #include "text_of.h"
+#include "toolbox.h"
 #include "trace_recorder.h"
 
 // Records and the parser. The reader: event_log_reader_test.cpp; the driver's messages:
@@ -31,6 +34,26 @@ using test_support::TextOf;
 namespace {
 
 using Bytes = std::vector<std::byte>;
+
+/// A time as this machine's clock would show it: all times by the zone's difference of today. ctest runs this
+/// where that is not zero.
+/// @param utc seconds since 1970
+std::wstring ClockTime(long long utc) {
+    using std::chrono::floor;
+    TIME_ZONE_INFORMATION zone = {};
+    const bool isSummer = ::GetTimeZoneInformation(&zone) == TIME_ZONE_ID_DAYLIGHT;
+    const std::chrono::minutes west(zone.Bias + (isSummer ? zone.DaylightBias : zone.StandardBias));
+    const auto local = std::chrono::sys_seconds(std::chrono::seconds(utc)) - west;
+    const auto midnight = floor<std::chrono::days>(local);
+    const std::chrono::year_month_day date(midnight);
+    const std::chrono::hh_mm_ss time(local - midnight);
+    wchar_t text[32] = {};
+    std::swprintf(text, std::size(text), L"%u.%u.%d %02d:%02d:%02d", static_cast<unsigned>(date.day()),
+                  static_cast<unsigned>(date.month()), static_cast<int>(date.year()),
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()));
+    return text;
+}
 
 /// Accepts records of one source.
 class SourceFilter : public EventLogFilterIf {
@@ -136,15 +159,11 @@ TEST(EventLogRecord, PrintsItsFieldsWithTheLocalTime) {
     raw.id = 7;
     raw.number = 9;
     const Bytes bytes = raw.Bytes();
-    TIME_ZONE_INFORMATION zone = {};
-    ::GetTimeZoneInformation(&zone);
-    ASSERT_EQ(zone.Bias, -330) << "the expected times are those of TZ=IST-5:30, with which ctest runs this";
-    EXPECT_EQ(RecordFrom(bytes).Print(),
-              L"{\"Length\":" + std::to_wstring(bytes.size()) +
-                  L",\"Record Number\":9,\"EventID\":7,\"TimeGenerated\":\"1.1.1970 "
-                  L"05:30:00\",\"EventType\":\"EVENTLOG_ERROR_TYPE\"}");
+    EXPECT_EQ(RecordFrom(bytes).Print(), L"{\"Length\":" + std::to_wstring(bytes.size()) +
+                                             L",\"Record Number\":9,\"EventID\":7,\"TimeGenerated\":\"" +
+                                             ClockTime(0) + L"\",\"EventType\":\"EVENTLOG_ERROR_TYPE\"}");
     raw.timeGenerated = 1795257005;  // 2026-11-21 10:30:05 UTC
-    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"21.11.2026 16:00:05");
+    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), ClockTime(1795257005));
 }
 
 TEST(EventLogRecord, OfTheHeaderAloneIsAssertedAndReadFromItsStart) {
@@ -195,9 +214,9 @@ TEST(EventLogRecord, ShorterThanItsHeaderIsAssertedByEachOfItsGetters) {
 TEST(EventLogRecord, TimeStampHasDayAndMonthWithoutAndTheRestWithLeadingZeros) {
     EventRecord raw;
     raw.timeGenerated = 1775083509;  // 2026-04-01 22:45:09 UTC
-    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"2.4.2026 04:15:09");
+    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), ClockTime(1775083509));
     raw.timeGenerated = 0xFFFFFFFF;  // 2106-02-07 06:28:15 UTC
-    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), L"7.2.2106 11:58:15");
+    EXPECT_EQ(RecordFrom(raw.Bytes()).GetTimeStampFromRecord(), ClockTime(0xFFFFFFFF));
 }
 
 TEST(EventLogRecord, SourceNameWithoutAnEndIsNone) {
@@ -316,9 +335,9 @@ TEST_F(Parser, EachRecordIsPrintedWhenTracingIsVerbose) {
     record.type = EVENTLOG_WARNING_TYPE;
     record.timeGenerated = 1795257005;
     const std::string length = std::to_string(record.Bytes().size());
-    const std::string line = "{\"Length\":" + length +
-                             ",\"Record Number\":4711,\"EventID\":3221487875,\"TimeGenerated\":\"21.11.2026 "
-                             "16:00:05\",\"EventType\":\"EVENTLOG_WARNING_TYPE\"}";
+    const std::string line =
+        "{\"Length\":" + length + ",\"Record Number\":4711,\"EventID\":3221487875,\"TimeGenerated\":\"" +
+        toolbox::WstringToString(ClockTime(1795257005)) + "\",\"EventType\":\"EVENTLOG_WARNING_TYPE\"}";
     EXPECT_EQ(LinesTracedAt(TRACE_LEVEL_VERBOSE, record.Bytes()), (std::vector<std::string>{line}));
     EXPECT_EQ(LinesTracedAt(TRACE_LEVEL_INFORMATION, record.Bytes()), std::vector<std::string>{});
 }

@@ -443,6 +443,20 @@ TEST(RequestWorker, FailingSetEventLeavesTheRequestQueued) {
     EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kNxArrival, kU3Arrival}));
 }
 
+TEST(RequestWorker, WhatIsQueuedDuringAPassIsServedWithoutASignal) {
+    const auto notifier = std::make_shared<RecordingNotifier>();
+    const auto kernel32 = std::make_shared<FailingKernel32>();
+    notifier->onEvent = [&](const std::vector<std::string>& events) {
+        if (events.size() > 1) return;
+        kernel32->swallowedSignals = 1;
+        DeviceMonitor::Enqueue(RequestFor(notifier, kNx4120InterfaceGuid, DBT_DEVICEARRIVAL));
+    };
+    const DeviceMonitor monitor(kernel32);
+    DeviceMonitor::Enqueue(RequestFor(notifier, kFennlinkU3InterfaceGuid, DBT_DEVICEARRIVAL));
+
+    EXPECT_EQ(notifier->WaitForEvents(2), (std::vector<std::string>{kU3Arrival, kNxArrival}));
+}
+
 TEST(RequestWorker, RuntimeErrorOfAHandlerEndsTheWorkerAndKeepsTheRequest) {
     const auto notifier = std::make_shared<RecordingNotifier>();
     notifier->onEvent = [](const std::vector<std::string>&) { throw std::runtime_error("handler"); };

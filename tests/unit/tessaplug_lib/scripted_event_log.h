@@ -143,7 +143,7 @@ class ScriptedKernel32 : public windows_api::CKernel32 {
         EXPECT_EQ(handles[0], reinterpret_cast<HANDLE>(0x101));
         EXPECT_EQ(handles[1], reinterpret_cast<HANDLE>(0x102));
         EXPECT_FALSE(waitAll);
-        EXPECT_EQ(timeout, 60000u);
+        EXPECT_EQ(timeout, 5000u);
         journal_.push_back("wait");
         if (waits.empty()) return WAIT_OBJECT_0;
         const DWORD result = waits.front();

@@ -19,6 +19,7 @@ TEST(TextInWords, IsOnOneLine) {
 
 TEST(TextInWords, IsUtf8) {
     EXPECT_EQ(InWords("caf\xe9"), "caf\xc3\xa9") << "the code page of test machines is 1252";
+    EXPECT_EQ(InWords("caf\xc3\xa9"), "caf\xc3\xa9") << "the code page of programs with a manifest is UTF-8";
 }
 
 TEST(TextInWords, HasTheSystemsWordsForWhatItCouldNotInsert) {

@@ -1,0 +1,13 @@
+# Writes the header that tells when the sources are of: SOURCE_DATE_EPOCH if it is set, else the commit's date, and
+# without a git working tree that of the project file. __DATE__ would be the time of the build, and a compiler cache
+# would keep an old one.
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
+    execute_process(COMMAND git -C ${SOURCE_FOLDER} log -1 --format=%ct
+        OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    if(NOT epoch)
+        file(TIMESTAMP ${SOURCE_FOLDER}/CMakeLists.txt epoch "%s" UTC)
+    endif()
+    set(ENV{SOURCE_DATE_EPOCH} ${epoch})
+endif()
+string(TIMESTAMP TESSA_BUILD_DATE "%b %d %Y %H:%M:%S" UTC)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/build_date.h.in ${HEADER} @ONLY)

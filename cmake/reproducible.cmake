@@ -1,0 +1,24 @@
+# Two builds of a commit are the same to the bit, wherever they are made: nothing of the machine, the folder or the
+# time gets into a binary or a PDB file.
+
+# Source files are named from the project's own folder. The compiler's command line stays out of the debug information.
+add_compile_options(
+    "$<$<COMPILE_LANGUAGE:C,CXX>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${PROJECT_BINARY_DIR}=build;-fdebug-compilation-dir=.;-gno-codeview-command-line>")
+# The linker writes its own command line into the PDB file, and makes full paths of what it is given.
+add_link_options(-Wl,--no-insert-timestamp -Wl,-Xlink=-pdbaltpath:%_PDB% -Wl,-Xlink=-pdbsourcepath:.)
+# The environment's library folders are for the machine's own programs.
+set(CMAKE_C_LINKER_LAUNCHER env -u LIBRARY_PATH)
+set(CMAKE_CXX_LINKER_LAUNCHER env -u LIBRARY_PATH)
+
+# The date that the fatal-error box shows is the commit's. Looked at in each build: a new commit needs no new
+# configuration.
+set(build_date_folder ${PROJECT_BINARY_DIR}/build_date)
+add_custom_target(build_date
+    BYPRODUCTS ${build_date_folder}/build_date.h
+    COMMAND ${CMAKE_COMMAND} -D SOURCE_FOLDER=${PROJECT_SOURCE_DIR} -D HEADER=${build_date_folder}/build_date.h
+            -P ${PROJECT_SOURCE_DIR}/cmake/build_date.cmake
+    COMMENT "Looking up the build date")
+function(use_build_date target)
+    target_include_directories(${target} PRIVATE ${build_date_folder})
+    add_dependencies(${target} build_date)
+endfunction()
