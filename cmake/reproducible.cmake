@@ -10,15 +10,16 @@ add_link_options(-Wl,--no-insert-timestamp -Wl,-Xlink=-pdbaltpath:%_PDB% -Wl,-Xl
 set(CMAKE_C_LINKER_LAUNCHER env -u LIBRARY_PATH)
 set(CMAKE_CXX_LINKER_LAUNCHER env -u LIBRARY_PATH)
 
-# The date that the fatal-error box shows is the commit's. Looked at in each build: a new commit needs no new
-# configuration.
-set(build_date_folder ${PROJECT_BINARY_DIR}/build_date)
-add_custom_target(build_date
-    BYPRODUCTS ${build_date_folder}/build_date.h
-    COMMAND ${CMAKE_COMMAND} -D SOURCE_FOLDER=${PROJECT_SOURCE_DIR} -D HEADER=${build_date_folder}/build_date.h
-            -P ${PROJECT_SOURCE_DIR}/cmake/build_date.cmake
-    COMMENT "Looking up the build date")
-function(use_build_date target)
-    target_include_directories(${target} PRIVATE ${build_date_folder})
-    add_dependencies(${target} build_date)
+# What is built is told by build_info.h: version, commit and the commit's date. Looked at in each build: a new commit
+# needs no new configuration.
+set(build_info_header ${PROJECT_BINARY_DIR}/build_info/build_info.h)
+add_custom_target(build_info
+    BYPRODUCTS ${build_info_header}
+    COMMAND ${CMAKE_COMMAND} -D SOURCE_FOLDER=${PROJECT_SOURCE_DIR} -D HEADER=${build_info_header}
+            -D TESSA_VERSION=${TESSA_VERSION} -D TESSA_VERSION_TEXT=${TESSA_VERSION_TEXT}
+            -P ${PROJECT_SOURCE_DIR}/cmake/build_info.cmake
+    COMMENT "Looking up what is built")
+function(use_build_info target)
+    target_include_directories(${target} PRIVATE ${PROJECT_BINARY_DIR}/build_info)
+    add_dependencies(${target} build_info)
 endfunction()

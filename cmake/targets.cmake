@@ -41,6 +41,9 @@ function(tessa_version target description)
     endif()
     configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc @ONLY)
     target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
+    set_source_files_properties(${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc PROPERTIES
+        OBJECT_DEPENDS ${build_info_header})
+    use_build_info(${target})
 endfunction()
 
 # The manifest of the programs that are shipped.

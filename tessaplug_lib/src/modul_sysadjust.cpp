@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "build_date.h"
+#include "build_info.h"
 #include "error_handler.h"
 #include "exception_history.h"
 #include "function_trace.h"
@@ -20,8 +20,8 @@ namespace {
 
 constexpr wchar_t kProviderName[] = L"tessaplug";
 constexpr wchar_t kModuleName[] = L"tessaplug.dll";
-constexpr wchar_t kBuildDate[] = TESSA_BUILD_DATE;
-constexpr wchar_t kVersion[] = L"V21.00.00.00_52.50.00.04";
+constexpr wchar_t kBuildDate[] = L"" TESSA_BUILD_DATE;
+constexpr wchar_t kVersion[] = L"" TESSA_VERSION_TEXT;
 
 std::unique_ptr<trace::ErrorHandler> errorHandler;
 
