@@ -174,6 +174,7 @@ def add_what_wixl_cannot(msi, programs, version, identity):
     properties.row("SecureCustomProperties")["Value"] += "".join(f";{name}" for name in PROPERTIES)
     # The clients of this component are the versions that are there.
     properties.add(Property="SharedComponent", Value="{" + guid("settings") + "}")
+    properties.add(Property="SizeOfFiles", Value=sum(int(row["FileSize"]) for row in files.rows))
     # "=" sets it, "-" takes it away again at the removal, "*" is the machine's; "[~];" keeps what is there.
     environment = Table(msi, "Environment", ["Environment", "Name", "Value", "Component_"],
                         ["s72", "l255", "L255", "s72"], ["Environment"])

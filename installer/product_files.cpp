@@ -21,7 +21,8 @@ constexpr wchar_t kEventSource[] = L"SYSTEM\\CurrentControlSet\\Services\\EventL
 [[noreturn]] void Fail(const std::wstring& what, const std::wstring& path) {
     const DWORD error = ::GetLastError();
     throw std::runtime_error(toolbox::WstringToString(
-        what + L" " + path + L" failed: " + operating_system::DescribeSystemError(error, path) + L".", CP_UTF8));
+        what + L" " + path + L" failed: " + operating_system::DescribeSystemError(error, path) + L".",
+        CP_UTF8));
 }
 
 bool Exists(const std::wstring& path) {
@@ -41,7 +42,8 @@ std::vector<std::wstring> FilesLike(const std::wstring& pattern) {
     if (search == INVALID_HANDLE_VALUE) return files;
     const std::wstring folder = pattern.substr(0, pattern.rfind(L'\\') + 1);
     do {
-        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) files.push_back(folder + found.cFileName);
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+            files.push_back(folder + found.cFileName);
     } while (::FindNextFileW(search, &found));
     ::FindClose(search);
     return files;
@@ -131,13 +133,16 @@ void ReleaseFiles(const std::wstring& folder) {
     }
 }
 
-void RemoveFolderLater(const std::wstring& folder) {
+void RemoveFolder(const std::wstring& folder) {
     const std::wstring path = folder.substr(0, folder.length() - 1);
+    bool isHeld = false;
     for (const wchar_t* name : kHeldFiles)
-        for (const std::wstring& old : FilesLike(folder + name + kReleased))
+        for (const std::wstring& old : FilesLike(folder + name + kReleased)) {
             RemoveNowOrLater(old);
+            isHeld = isHeld || Exists(old);
+        }
     // The system's next start removes in the order in which it was asked: the files first.
-    if (!::RemoveDirectoryW(path.c_str()) && Exists(path))
+    if (!::RemoveDirectoryW(path.c_str()) && isHeld)
         ::MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
 }
 
@@ -152,10 +157,12 @@ void RemoveLogs(const std::wstring& log) {
 void RemoveEventSource(const std::wstring& folder) {
     wchar_t file[2 * MAX_PATH] = {};
     DWORD size = sizeof file;
-    const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSource, L"EventMessageFile",
-                                          RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, file, &size);
+    const LSTATUS result =
+        ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSource, L"EventMessageFile",
+                       RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, file, &size);
     const std::wstring own = folder + L"tessaplug.dll";
-    const bool isOwn = result == ERROR_SUCCESS && ::CompareStringOrdinal(file, -1, own.c_str(), -1, TRUE) == CSTR_EQUAL;
+    const bool isOwn =
+        result == ERROR_SUCCESS && ::CompareStringOrdinal(file, -1, own.c_str(), -1, TRUE) == CSTR_EQUAL;
     // Without its file it is what the installer has left of it.
     if (isOwn || result == ERROR_FILE_NOT_FOUND) ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kEventSource);
 }
@@ -163,12 +170,19 @@ void RemoveEventSource(const std::wstring& folder) {
 std::vector<std::wstring> DumpsAndRecordings(const std::wstring& logFolder) {
     std::vector<std::wstring> kept;
     wchar_t temporary[MAX_PATH + 1] = {};
-    // As the service does: both run as the system.
-    if (::GetTempPathW(MAX_PATH, temporary) != 0)
-        AddAll(kept, FilesLike(std::wstring(temporary) + L"tessaplug.dll_*.dmp"));
+    wchar_t windows[MAX_PATH + 1] = {};
+    const std::wstring dumps = L"tessaplug.dll_*.dmp";
+    // As the service does, if both run as the system; and the folder that the system itself has by default.
+    if (::GetTempPathW(MAX_PATH, temporary) != 0) AddAll(kept, FilesLike(temporary + dumps));
+    if (::GetSystemWindowsDirectoryW(windows, MAX_PATH) != 0) {
+        const std::wstring common = std::wstring(windows) + L"\\Temp\\";
+        if (::CompareStringOrdinal(temporary, -1, common.c_str(), -1, TRUE) != CSTR_EQUAL)
+            AddAll(kept, FilesLike(common + dumps));
+    }
     const std::wstring own = operating_system::ProductDataFolder();
     AddAll(kept, FilesLike(own + L"\\*.etl"));
-    if (!logFolder.empty() && ::CompareStringOrdinal(logFolder.c_str(), -1, own.c_str(), -1, TRUE) != CSTR_EQUAL)
+    if (!logFolder.empty() &&
+        ::CompareStringOrdinal(logFolder.c_str(), -1, own.c_str(), -1, TRUE) != CSTR_EQUAL)
         AddAll(kept, FilesLike(logFolder + L"\\*.etl"));
     return kept;
 }

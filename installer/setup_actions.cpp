@@ -1,10 +1,11 @@
 #include <windows.h>
-#include <msi.h>
-#include <msiquery.h>
 
 #include <chrono>
+#include <cwchar>
 #include <exception>
 #include <memory>
+#include <msi.h>
+#include <msiquery.h>
 #include <stdexcept>
 #include <string>
 
@@ -16,9 +17,9 @@
 #include "toolbox.h"
 #include "wine_gap_loader.h"
 
-// What the installer has done beyond copying files. Windows Installer calls these exports: the first one at the
-// beginning, as the user who installs; the others while it makes its changes, or takes them back, as the system.
-// They are given the plan in the property CustomActionData.
+// What the installer has done beyond copying files. Windows Installer calls these exports: the first one at
+// the beginning, as the user who installs; the others while it makes its changes, or takes them back, as the
+// system. They are given the plan in the property CustomActionData.
 namespace installer {
 namespace {
 
@@ -87,7 +88,8 @@ class Service {
     /// @throws std::runtime_error if it still runs
     void Stop(const host::Options& options) {
         const host::ExitCode stopped = control_.Stop(options);
-        if (stopped != host::ExitCode::kNotRunning && stopped != host::ExitCode::kEndedByForce) Require(stopped);
+        if (stopped != host::ExitCode::kNotRunning && stopped != host::ExitCode::kEndedByForce)
+            Require(stopped);
     }
 
   private:
@@ -124,7 +126,8 @@ void RequireWindows() {
     constexpr DWORD kOldestBuild = 14393;  // Windows 10 1607, Windows Server 2016
     RTL_OSVERSIONINFOW version = {};
     version.dwOSVersionInfoSize = sizeof version;
-    // The documented functions tell a program what its manifest says that it knows, and this one is the installer's.
+    // The documented functions tell a program what its manifest says that it knows, and this one is the
+    // installer's.
     const auto getVersion = reinterpret_cast<LONG(WINAPI*)(RTL_OSVERSIONINFOW*)>(
         reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
     if (IsWine() || getVersion == nullptr || getVersion(&version) != 0) return;
@@ -132,8 +135,24 @@ void RequireWindows() {
         throw std::runtime_error("it needs Windows 10 (1607) or Windows Server 2016, or a later one.");
 }
 
-/// Whether another version has taken the place of the one that is removed. Windows Installer does not call the
-/// actions of such a removal, as their conditions say; this is for one that does.
+/// @throws std::runtime_error if the disk has no room for the files. What the installer reckons by itself
+/// leaves out the copies that are made of the files that are there.
+void RequireSpace(const Session& session, const std::wstring& folder, bool isInstalled) {
+    constexpr ULONGLONG kMegabyte = 1024ULL * 1024;
+    const ULONGLONG files = std::wcstoull(session.Property(L"SizeOfFiles").c_str(), nullptr, 10);
+    const ULONGLONG needed = isInstalled ? 3 * files : files;  // two copies for a while, see product_files.h
+    std::wstring disk = folder;
+    while (::GetFileAttributesW(disk.c_str()) == INVALID_FILE_ATTRIBUTES && disk.length() > 3)
+        disk = disk.substr(0, disk.find_last_of(L'\\', disk.length() - 2) + 1);
+    ULARGE_INTEGER free = {};
+    if (!::GetDiskFreeSpaceExW(disk.c_str(), &free, nullptr, nullptr) || free.QuadPart >= needed) return;
+    throw std::runtime_error("there is no room on the disk of " + toolbox::WstringToString(folder, CP_UTF8) +
+                             ": " + std::to_string(needed / kMegabyte + 1) + " MB are needed, " +
+                             std::to_string(free.QuadPart / kMegabyte) + " are there.");
+}
+
+/// Whether another version has taken the place of the one that is removed. Windows Installer does not call
+/// the actions of such a removal, as their conditions say; this is for one that does.
 bool IsReplaced(const Session& session) {
     const std::wstring component = session.Property(L"SharedComponent");
     const std::wstring self = session.Property(L"ProductCode");
@@ -175,7 +194,10 @@ extern "C" UINT WINAPI PrepareSetup(MSIHANDLE handle) {
             if (!isRemoval) throw;
             plan.folder = folder;  // a service that is somebody else's is left alone
         }
-        for (const wchar_t* action : {L"PutProductBack", L"ReleaseProductFiles", L"TakeServiceBack", L"SetUpService", L"StartInstalledService", L"RemoveInstalledService", L"RemoveWhatIsLeft"})
+        if (!isRemoval) installer::RequireSpace(session, folder, plan.previous.has_value());
+        for (const wchar_t* action :
+             {L"PutProductBack", L"ReleaseProductFiles", L"TakeServiceBack", L"SetUpService",
+              L"StartInstalledService", L"RemoveInstalledService", L"RemoveWhatIsLeft"})
             session.SetProperty(action, ToText(plan));
     });
 }
@@ -225,8 +247,8 @@ extern "C" UINT WINAPI TakeServiceBack(MSIHANDLE handle) {
     });
 }
 
-/// At the end, when nothing can be taken back any more: a service that does not start stays installed, and the
-/// user learns why.
+/// At the end, when nothing can be taken back any more: a service that does not start stays installed, and
+/// the user learns why.
 extern "C" UINT WINAPI StartInstalledService(MSIHANDLE handle) {
     return RunPlanned(handle, [](Session& session, const SetupPlan& plan) {
         installer::ForgetFiles(plan.folder);
@@ -256,7 +278,7 @@ extern "C" UINT WINAPI RemoveWhatIsLeft(MSIHANDLE handle) {
         if (!log.empty()) installer::RemoveLogs(log);
         ::RemoveDirectoryW(operating_system::ProductDataFolder().c_str());
         installer::RemoveEventSource(plan.folder);
-        installer::RemoveFolderLater(plan.folder);
+        installer::RemoveFolder(plan.folder);
         std::wstring kept;
         for (const std::wstring& file :
              installer::DumpsAndRecordings(log.empty() ? L"" : installer::FolderOf(log)))
@@ -264,6 +286,7 @@ extern "C" UINT WINAPI RemoveWhatIsLeft(MSIHANDLE handle) {
         if (!kept.empty())
             session.Message(INSTALLMESSAGE_WARNING,
                             L"these memory dumps and recordings are kept; delete them when nobody needs them "
-                            L"any more:" + kept);
+                            L"any more:" +
+                                kept);
     });
 }

@@ -30,9 +30,10 @@ host::Options Basis(const std::wstring& folder, const std::optional<host::Instal
     const std::wstring program = folder + L"tessahost.exe";
     if (service) {
         if (!service->options || !IsSamePath(service->options->program, program))
-            Refuse(L"There is a service \"" + options.name + L"\" already that is not this product's: it runs " +
-                   service->commandLine + L". Remove it first, if it is one of this plug-in with \"tessahost "
-                                          L"uninstall\" from its own folder.");
+            Refuse(L"There is a service \"" + options.name +
+                   L"\" already that is not this product's: it runs " + service->commandLine +
+                   L". Remove it first, if it is one of this plug-in with \"tessahost "
+                   L"uninstall\" from its own folder.");
         options = *service->options;
     } else {
         options.automaticStart = true;
@@ -117,7 +118,8 @@ SetupPlan MakePlan(const std::wstring& folder, const std::optional<host::Install
     Apply(wishes, options);
     plan.wanted = SetUpOf(options);
     // Who has stopped the service had a reason, which an update does not know.
-    plan.startAtTheEnd = wishes.startService.empty() ? !service || service->isRunning : wishes.startService == L"1";
+    plan.startAtTheEnd =
+        wishes.startService.empty() ? !service || service->isRunning : wishes.startService == L"1";
     return plan;
 }
 

@@ -17,8 +17,8 @@ struct ServiceSetUp {
 /// @throws std::runtime_error if the command line is none of the host's
 host::Options OptionsOf(const ServiceSetUp& setUp);
 
-/// What an installation, update, repair or removal is going to do. It is made up at the beginning, as the user,
-/// and done later by actions of the installer that run as the system and are given nothing but a text.
+/// What an installation, update, repair or removal is going to do. It is made up at the beginning, as the
+/// user, and done later by actions of the installer that run as the system and are given nothing but a text.
 struct SetupPlan {
     std::wstring folder;                   ///< where the product is, with a backslash at its end
     std::optional<ServiceSetUp> previous;  ///< the installed service, if it is this product's
@@ -41,8 +41,8 @@ struct Wishes {
 
 /// @param folder the product's folder, with a backslash at its end
 /// @param service the service of the host's name, if there is one
-/// @throws std::invalid_argument with sentences for the user if a wish cannot be met or the service is somebody
-/// else's
+/// @throws std::invalid_argument with sentences for the user if a wish cannot be met or the service is
+/// somebody else's
 SetupPlan MakePlan(const std::wstring& folder, const std::optional<host::InstalledService>& service,
                    const Wishes& wishes);
 
