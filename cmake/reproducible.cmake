@@ -4,8 +4,9 @@
 # Source files are named from the project's own folder. The compiler's command line stays out of the debug information.
 add_compile_options(
     "$<$<COMPILE_LANGUAGE:C,CXX>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${PROJECT_BINARY_DIR}=build;-fdebug-compilation-dir=.;-gno-codeview-command-line>")
-# The linker writes its own command line into the PDB file, and makes full paths of what it is given.
-add_link_options(-Wl,--no-insert-timestamp -Wl,-Xlink=-pdbaltpath:%_PDB% -Wl,-Xlink=-pdbsourcepath:.)
+# The linker writes its own command line into the PDB file, and makes full paths of what it is given. In place of the
+# time it puts a hash of the content into a binary: symbol stores keep binaries by that number and their size.
+add_link_options(-Wl,-Xlink=-Brepro -Wl,-Xlink=-pdbaltpath:%_PDB% -Wl,-Xlink=-pdbsourcepath:.)
 # The environment's library folders are for the machine's own programs.
 set(CMAKE_C_LINKER_LAUNCHER env -u LIBRARY_PATH)
 set(CMAKE_CXX_LINKER_LAUNCHER env -u LIBRARY_PATH)

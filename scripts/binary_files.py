@@ -3,6 +3,7 @@
 import struct
 
 IMPORT, RESOURCE, RELOCATION, DEBUG, DELAY_IMPORT, EXPORT = 1, 2, 5, 6, 13, 0  # data directories
+CODE_VIEW, REPRODUCIBLE = 2, 16  # kinds of debug entries
 
 
 class FormatError(Exception):
@@ -25,6 +26,7 @@ class PeFile:
         self.image_base = self.number("<Q", self.options + 24)
         self.os_version = struct.unpack_from("<HH", content, self.options + 40)
         self.subsystem_version = struct.unpack_from("<HH", content, self.options + 48)
+        self.image_size = self.number("<I", self.options + 56)
         self.checksum_at = self.options + 64
         self.checksum = self.number("<I", self.checksum_at)
         self.subsystem, self.dll_characteristics = struct.unpack_from("<HH", content, self.options + 68)
@@ -97,12 +99,20 @@ class PeFile:
                 start = self.offset(address)
                 result[path[:2]] = self.content[start:start + size]
 
-    def pdb_reference(self):
-        """Identifier, age and file name of the PDB file that belongs to it; None if there is none."""
+    def _debug_entries(self):
+        """Kind, size, address and offset of each."""
         place = self.directory(DEBUG)
         for at in range(place[0], place[0] + place[1], 28) if place else ():
-            kind, size, _, raw = struct.unpack_from("<IIII", self.content, at + 12)
-            if kind == 2 and self.content[raw:raw + 4] == b"RSDS":
+            yield struct.unpack_from("<IIII", self.content, at + 12)
+
+    def is_reproducible(self):
+        """Whether it says of itself that its time stamps are no times but a hash of its content."""
+        return any(kind == REPRODUCIBLE for kind, _, _, _ in self._debug_entries())
+
+    def pdb_reference(self):
+        """Identifier, age and file name of the PDB file that belongs to it; None if there is none."""
+        for kind, size, _, raw in self._debug_entries():
+            if kind == CODE_VIEW and self.content[raw:raw + 4] == b"RSDS":
                 name = self.content[raw + 24:raw + size].rstrip(b"\0").decode()
                 return self.content[raw + 4:raw + 20], self.number("<I", raw + 20), name
         return None
@@ -161,3 +171,13 @@ class PdbFile:
         """Identifier and age, to be compared with those of the binary."""
         _, _, age = struct.unpack_from("<III", self.streams[1])
         return self.streams[1][12:28], age
+
+    def modules(self):
+        """What was linked, each by its name and by the archive that it comes from; without one both are its name."""
+        information = self.streams[3]
+        at, end = 64, 64 + struct.unpack_from("<I", information, 24)[0]
+        while at < end:
+            middle = information.index(b"\0", at + 64)
+            last = information.index(b"\0", middle + 1)
+            yield information[at + 64:middle].decode(), information[middle + 1:last].decode()
+            at = last + 1 + -(last + 1) % 4

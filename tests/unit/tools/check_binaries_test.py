@@ -17,7 +17,7 @@ scripts, programs = map(pathlib.Path, sys.argv[1:3])
 sys.path.insert(0, str(scripts))
 
 import check_binaries
-from binary_files import DEBUG, DELAY_IMPORT, RELOCATION, PdbFile, PeFile
+from binary_files import DEBUG, DELAY_IMPORT, RELOCATION, REPRODUCIBLE, PdbFile, PeFile
 
 SOUND = "tessaplug.dll", "tessahost.exe", "fenlu3.sys"
 
@@ -149,9 +149,23 @@ class CheckBinaries(unittest.TestCase):
 
     def test_time_stamps_are_found_wherever_they_are(self):
         self.put("tessahost.exe", lambda pe: pe.options - 16, "<I", 0x69000000)
-        self.expect("tessahost.exe", "has a time stamp")
+        self.expect("tessahost.exe", "has a time stamp beside the hash")
         self.put("tessaplug.dll", lambda pe: pe.directory(DEBUG)[0] + 4, "<I", 0x69000000)
-        self.expect("tessaplug.dll", "has a time stamp")
+        self.expect("tessaplug.dll", "has a time stamp beside the hash")
+
+    def test_time_stamp_is_the_hash_by_which_symbol_stores_tell_versions_apart(self):
+        for name in SOUND:
+            self.put(name, lambda pe: pe.options - 16, "<I", 0)
+            self.assertTrue(any("has no hash of its content" in line for line in self.findings(name)), name)
+
+    def test_time_stamp_that_is_not_said_to_be_a_hash_is_refused(self):
+        def forget(content, pe):
+            start, size = pe.directory(DEBUG)
+            for at in range(start, start + size, 28):
+                if struct.unpack_from("<I", content, at + 12)[0] == REPRODUCIBLE:
+                    struct.pack_into("<I", content, at + 12, 0)
+        self.edit("tessahost.exe", forget)
+        self.expect("tessahost.exe", "has no hash of its content")
 
     def test_manifest_is_there_and_says_what_it_should(self):
         for old, new, finding in ((b"asInvoker", b"asInvokes", "the level of requestedExecutionLevel is not asInvoker"),
