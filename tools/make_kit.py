@@ -11,7 +11,11 @@ import json
 import pathlib
 import subprocess
 import sys
-import zipfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "packaging"))
+
+import archive as archives
+import sources
 
 LABELS = ("plain", "service", "session", "driver", "winegap")
 SOURCES = pathlib.Path(__file__).parent / "kitrun"
@@ -66,16 +70,15 @@ def main():
     listed = json.loads(shown.stdout)
     lines = [line for line in (line_of(test, programs) for test in listed["tests"]) if line is not None]
     archive.parent.mkdir(parents=True, exist_ok=True)
-    # By another name until it is whole.
-    unfinished = archive.with_suffix(".part")
-    with zipfile.ZipFile(unfinished, "w", zipfile.ZIP_DEFLATED, compresslevel=1) as kit:
-        kit.writestr("run.cmd", (SOURCES / "run.cmd").read_text().replace("\n", "\r\n"))
-        kit.write(programs / "kitrun.exe", "kitrun.exe")
-        kit.write(DOCUMENT, DOCUMENT.name)
-        kit.writestr("tests.txt", "".join(f"{line}\r\n" for line in [version, *lines]))
-        for file in sorted(path for path in programs.rglob("*") if path.is_file() and is_packed(path)):
-            kit.write(file, pathlib.Path("bin") / file.relative_to(programs))
-    unfinished.replace(archive)
+    entries = [("run.cmd", (SOURCES / "run.cmd").read_text().replace("\n", "\r\n")),
+               ("kitrun.exe", programs / "kitrun.exe"), (DOCUMENT.name, DOCUMENT),
+               ("tests.txt", "".join(f"{line}\r\n" for line in [version, *lines]))]
+    entries += [((pathlib.Path("bin") / file.relative_to(programs)).as_posix(), file)
+                for file in programs.rglob("*") if file.is_file() and is_packed(file)]
+    try:
+        archives.write(archive, sources.date(), entries, level=1)
+    except sources.Refused as error:
+        fail(error)
     print(f"{archive}: {len(lines)} tests, {archive.stat().st_size // 2**20} MB")
 
 
