@@ -4,6 +4,7 @@ operator's tool from the file alone. Arguments: the emulator and the folder of t
 
 import json
 import os
+import pathlib
 import re
 import struct
 import subprocess
@@ -12,6 +13,12 @@ import tempfile
 import unittest
 
 emulator, programs = sys.argv[1:3]
+programs_folder = pathlib.Path(programs)
+packaging = pathlib.Path(__file__).resolve().parents[2] / "tools" / "packaging"
+sys.path[:0] = [str(packaging), str(packaging.parents[1] / "scripts")]
+
+import archive
+import symbol_store
 
 
 def run(program, *arguments):
@@ -43,9 +50,9 @@ class Dump(unittest.TestCase):
         os.remove(cls.file)
 
     @classmethod
-    def debugger(cls, *commands):
+    def debugger(cls, *commands, folder=programs):
         options = [word for command in commands for word in ("-o", command)]
-        return subprocess.run(["lldb-19", "--batch", "--core", cls.file, *options], cwd=programs,
+        return subprocess.run(["lldb-19", "--batch", "--core", cls.file, *options], cwd=folder,
                               capture_output=True, text=True, timeout=60).stdout
 
     def test_debugger_shows_exception_threads_functions_and_lines(self):
@@ -54,6 +61,18 @@ class Dump(unittest.TestCase):
         self.assertIn("thread #2", output)
         self.assertRegex(output, r"MemoryDump::Create.* at memory_dump\.cpp:\d+")
         self.assertRegex(output, r"ErrorHandler::FatalError.* at error_handler\.cpp:\d+")
+        self.assertRegex(output, r"FunctionThatAsserts.* at asserts_and_dumps\.cpp:\d+")
+
+    def test_symbols_of_a_release_are_looked_out_for_the_debugger(self):
+        with tempfile.TemporaryDirectory() as folder:
+            binaries = [programs_folder / "asserts_and_dumps.exe", programs_folder / "tessaplug.dll"]
+            archive.write(pathlib.Path(folder, "symbols.zip"), 0, symbol_store.entries(binaries), level=1)
+            found = pathlib.Path(folder, "found")
+            subprocess.run([sys.executable, packaging / "dump_symbols.py", self.file, found, found.with_name("symbols.zip")],
+                           check=True, capture_output=True)
+            self.assertEqual(sorted(path.name for path in found.iterdir()),
+                             ["asserts_and_dumps.exe", "asserts_and_dumps.pdb"])
+            output = self.debugger("bt all", folder=found)
         self.assertRegex(output, r"FunctionThatAsserts.* at asserts_and_dumps\.cpp:\d+")
 
     def test_history_is_printed_oldest_first(self):
