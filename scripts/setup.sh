@@ -7,7 +7,7 @@ packages=(
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
     ninja-build cmake googletest python3 git yamllint
     wine64 xvfb xdotool imagemagick lldb-19
-    msitools wixl openssl osslsigncode python3-jsonschema
+    msitools wixl openssl osslsigncode ca-certificates python3-jsonschema
 )
 
 missing=()

@@ -66,10 +66,11 @@ class Dump(unittest.TestCase):
     def test_symbols_of_a_release_are_looked_out_for_the_debugger(self):
         with tempfile.TemporaryDirectory() as folder:
             binaries = [programs_folder / "asserts_and_dumps.exe", programs_folder / "tessaplug.dll"]
-            archive.write(pathlib.Path(folder, "symbols.zip"), 0, symbol_store.entries(binaries), level=1)
+            symbols = pathlib.Path(folder, "symbols.zip")
+            archive.write(symbols, 0, symbol_store.entries(binaries), level=1)
             found = pathlib.Path(folder, "found")
-            subprocess.run([sys.executable, packaging / "dump_symbols.py", self.file, found, found.with_name("symbols.zip")],
-                           check=True, capture_output=True)
+            subprocess.run([sys.executable, packaging / "dump_symbols.py", self.file, found, symbols], check=True,
+                           capture_output=True)
             self.assertEqual(sorted(path.name for path in found.iterdir()),
                              ["asserts_and_dumps.exe", "asserts_and_dumps.pdb"])
             output = self.debugger("bt all", folder=found)

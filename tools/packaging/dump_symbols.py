@@ -12,7 +12,8 @@ import struct
 import sys
 import zipfile
 
-sys.path[:0] = [str(pathlib.Path(__file__).resolve().parent), str(pathlib.Path(__file__).resolve().parents[2] / "scripts")]
+TOOLS = pathlib.Path(__file__).resolve().parent
+sys.path[:0] = [str(TOOLS), str(TOOLS.parents[1] / "scripts")]
 
 from binary_files import FormatError, PeFile
 from sources import Refused

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes what is given away: the installer package, symbols, stand-ins, the kit for a Windows, the list of components."""
+"""Makes what is given away: the installer package, symbols, stand-ins, the kit for a Windows, list of components."""
 
 import argparse
 import os

@@ -1,5 +1,6 @@
-"""What of others is inside a binary: the archives that were linked into it and the libraries of headers only, as its PDB
-file tells. Another one must be looked up and entered here, and into THIRD_PARTY_NOTICES.md, before anybody gets it."""
+"""What of others is inside a binary: the archives that were linked into it and the libraries of headers only, as its
+PDB file tells. Another one must be looked up and entered here, and into THIRD_PARTY_NOTICES.md, before anybody gets
+it."""
 
 import dataclasses
 import functools
@@ -26,10 +27,11 @@ FSF = "Copyright (C) Free Software Foundation, Inc."
 COMPONENTS = {component.name: component for component in (
     Component("libstdc++", GCC_LICENCE, FSF, "STATIC_LINK"),
     Component("libgcc", GCC_LICENCE, FSF, "STATIC_LINK"),
-    Component("mingw-w64-crt", "ZPL-2.1 AND LicenseRef-Lucent AND LicenseRef-David-Gay AND LicenseRef-Keith-Marshall AND "
-              "LicenseRef-public-domain", "Copyright (c) the mingw-w64 project", "STATIC_LINK"),
-    Component("winpthreads", "MIT AND BSD-3-Clause AND LicenseRef-public-domain", "Copyright (c) the mingw-w64 project; (c) Lockless Inc.",
+    Component("mingw-w64-crt", "ZPL-2.1 AND LicenseRef-Lucent AND LicenseRef-David-Gay AND "
+              "LicenseRef-Keith-Marshall AND LicenseRef-public-domain", "Copyright (c) the mingw-w64 project",
               "STATIC_LINK"),
+    Component("winpthreads", "MIT AND BSD-3-Clause AND LicenseRef-public-domain",
+              "Copyright (c) the mingw-w64 project; (c) Lockless Inc.", "STATIC_LINK"),
     Component("CLI11", "BSD-3-Clause", "Copyright (c) University of Cincinnati, developed by Henry Schreiner",
               "CONTAINS", "libcli11-dev"),
     Component("nlohmann-json", "MIT", "Copyright (c) Niels Lohmann", "CONTAINS", "nlohmann-json3-dev"),

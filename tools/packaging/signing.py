@@ -17,7 +17,7 @@ def _run(*command, content=None):
 
 
 class Signer:
-    """A certificate with its key. A PFX file that cannot be used is refused here, before anything is made with it."""
+    """A certificate with its key. A PFX file that cannot be used is refused here, before anything is made."""
 
     def __init__(self, certificate, password_file=None, timestamp=None):
         self._certificate = pathlib.Path(certificate)
@@ -67,8 +67,8 @@ class Signer:
             signed.unlink(missing_ok=True)
 
     def check(self, path, name=None):
-        """Refuses a file that is not signed with this certificate, or was changed since. Roots that count are those in
-        the PFX file and the system's."""
+        """Refuses a file that is not signed with this certificate, that was changed since, or that lacks the time stamp
+        that was asked for. Roots that count are those in the PFX file and the system's."""
         name = name or path.name
         with tempfile.TemporaryDirectory() as folder:
             roots = pathlib.Path(folder) / "roots.pem"
@@ -77,7 +77,7 @@ class Signer:
             done = _run("osslsigncode", "verify", "-CAfile", roots, "-TSA-CAfile", roots, "-require-leaf-hash",
                         f"sha256:{self._fingerprint}", "-in", path)
         output = done.stdout + done.stderr
-        if b"No signature found" in output or b"no signature" in output.lower():
+        if b"no signature" in output.lower():
             raise Refused(f"{name} is not signed")
         if b"MISMATCH" in output:
             raise Refused(f"{name} was changed after it was signed")
@@ -85,11 +85,13 @@ class Signer:
             raise Refused(f"{name} is signed with another certificate")
         if done.returncode != 0:
             raise Refused(f"the signature of {name} is not valid: {_told(done)}")
-        if self._timestamp and b"Timestamp is not available" in output:
-            raise Refused(f"{name} has no time stamp")
+        # osslsigncode itself goes on without one.
+        if self._timestamp and b"Timestamp Server Signature verification: ok" not in output:
+            raise Refused(f"{name} has no time stamp that is valid")
 
 
 def _told(done):
     """What a program complained of, in one line."""
     lines = (done.stderr + b"\n" + done.stdout).decode(errors="replace").splitlines()
-    return "; ".join(dict.fromkeys(line.strip() for line in lines if line.strip())) or f"it ended with {done.returncode}"
+    told = "; ".join(dict.fromkeys(line.strip() for line in lines if line.strip()))
+    return told or f"it ended with {done.returncode}"

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What belongs to a memory dump is found among the symbols of several releases, and what does not is told. Argument: the
-folder of the programs. That a debugger can use it is tested with a real dump."""
+"""What belongs to a memory dump is found among the symbols of several releases, and what does not is told. That a
+debugger can use it is tested with a real dump. Argument: the folder of the programs."""
 
 import contextlib
 import io
@@ -87,8 +87,8 @@ class DumpSymbols(InFolder):
 
     def test_files_that_are_none_are_told(self):
         whole = dump_of(self.module("tessahost.exe"))
-        for content, told in ((b"just text", "is no memory dump"), (whole[:-30], "is damaged"), (whole[:20], "is damaged"),
-                              (whole[:44] + struct.pack("<I", 99) + whole[48:], "is damaged"), (b"", "empty")):
+        for content, told in ((b"just text", "is no memory dump"), (whole[:-30], "is damaged"),
+                              (whole[:20], "is damaged"), (whole[:44] + struct.pack("<I", 99) + whole[48:], "is damaged"), (b"", "empty")):
             status, text, _ = self.look_out(content)
             self.assertEqual(status, 1)
             self.assertIn(told, text)

@@ -22,8 +22,8 @@ class Version(InFolder):
             self.assertEqual(sources.version(text), text)
 
     def test_anything_else_is_none(self):
-        for text in ("", "21", "21.0", "21.0.0.0", "100.0.0", "1.0.100", "01.0.0", "1.00.0", "1.2.3 ", "1.2.3\n", "v1.2.3",
-                     "1.2.-3", "1.2.x", "../1.2.3", "١.2.3"):
+        for text in ("", "21", "21.0", "21.0.0.0", "100.0.0", "1.0.100", "01.0.0", "1.00.0", "1.2.3 ", "1.2.3\n",
+                     "v1.2.3", "1.2.-3", "1.2.x", "../1.2.3", "١.2.3"):
             self.refused(f"\"{text}\" is no version", sources.version, text)
 
     def test_version_of_the_sources_is_built_where_it_is_built_day_by_day(self):
@@ -92,8 +92,8 @@ class Options(InFolder):
             self.assertIn("of use with --sign only", text)
 
     def test_wrong_version_is_refused_before_anything_is_built(self):
-        self.assertEqual(self.told("1.2"), (1, "package: \"1.2\" is no version: three numbers up to 99 are needed, such "
-                                               "as 21.0.1\n"))
+        self.assertEqual(self.told("1.2"), (1, "package: \"1.2\" is no version: three numbers up to 99 are "
+                                               "needed, such as 21.0.1\n"))
 
     def test_missing_certificate_is_refused_before_anything_is_built(self):
         path = self.folder / "nobody.pfx"

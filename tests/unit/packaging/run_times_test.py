@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What of others is in a binary is read from its PDB file, and what nobody has looked up is refused. Argument: the folder
-of the programs."""
+"""What of others is in a binary is read from its PDB file, and what nobody has looked up is refused. Argument: the
+folder of the programs."""
 
 import unittest.mock
 

@@ -2,14 +2,17 @@
 """Binaries are signed with a certificate that is made on the spot, what is damaged or not signed is told, and what
 nobody can sign with is refused. Argument: the folder of the programs."""
 
+import http.server
 import pathlib
 import shutil
 import subprocess
 import tempfile
+import threading
 import unittest.mock
 
 from under_test import PROGRAMS, InFolder, main
 
+import signing
 from binary_files import PeFile
 from signing import Signer
 from sources import Refused
@@ -23,14 +26,63 @@ def openssl(*arguments):
 
 
 def make_certificate(folder, name, usage="codeSigning"):
-    """A self-signed certificate and its key, NAME.pem and NAME.key."""
-    openssl("req", "-x509", "-newkey", "rsa:2048", "-noenc", "-keyout", folder / f"{name}.key", "-out",
-            folder / f"{name}.pem", "-days", "30", "-subj", f"/CN={name}", "-addext", f"extendedKeyUsage={usage}")
+    """A self-signed certificate NAME.pem. All have the same key: making one takes its time."""
+    key = folder / "key"
+    if not key.exists():
+        openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", key)
+    openssl("req", "-x509", "-key", key, "-out", folder / f"{name}.pem", "-days", "30", "-subj", f"/CN={name}",
+            "-addext", f"extendedKeyUsage={usage}")
 
 
 def make_pfx(folder, name, password=PASSWORD, *options):
-    openssl("pkcs12", "-export", *options, "-inkey", folder / f"{name}.key", "-in", folder / f"{name}.pem", "-out",
+    openssl("pkcs12", "-export", *options, "-inkey", folder / "key", "-in", folder / f"{name}.pem", "-out",
             folder / f"{name}.pfx", "-passout", f"pass:{password}")
+
+
+TSA_SETTINGS = """[tsa]
+default_tsa = own
+[own]
+serial = {folder}/serial
+signer_digest = sha256
+default_policy = 1.2.3.4
+digests = sha256
+ess_cert_id_alg = sha256
+"""
+
+
+class TimestampServer(http.server.HTTPServer):
+    """Puts the present time to what it is asked for, as RFC 3161 has it."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        make_certificate(folder, "tsa", usage="critical,timeStamping")
+        (folder / "tsa.cnf").write_text(TSA_SETTINGS.format(folder=folder), encoding="utf-8")
+        (folder / "serial").write_text("01", encoding="utf-8")
+        super().__init__(("127.0.0.1", 0), TimestampAnswer)
+        self.url = f"http://127.0.0.1:{self.server_port}/"
+
+    def __enter__(self):
+        threading.Thread(target=self.serve_forever).start()
+        return self
+
+    def __exit__(self, *_):
+        self.shutdown()
+        self.server_close()
+
+
+class TimestampAnswer(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):  # the name is the library's
+        folder = self.server.folder
+        (folder / "query").write_bytes(self.rfile.read(int(self.headers["Content-Length"])))
+        openssl("ts", "-reply", "-config", folder / "tsa.cnf", "-queryfile", folder / "query", "-signer",
+                folder / "tsa.pem", "-inkey", folder / "key", "-out", folder / "reply")
+        self.send_response(200)
+        self.send_header("Content-Type", "application/timestamp-reply")
+        self.end_headers()
+        self.wfile.write((folder / "reply").read_bytes())
+
+    def log_message(self, *_):
+        pass
 
 
 class Signing(InFolder):
@@ -108,6 +160,16 @@ class Signing(InFolder):
         self.refused("tessahost.exe cannot be signed", signer.sign, self.binary, "tessaplug", DATE)
         self.assertEqual(self.binary.read_bytes(), before)
 
+    def test_time_stamp_of_a_server_is_in_the_signature(self):
+        with TimestampServer(self.certificates) as server:
+            signer = Signer(self.certificates / "own.pfx", self.certificates / "password", server.url)
+            self.refused("tessahost.exe has no time stamp that is valid", signer.sign, self.binary, "tessaplug", DATE)
+            with unittest.mock.patch.object(signing, "SYSTEM_CERTIFICATES", self.certificates / "tsa.pem"):
+                signer.sign(self.binary, "tessaplug", DATE)
+                signer.check(self.binary)
+                self.signer().sign(self.binary, "tessaplug", DATE)
+                self.refused("tessahost.exe has no time stamp that is valid", signer.check, self.binary)
+
     def test_wrong_password_and_missing_files_are_refused(self):
         (self.certificates / "wrong").write_text("another word\n", encoding="utf-8")
         self.refused("the password is not that of", self.signer, "own", "wrong")
@@ -138,7 +200,7 @@ class Signing(InFolder):
     def test_expired_certificate_is_refused(self):
         make_certificate(self.certificates, "expired")
         own = self.certificates / "expired.pem"
-        openssl("x509", "-in", own, "-signkey", own.with_suffix(".key"), "-days", "0", "-out", own)
+        openssl("x509", "-in", own, "-signkey", own.with_name("key"), "-days", "0", "-out", own)
         make_pfx(self.certificates, "expired")
         self.refused("has expired", self.signer, "expired")
 
