@@ -5,6 +5,7 @@ import argparse
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -26,7 +27,6 @@ from sources import ROOT, Refused
 
 MAKE_MSI = ROOT / "installer" / "make_msi.py"
 INSTALLER_LIBRARY = "tessasetup.dll"  # called by the installer; a build may be without it
-BINARY_SUFFIXES = (".dll", ".exe", ".sys")
 
 
 def parse(arguments):
@@ -79,14 +79,16 @@ def stand_in_entries(programs):
 
 
 def components_of(contents, programs):
-    """What of others is in each binary of the package; each is the one that was built, and signed, here."""
+    """What of others is in each binary of the package; each is one that was built, and signed, here. In the package a
+    library that the installer calls may have any name."""
+    here = {path.read_bytes(): path for path in product_binaries(programs)}
     result = {}
     for name, content in contents.items():
-        built = programs / pathlib.PurePosixPath(name).name
-        if built.suffix not in BINARY_SUFFIXES:
+        if not content.startswith(b"MZ"):
             continue
-        if not built.is_file() or built.read_bytes() != content:
-            raise Refused(f"the installer package holds a {name} that is not the one of {programs}")
+        built = here.get(content)
+        if built is None:
+            raise Refused(f"the installer package holds a {name} that is none of the product's in {programs}")
         if not built.with_suffix(".pdb").is_file():
             raise Refused(f"{name} has no PDB file that tells what was linked into it")
         result[name] = run_times.of_pdb(built.with_suffix(".pdb"))
@@ -169,4 +171,6 @@ def main(arguments):
 
 if __name__ == "__main__":
     os.umask(0o022)
+    # What was begun is removed also when the packing is ended from outside.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     sys.exit(main(sys.argv[1:]))
