@@ -27,6 +27,9 @@ SHIPPED = {
                       {"tessaplug_init", "tessaplug_cleanup", "tessaplug_service_ctrl_handler"}),
     "tessahost.exe": (PLUG_IN_LIBRARIES - {"oleaut32.dll"}, set()),
     "tessactl.exe": (PLUG_IN_LIBRARIES, set()),
+    "tessasetup.dll": (PLUG_IN_LIBRARIES | {"msi.dll"},
+                       {"PrepareSetup", "PutProductBack", "ReleaseProductFiles", "RemoveInstalledService",
+                        "RemoveWhatIsLeft", "SetUpService", "StartInstalledService", "TakeServiceBack"}),
 }
 # The rest of a station: of these the functions are not looked at one by one.
 STAND_IN_LIBRARIES = PLUG_IN_LIBRARIES | {"newdev.dll", "ntdll.dll", "setupapi.dll", "wtsapi32.dll"}
