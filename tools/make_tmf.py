@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Collects the trace texts that stand beside the trace points into trace message format files.
 
-usage: make_tmf.py OUTPUT_FOLDER SOURCE...
+usage: make_tmf.py OUTPUT_FOLDER BUILD_INFO_HEADER SOURCE...
 
 A source file that traces states its path, message GUID and channel in TRACE_SOURCE; its trace points are
 TRACE_ERROR, TRACE_WARNING, TRACE_INFO and TRACE_VERBOSE with a number and a text. One file GUID.tmf is written
 for each message GUID; files of GUIDs that no source has any more are removed. What is wrong with a source ends
-the program with a message that names file and line.
+the program with a message that names file and line. What build the files are of stands beside them in build.txt, not in
+them: who decodes knows them as they are, and a new commit leaves alone those whose texts it did not change.
 """
 
 import pathlib
@@ -153,12 +154,25 @@ def make(folder, sources):
             old.unlink()
 
 
+def write_build(folder, header):
+    """What the build's header tells, in lines of a name and a value."""
+    text = pathlib.Path(header).read_text(encoding="utf-8")
+    lines = []
+    for name, macro in (("version", "VERSION_TEXT"), ("commit", "COMMIT"), ("date", "BUILD_DATE")):
+        value = re.search(rf'^#define TESSA_{macro} "(.+?)"', text, re.M)
+        if not value:
+            raise SourceError(f"{header}: there is no TESSA_{macro}")
+        lines.append(f"{name} {value.group(1)}\n")
+    write_if_changed(pathlib.Path(folder) / "build.txt", "".join(lines))
+
+
 def main(arguments):
-    if len(arguments) < 2:
+    if len(arguments) < 3:
         print(__doc__, file=sys.stderr)
         return 2
     try:
-        make(arguments[0], arguments[1:])
+        make(arguments[0], arguments[2:])
+        write_build(arguments[0], arguments[1])
     except (SourceError, OSError) as error:
         print(f"make_tmf: {error}", file=sys.stderr)
         return 1

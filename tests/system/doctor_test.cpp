@@ -6,9 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "build_info.h"
 #include "event_log_file.h"
 #include "process_list.h"
 #include "station.h"
@@ -136,6 +138,50 @@ class StationManagerInUse {
 
   private:
     IUnknown* station_ = nullptr;
+};
+
+/// A station whose plug-in is a copy, which may be replaced.
+class DoctorOfBuilds : public Doctor {
+  protected:
+    DoctorOfBuilds() {
+        std::filesystem::create_directories(folder_);
+        std::ifstream file(std::filesystem::path(ProgramFolder() + L"tessaplug.dll"), std::ios::binary);
+        plugIn_.assign(std::istreambuf_iterator<char>(file), {});
+        Write(plugIn_);
+        RunCommand(L"tessahost.exe uninstall");
+        EXPECT_EQ(
+            RunCommand(L"tessahost.exe install --plugin " + path_ + L" --log \"" + log_ + L"\"").exitCode,
+            0u);
+    }
+    ~DoctorOfBuilds() override {
+        RunCommand(L"tessahost.exe uninstall");
+        std::filesystem::remove_all(folder_);
+    }
+
+    void Write(const std::string& content) const {
+        std::ofstream(std::filesystem::path(path_), std::ios::binary) << content;
+    }
+    /// As an update does it, which cannot write into a file that is in use.
+    void Replace(const std::string& content) const {
+        std::filesystem::rename(path_, folder_ + L"\\old.dll");
+        Write(content);
+    }
+    /// The plug-in of another version or commit.
+    std::string Changed(const std::string& text) const {
+        std::string changed = plugIn_;
+        const std::string wide(reinterpret_cast<const char*>(std::wstring(text.begin(), text.end()).c_str()),
+                               text.length() * sizeof(wchar_t));
+        std::size_t count = 0;
+        for (std::size_t at = changed.find(wide); at != std::string::npos;
+             at = changed.find(wide, at), ++count)
+            changed[at + 2] = '~';
+        EXPECT_GT(count, 0u);
+        return changed;
+    }
+
+    const std::wstring folder_ = L"C:\\windows\\temp\\builds";
+    const std::wstring path_ = folder_ + L"\\tessaplug.dll";
+    std::string plugIn_;
 };
 
 /// A station whose station manager is registered.
@@ -403,6 +449,82 @@ TEST_F(Doctor, ShowsWhatTheServiceManagerDoesWithTheService) {
               std::string::npos)
         << doctor.output;
     EXPECT_NE(FindingOf(doctor, "service recovery"), "") << doctor.output;
+}
+
+TEST_F(DoctorOfBuilds, OneBuildIsWell) {
+    const std::string build = TESSA_VERSION_TEXT ", commit " TESSA_COMMIT " of " TESSA_BUILD_DATE "\n";
+    for (const bool runs : {false, true}) {
+        if (runs) StartService();
+        const CommandResult doctor = Tool(L"doctor");
+        for (const auto* what : {"host", "plug-in", "trace formats"}) {
+            const std::string finding = FindingOf(doctor, std::string("build of the ") + what);
+            EXPECT_TRUE(finding.starts_with("ok ") && finding.ends_with("  " + build)) << doctor.output;
+        }
+        EXPECT_TRUE(FindingOf(doctor, "build of this tool").ends_with("  " + build)) << doctor.output;
+    }
+}
+
+TEST_F(DoctorOfBuilds, PlugInThatWasReplacedWithoutARestartIsAProblemUntilIt) {
+    StartService();
+    Replace(Changed(TESSA_COMMIT));
+    const CommandResult replaced = Tool(L"doctor");
+    EXPECT_EQ(replaced.exitCode, 3u);
+    const std::string finding = FindingOf(replaced, "build of the plug-in");
+    EXPECT_TRUE(finding.starts_with("PROBLEM ")) << replaced.output;
+    EXPECT_NE(finding.find(" runs; its file is " TESSA_VERSION_TEXT ", commit "), std::string::npos)
+        << finding;
+    EXPECT_NE(finding.find("-> restart the service: "), std::string::npos) << finding;
+    EXPECT_TRUE(Contains(Tool(L"doctor --json"),
+                         R"j({"what":"build of the plug-in","ok":false,"state":"problem","found":"V)j"));
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    StartService();
+    const CommandResult restarted = Tool(L"doctor");
+    EXPECT_EQ(restarted.exitCode, 0u) << restarted.output;
+    const std::string other = FindingOf(restarted, "build of the plug-in");
+    EXPECT_TRUE(other.starts_with("note ")) << "another commit of one version\n" << restarted.output;
+    EXPECT_NE(other.find("; the host is " TESSA_VERSION_TEXT ", commit " TESSA_COMMIT " of "),
+              std::string::npos)
+        << other;
+    EXPECT_TRUE(FindingOf(restarted, "build of this tool").starts_with("note ")) << restarted.output;
+    EXPECT_TRUE(FindingOf(restarted, "build of the trace formats").starts_with("note ")) << restarted.output;
+}
+
+TEST_F(DoctorOfBuilds, PlugInOfAnotherVersionThanTheHostIsAProblem) {
+    Write(Changed(TESSA_VERSION_TEXT));
+    const CommandResult doctor = Tool(L"doctor");
+    const std::string finding = FindingOf(doctor, "build of the plug-in");
+    EXPECT_TRUE(finding.starts_with("PROBLEM ")) << doctor.output;
+    EXPECT_NE(finding.find("; the host is " TESSA_VERSION_TEXT ", "), std::string::npos) << finding;
+    EXPECT_TRUE(FindingOf(doctor, "build of the host").starts_with("ok ")) << doctor.output;
+}
+
+TEST_F(DoctorOfBuilds, FileThatIsGoneDamagedOrForeignIsToldInWords) {
+    StartService();
+    std::filesystem::rename(path_, folder_ + L"\\old.dll");
+    EXPECT_NE(FindingOf(Tool(L"doctor"), "build of the plug-in").find("there is no such file any more; V"),
+              std::string::npos);
+    Write(plugIn_.substr(0, plugIn_.length() / 2));
+    EXPECT_NE(FindingOf(Tool(L"doctor"), "build of the plug-in")
+                  .find(" runs; its file: its version resource is damaged"),
+              std::string::npos);
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    std::filesystem::copy_file(ProgramFolder() + L"plug_in_works.dll", path_,
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_NE(
+        FindingOf(Tool(L"doctor"), "build of the plug-in").find("not known: it has no version resource"),
+        std::string::npos);
+    std::filesystem::remove(path_);
+    const CommandResult missing = Tool(L"doctor");
+    EXPECT_NE(FindingOf(missing, "build of the plug-in").find("tessaplug.dll: there is no such file\n"),
+              std::string::npos)
+        << missing.output;
+}
+
+TEST_F(Doctor, BuildsAreNotKnownWithoutAService) {
+    const CommandResult doctor = Tool(L"doctor --service \"no such\"");
+    for (const auto* what : {"build of the host", "build of the plug-in"})
+        EXPECT_TRUE(FindingOf(doctor, what).starts_with("note ")) << doctor.output;
+    EXPECT_TRUE(FindingOf(doctor, "build of this tool").starts_with("ok ")) << doctor.output;
 }
 
 TEST_F(Doctor, JsonTellsNotesFromProblems) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """A memory dump that a failed assertion wrote is readable: with a stock debugger and the PDB files, and with the
-operator's tool from the file alone. Arguments: the emulator and the folder of the programs."""
+operator's tool from the file alone. Arguments: the emulator, the folder of the programs, and the header that tells
+their build."""
 
 import json
 import os
@@ -12,7 +13,7 @@ import sys
 import tempfile
 import unittest
 
-emulator, programs = sys.argv[1:3]
+emulator, programs, header = sys.argv[1:4]
 programs_folder = pathlib.Path(programs)
 packaging = pathlib.Path(__file__).resolve().parents[2] / "tools" / "packaging"
 sys.path[:0] = [str(packaging), str(packaging.parents[1] / "scripts")]
@@ -25,6 +26,11 @@ def run(program, *arguments):
     done = subprocess.run([emulator, os.path.join(programs, program), *arguments], capture_output=True, text=True,
                           errors="replace", timeout=120)
     return done.returncode, (done.stdout + done.stderr).replace("\r", "")
+
+
+def told_in_header(name):
+    with open(header, encoding="utf-8") as file:
+        return re.search(rf'{name} "(.*?)"', file.read()).group(1)
 
 
 def host_path(path):
@@ -97,6 +103,35 @@ class Dump(unittest.TestCase):
         self.assertGreaterEqual(len(threads), 2)
         self.assertEqual(info["threads"], len(threads))
         self.assertEqual(info["bytes"], os.path.getsize(self.file))
+
+    def test_info_tells_the_build_from_the_dump_alone(self):
+        version, commit, date = (told_in_header(f"TESSA_{name}") for name in ("VERSION_TEXT", "COMMIT", "BUILD_DATE"))
+        code, output = run("tessactl.exe", "dump", "info", self.path)
+        self.assertIn(f"build      asserts_and_dumps.exe: {version}, commit {commit} of {date}\n", output)
+        self.assertEqual(output.count("build  "), 1, output)
+        code, output = run("tessactl.exe", "dump", "info", self.path, "--json")
+        self.assertEqual(json.loads(output)["builds"], [{"module": "asserts_and_dumps.exe", "version": version,
+                                                         "commit": commit, "date": date, "error": ""}])
+
+    def test_info_warns_of_what_a_dump_holds(self):
+        code, output = run("tessactl.exe", "dump", "info", self.path)
+        self.assertRegex(output, r"\nnote       a dump holds the process' memory, .*: give it only to people you trust\n$")
+
+    def test_version_of_a_module_whose_resource_is_damaged_is_that_of_the_module_list(self):
+        # All modules' versions without the number that begins each.
+        name = "VS_VERSION_INFO".encode("utf-16-le") + bytes(4) + struct.pack("<I", 0xFEEF04BD)
+        with open(self.file, "rb") as file:
+            content = file.read()
+        self.assertIn(name, content)
+        content = content.replace(name, name[:-4] + bytes(4))
+        with open(self.file + ".bad", "wb") as file:
+            file.write(content)
+        code, output = run("tessactl.exe", "dump", "info", self.path + ".bad")
+        os.remove(self.file + ".bad")
+        self.assertEqual(code, 0, output)
+        number = told_in_header("TESSA_VERSION") + ".0"
+        self.assertIn(f"build      asserts_and_dumps.exe: {number}, commit not known: its version resource is damaged\n",
+                      output)
 
     def test_files_that_are_no_whole_dumps_are_refused(self):
         whole = head_of(self.file, 200000)

@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -239,6 +240,32 @@ TEST_F(Tessactl, RecordingThatIsCutOffIsShownUpToThere) {
         EXPECT_TRUE(Contains(cut, whole.output.substr(0, whole.output.find('\n'))));
     }
     EXPECT_TRUE(Contains(Tool(L"trace decode --format chrome " + kFile), "\"traceEvents\""));
+}
+
+TEST_F(Tessactl, RecordingOfMessagesThatTheFormatsLackIsOfAnotherBuild) {
+    EXPECT_EQ(Tool(L"trace start --file " + kFile).exitCode, 0u);
+    StartService();
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    constexpr char kWarning[] = " messages are not known to the trace formats in ";
+    EXPECT_FALSE(Contains(Tool(L"trace decode " + kFile), kWarning));
+    const std::filesystem::path formats = L"C:\\windows\\temp\\other formats";
+    std::filesystem::remove_all(formats);
+    std::filesystem::create_directories(formats);
+    const std::filesystem::path known = ProgramFolder() + L"tmf";
+    const auto all = std::filesystem::directory_iterator(known);
+    const auto one =
+        std::ranges::find_if(all, [](const auto& entry) { return entry.path().extension() == L".tmf"; });
+    std::filesystem::copy(one->path(), formats);
+    const std::wstring decode = L"trace decode " + kFile + L" --tmf \"" + formats.wstring() + L"\"";
+    const CommandResult unknown = Tool(decode);
+    EXPECT_EQ(unknown.exitCode, 0u) << "what is decoded is printed";
+    EXPECT_TRUE(Contains(unknown, kWarning)) << unknown.output;
+    EXPECT_TRUE(
+        Contains(unknown, "(of an unknown build, without build.txt): the recording is of another build"))
+        << unknown.output;
+    std::ofstream(formats / L"build.txt") << "version V7\ncommit c7\ndate d7\n";
+    EXPECT_TRUE(Contains(Tool(decode), "(of V7, commit c7 of d7): the recording is of another build"));
+    std::filesystem::remove_all(formats);
 }
 
 TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {

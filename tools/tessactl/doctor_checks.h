@@ -31,6 +31,9 @@ void CheckServiceSettings(Findings& findings, const QueriedService& service);
 /// shows the drivers' messages.
 void CheckPlugIn(Findings& findings, const QueriedService& service, const std::wstring& plugIn);
 
+/// Whether host, plug-in, this tool and the trace formats are of one build, and the files those that run.
+void CheckBuilds(Findings& findings, const QueriedService& service, const std::wstring& plugIn);
+
 /// The configuration library. Fills in how the access points stand.
 /// @return whether that is known
 bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds timeOut);

@@ -48,6 +48,7 @@ void CheckAll(Findings& findings, const Expectations& expectations, Models& mode
     CheckService(findings, service);
     CheckServiceSettings(findings, service);
     CheckPlugIn(findings, service, expectations.plugIn);
+    CheckBuilds(findings, service, expectations.plugIn);
     ReadAdapters(models);
     const bool accessPointsAreKnown = CheckLibrary(findings, models, expectations.timeOut);
     if (accessPointsAreKnown) CheckAccessPoints(findings, models);

@@ -6,6 +6,8 @@
 #include "dump_file.h"
 #include "history_print.h"
 #include "json.h"
+#include "running_process.h"
+#include "service_query.h"
 #include "text.h"
 
 namespace tessactl {
@@ -28,6 +30,54 @@ std::string PlaceOf(const DumpFile& dump, ULONG64 address) {
     return Utf8(FileName(module->path)) + place;
 }
 
+/// What is told of a module's build.
+struct ModuleBuild {
+    std::wstring module;
+    BuildVersion build;
+    std::string whyNot;  ///< why no more than the version is known
+};
+
+/// The builds of the plug-in, of its host if that is of the same makers, and of whatever else keeps a
+/// history.
+std::vector<ModuleBuild> BuildsIn(const DumpFile& dump) {
+    std::vector<ModuleBuild> builds;
+    for (const DumpFile::Module& module : dump.Modules()) {
+        const std::wstring name = FileName(module.path);
+        if (!IsSameFileName(name, kDefaultPlugIn) && !dump.HistoryOf(module)) continue;
+        try {
+            builds.push_back({name, dump.BuildOf(module), ""});
+        } catch (const ToolError& error) {
+            builds.push_back({name, {"", module.version, "", ""}, error.what()});
+        }
+    }
+    return builds;
+}
+
+std::string JsonOfBuilds(const std::vector<ModuleBuild>& builds) {
+    std::vector<std::string> elements;
+    for (const auto& [module, build, whyNot] : builds)
+        elements.push_back(JsonObject()
+                               .Add("module", module)
+                               .Add("version", build.version)
+                               .Add("commit", build.commit)
+                               .Add("date", build.date)
+                               .Add("error", whyNot)
+                               .Text());
+    return JsonArray(elements);
+}
+
+std::string InWords(const ModuleBuild& of) {
+    if (of.whyNot.empty()) return InWords(of.build);
+    if (of.build.version.empty()) return "not known: " + of.whyNot;
+    return of.build.version + ", commit not known: " + of.whyNot;
+}
+
+void PrintBuilds(const std::vector<ModuleBuild>& builds) {
+    for (const ModuleBuild& of : builds)
+        std::printf("build      %s: %s\n", Harmless(of.module).c_str(), InWords(of).c_str());
+    if (builds.empty()) std::printf("build      not known: the plug-in is not in the dump\n");
+}
+
 ExitCode Info(const DumpFile& dump, bool json) {
     const auto& exception = dump.CapturedException();
     char code[16] = "";
@@ -36,7 +86,8 @@ ExitCode Info(const DumpFile& dump, bool json) {
         JsonObject object;
         object.Add("bytes", dump.Size())
             .Add("threads", dump.ThreadCount())
-            .Add("modules", dump.Modules().size());
+            .Add("modules", dump.Modules().size())
+            .AddRaw("builds", JsonOfBuilds(BuildsIn(dump)));
         if (exception)
             object.Add("exceptionCode", code)
                 .Add("exceptionName", ExceptionName(exception->code))
@@ -48,12 +99,15 @@ ExitCode Info(const DumpFile& dump, bool json) {
     std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / 1024 / 1024,
                 static_cast<unsigned long long>(dump.ThreadCount()),
                 static_cast<unsigned long long>(dump.Modules().size()));
-    if (!exception) {
+    if (exception)
+        std::printf("exception  %s %s at %s in thread %lu\n", code, ExceptionName(exception->code).c_str(),
+                    PlaceOf(dump, exception->address).c_str(), exception->threadId);
+    else
         std::printf("exception  none\n");
-        return ExitCode::kSuccess;
-    }
-    std::printf("exception  %s %s at %s in thread %lu\n", code, ExceptionName(exception->code).c_str(),
-                PlaceOf(dump, exception->address).c_str(), exception->threadId);
+    PrintBuilds(BuildsIn(dump));
+    std::printf(
+        "note       a dump holds the process' memory, with names, paths and configuration: give it only to "
+        "people you trust\n");
     return ExitCode::kSuccess;
 }
 

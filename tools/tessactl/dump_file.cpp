@@ -6,6 +6,7 @@
 
 #include "exception_history_reader.h"
 #include "text.h"
+#include "version_resource.h"
 
 namespace tessactl {
 
@@ -75,7 +76,9 @@ void DumpFile::ReadModules(std::size_t at) {
     modules_.clear();
     for (ULONG32 i = 0; i < count; ++i, at += sizeof(MINIDUMP_MODULE)) {
         const auto module = Get<MINIDUMP_MODULE>(at);
-        modules_.push_back({StringAt(module.ModuleNameRva), module.BaseOfImage, module.SizeOfImage});
+        const bool hasVersion = module.VersionInfo.dwSignature == VS_FFI_SIGNATURE;
+        modules_.push_back({StringAt(module.ModuleNameRva), module.BaseOfImage, module.SizeOfImage,
+                            hasVersion ? VersionNumber(module.VersionInfo) : ""});
     }
 }
 
@@ -131,16 +134,25 @@ std::span<const std::byte> DumpFile::Memory(ULONG64 address, ULONG64 size) const
     return {};
 }
 
-std::optional<std::vector<modul_exception::ExceptionRecord>> DumpFile::HistoryOf(const Module& module) const {
-    const auto read = [this](ULONG64 address, void* to, std::size_t size) {
+MemoryReader DumpFile::Reader() const {
+    return [this](ULONG64 address, void* to, std::size_t size) {
         const auto bytes = Memory(address, size);
         if (bytes.empty()) return false;
         std::memcpy(to, bytes.data(), size);
         return true;
     };
-    const HistoryReading reading = ReadHistory(read, module.base, module.size);
+}
+
+std::optional<std::vector<modul_exception::ExceptionRecord>> DumpFile::HistoryOf(const Module& module) const {
+    const HistoryReading reading = ReadHistory(Reader(), module.base, module.size);
     if (reading.outcome != HistoryReading::Outcome::kRead) return std::nullopt;
     return reading.Records();
+}
+
+BuildVersion DumpFile::BuildOf(const Module& module) const {
+    if (Memory(module.base, sizeof(IMAGE_DOS_HEADER)).empty())
+        throw ToolError("the dump does not have its memory");
+    return ReadVersionResource({Reader(), module.base, module.size});
 }
 
 std::string ExceptionName(DWORD code) {

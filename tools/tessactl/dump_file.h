@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "build_version.h"
 #include "exception_history.h"
+#include "module_image.h"
 #include "unique_handle.h"
 
 namespace tessactl {
@@ -22,6 +24,7 @@ class DumpFile {
         std::wstring path;
         ULONG64 base = 0;
         ULONG size = 0;
+        std::string version;  ///< as the dump's list of modules states it; empty if it does not
     };
     struct Exception {
         DWORD threadId = 0;
@@ -49,6 +52,9 @@ class DumpFile {
 
     /// The exceptions in a module's history, oldest first; nothing if the module has no history.
     std::optional<std::vector<modul_exception::ExceptionRecord>> HistoryOf(const Module& module) const;
+    /// What a module's memory tells of its build.
+    /// @throws ToolError if it has no version resource, or the dump does not have that memory
+    BuildVersion BuildOf(const Module& module) const;
 
   private:
     struct Range {
@@ -63,6 +69,7 @@ class DumpFile {
     void ReadException(std::size_t at);
     void ReadMemoryRanges(std::size_t at);
     std::wstring StringAt(std::size_t at) const;
+    MemoryReader Reader() const;
     template <typename T>
     T Get(std::size_t at) const;
 

@@ -13,35 +13,11 @@ using Outcome = HistoryReading::Outcome;
 
 constexpr char kHistorySection[] = ".exhist";
 
-/// A module's memory; reads nothing outside of the module.
-class Image {
-  public:
-    Image(const MemoryReader& read, ULONG64 base, ULONG64 size) : read_(read), base_(base), size_(size) {}
-
-    template <typename T>
-    bool Get(ULONG64 offset, T& value) const {
-        return offset <= size_ && size_ - offset >= sizeof value &&
-               read_(base_ + offset, &value, sizeof value);
-    }
-
-  private:
-    const MemoryReader& read_;
-    ULONG64 base_;
-    ULONG64 size_;
-};
-
-Outcome FindSection(const Image& image, IMAGE_SECTION_HEADER& section) {
-    IMAGE_DOS_HEADER dos = {};
-    IMAGE_NT_HEADERS64 nt = {};
-    if (!image.Get(0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return Outcome::kNoImage;
-    const auto headers = static_cast<ULONG64>(dos.e_lfanew);  // a negative one lies outside as well
-    if (!image.Get(headers, nt) || nt.Signature != IMAGE_NT_SIGNATURE ||
-        nt.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC)
-        return Outcome::kNoImage;
-    const ULONG64 sections =
-        headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader;
-    for (WORD i = 0; i < nt.FileHeader.NumberOfSections; ++i) {
-        if (!image.Get(sections + ULONG64{i} * sizeof section, section)) return Outcome::kNoImage;
+Outcome FindSection(const ModuleImage& image, IMAGE_SECTION_HEADER& section) {
+    const auto headers = image.ReadHeaders();
+    if (!headers) return Outcome::kNoImage;
+    for (WORD i = 0; i < headers->nt.FileHeader.NumberOfSections; ++i) {
+        if (!image.GetSection(*headers, i, section)) return Outcome::kNoImage;
         const auto* name = reinterpret_cast<const char*>(section.Name);
         if (std::strncmp(name, kHistorySection, sizeof section.Name) == 0) return Outcome::kRead;
     }
@@ -65,7 +41,7 @@ std::vector<ExceptionRecord> HistoryReading::Records() const {
 }
 
 HistoryReading ReadHistory(const MemoryReader& read, ULONG64 base, ULONG64 imageSize) {
-    const Image image(read, base, imageSize);
+    const ModuleImage image(read, base, imageSize);
     HistoryReading reading;
     IMAGE_SECTION_HEADER section = {};
     reading.outcome = FindSection(image, section);

@@ -2,17 +2,12 @@
 
 #include <windows.h>
 
-#include <cstddef>
-#include <functional>
 #include <vector>
 
 #include "exception_history.h"
+#include "module_image.h"
 
 namespace tessactl {
-
-/// Copies memory of a process, living or dumped.
-/// @return false if not all of it can be had
-using MemoryReader = std::function<bool(ULONG64 address, void* to, std::size_t size)>;
 
 /// A module's exception history as it was found in memory that is trusted in nothing.
 struct HistoryReading {

@@ -25,7 +25,7 @@ std::vector<HMODULE> ModulesOf(HANDLE process, DWORD id) {
     }
 }
 
-/// Empty if it was unloaded meanwhile.
+/// Of the program itself if there is no module. Empty if it was unloaded meanwhile.
 std::wstring PathOf(HANDLE process, HMODULE module) {
     std::wstring path(32768, L'\0');
     path.resize(::GetModuleFileNameExW(process, module, path.data(), static_cast<DWORD>(path.length())));
@@ -33,11 +33,14 @@ std::wstring PathOf(HANDLE process, HMODULE module) {
 }
 
 bool HasFileName(const std::wstring& path, const std::wstring& fileName) {
-    const std::wstring own = path.substr(path.rfind(L'\\') + 1);
-    return ::CompareStringOrdinal(own.c_str(), -1, fileName.c_str(), -1, TRUE) == CSTR_EQUAL;
+    return IsSameFileName(path.substr(path.rfind(L'\\') + 1), fileName);
 }
 
 }  // namespace
+
+bool IsSameFileName(const std::wstring& a, const std::wstring& b) {
+    return ::CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
 
 RunningProcess::RunningProcess(DWORD id)
     : id_(id), process_(::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id)) {
@@ -47,6 +50,11 @@ RunningProcess::RunningProcess(DWORD id)
         throw NoRights("looking into process " + std::to_string(id) +
                        " is not allowed; run it as administrator");
     throw ToolError("process " + std::to_string(id) + " cannot be opened: " + ErrorInWords(error));
+}
+
+std::optional<RunningProcess::Module> RunningProcess::Program() const {
+    const std::wstring path = PathOf(process_.get(), nullptr);
+    return path.empty() ? std::nullopt : FindModule(path.substr(path.rfind(L'\\') + 1));
 }
 
 std::optional<RunningProcess::Module> RunningProcess::FindModule(const std::wstring& fileName) const {

@@ -10,6 +10,9 @@
 
 namespace tessactl {
 
+/// In any case, as Windows compares them.
+bool IsSameFileName(const std::wstring& a, const std::wstring& b);
+
 /// A process that is looked into, with rights to read only.
 class RunningProcess {
   public:
@@ -23,6 +26,9 @@ class RunningProcess {
     /// @throws ToolError if it cannot be opened for another reason
     explicit RunningProcess(DWORD id);
 
+    /// The program itself; nothing if it has ended.
+    /// @throws ToolError if the process does not tell its modules
+    std::optional<Module> Program() const;
     /// A loaded module; nothing if it is not loaded.
     /// @param fileName without a folder, in any case
     /// @throws ToolError if the process does not tell its modules

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "protected_folder.h"
 #include "text.h"
+#include "tmf_build.h"
 #include "trace_decoder.h"
 #include "win_convenience.h"
 
@@ -141,14 +142,28 @@ std::wstring DefaultTmfFolder() {
     return self.substr(0, self.rfind(L'\\')) + L"\\tmf";
 }
 
+/// A recording does not name its build; that the formats lack some of its messages shows that it is another.
+void WarnOfOtherBuild(std::size_t unknown, const std::wstring& tmfFolder) {
+    std::string build = "of an unknown build";
+    try {
+        build = "of " + InWords(ReadTmfBuild(tmfFolder));
+    } catch (const ToolError&) {
+        build += ", without build.txt";
+    }
+    std::fprintf(stderr,
+                 "tessactl: %llu messages are not known to the trace formats in %s (%s): the recording is of "
+                 "another build. Name the formats that came with its plug-in with --tmf.\n",
+                 static_cast<unsigned long long>(unknown), Utf8(tmfFolder).c_str(), build.c_str());
+}
+
 ExitCode DecodeRecording(const Arguments& arguments) {
     Options options;
     if (!ParseOptions(arguments, {L"--tmf", L"--format", L"--output"}, options)) return ExitCode::kUsage;
     const std::wstring format = options.contains(L"--format") ? options[L"--format"] : L"text";
     if (format != L"text" && format != L"chrome") return UsageError(L"the format is text or chrome");
     const std::wstring file = options[L""].empty() ? DefaultFile() : options[L""];
-    const auto catalog =
-        TmfCatalog::FromFolder(options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder());
+    const std::wstring tmfFolder = options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder();
+    const auto catalog = TmfCatalog::FromFolder(tmfFolder);
     std::ofstream outputFile;
     if (options.contains(L"--output")) {
         outputFile.open(std::filesystem::path(options[L"--output"]), std::ios::binary);
@@ -157,9 +172,11 @@ ExitCode DecodeRecording(const Arguments& arguments) {
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
     ExitCode result = ExitCode::kSuccess;
+    std::size_t unknown = 0;
     try {
         ReadRecording(file, [&](const RecordedMessage& message) {
             const DecodedMessage decoded = Decode(catalog, message);
+            if (decoded.source.empty()) ++unknown;
             if (format == L"chrome")
                 chrome.Add(message, decoded);
             else
@@ -171,6 +188,7 @@ ExitCode DecodeRecording(const Arguments& arguments) {
         result = ExitCode::kFailed;
     }
     if (format == L"chrome") output << chrome.Finish();
+    if (unknown != 0) WarnOfOtherBuild(unknown, tmfFolder);
     if (!output.flush()) throw ToolError("The decoded recording cannot be written whole; is the disk full?");
     return result;
 }

@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <dbghelp.h>
@@ -14,6 +15,7 @@
 #include "mutation.h"
 #include "tmf_catalog.h"
 #include "trace_decoder.h"
+#include "version_image.h"
 
 // Files that people send in: cut off, mixed up, of another version.
 namespace {
@@ -94,7 +96,9 @@ constexpr std::size_t kImageAt = kRangesAt + 2 * sizeof(ULONG64) + sizeof(MINIDU
 constexpr std::size_t kHeadersAt = 0x80;
 constexpr std::size_t kSectionAt = kHeadersAt + sizeof(IMAGE_NT_HEADERS64);
 constexpr std::size_t kHistoryAt = kSectionAt + sizeof(IMAGE_SECTION_HEADER);
-constexpr std::size_t kImageSize = kHistoryAt + sizeof(ExceptionHistory);
+constexpr std::size_t kResourcesAt = (kHistoryAt + sizeof(ExceptionHistory) + 3) & ~std::size_t{3};
+const Bytes kResources = test_support::ResourceBytes(kResourcesAt).Bytes();
+const std::size_t kImageSize = kResourcesAt + kResources.size();
 
 void PutImage(Bytes& bytes) {
     IMAGE_DOS_HEADER dos = {};
@@ -106,6 +110,8 @@ void PutImage(Bytes& bytes) {
     headers.FileHeader.NumberOfSections = 1;
     headers.FileHeader.SizeOfOptionalHeader = sizeof headers.OptionalHeader;
     headers.OptionalHeader.Magic = IMAGE_NT_OPTIONAL_HDR64_MAGIC;
+    headers.OptionalHeader.NumberOfRvaAndSizes = IMAGE_NUMBEROF_DIRECTORY_ENTRIES;
+    headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_RESOURCE].VirtualAddress = kResourcesAt;
     Put(bytes, kImageAt + kHeadersAt, headers);
     IMAGE_SECTION_HEADER section = {};
     std::memcpy(section.Name, ".exhist", 8);
@@ -117,6 +123,7 @@ void PutImage(Bytes& bytes) {
     history.records[0].threadId = 5;
     std::strcpy(history.records[0].what, "what");
     Put(bytes, kImageAt + kHistoryAt, history);
+    std::ranges::copy(kResources, bytes.begin() + kImageAt + kResourcesAt);
 }
 
 Bytes SoundDump() {
@@ -137,7 +144,7 @@ Bytes SoundDump() {
     Put(bytes, kModulesAt, ULONG32{1});
     MINIDUMP_MODULE module = {};
     module.BaseOfImage = kModuleBase;
-    module.SizeOfImage = kImageSize;
+    module.SizeOfImage = static_cast<ULONG32>(kImageSize);
     module.ModuleNameRva = kNameAt;
     Put(bytes, kModulesAt + sizeof(ULONG32), module);
     MINIDUMP_EXCEPTION_STREAM exception = {};
@@ -152,12 +159,23 @@ Bytes SoundDump() {
     return bytes;
 }
 
-/// How many records the dump's histories have.
-std::size_t UseEverythingOf(const DumpFile& dump) {
+/// What a dump's modules tell, by number.
+struct Told {
     std::size_t records = 0;
+    std::size_t builds = 0;
+};
+
+Told UseEverythingOf(const DumpFile& dump) {
+    Told told;
     for (const DumpFile::Module& module : dump.Modules()) {
         EXPECT_LE(module.path.length(), dump.Size());
-        if (const auto history = dump.HistoryOf(module)) records += history->size();
+        if (const auto history = dump.HistoryOf(module)) told.records += history->size();
+        try {
+            EXPECT_TRUE(IsUtf8(InWords(dump.BuildOf(module))));
+            ++told.builds;
+        } catch (const ToolError&) {
+            continue;
+        }
     }
     if (const auto& exception = dump.CapturedException()) {
         EXPECT_LE(exception->parameters.size(), 15u);
@@ -167,7 +185,7 @@ std::size_t UseEverythingOf(const DumpFile& dump) {
     for (const std::byte byte : dump.Memory(kModuleBase + 1, kImageSize - 1))
         sum += static_cast<unsigned int>(byte);
     static_cast<void>(*const_cast<const volatile unsigned int*>(&sum));
-    return records;
+    return told;
 }
 
 class DamagedFiles : public testing::Test {};
@@ -206,18 +224,21 @@ TEST_F(DamagedFiles, TraceFormatsAreUsedOrRefusedInWords) {
 
 TEST_F(DamagedFiles, DumpsAreReadWithinTheirBytesOrRefusedInWords) {
     const Bytes sound = SoundDump();
-    ASSERT_EQ(UseEverythingOf(DumpFile(sound, "sound")), 1u);
+    ASSERT_EQ(UseEverythingOf(DumpFile(sound, "sound")).records, 1u);
+    ASSERT_EQ(UseEverythingOf(DumpFile(sound, "sound")).builds, 1u);
     std::size_t read = 0;
+    std::size_t builds = 0;
     std::size_t refused = 0;
     test_support::ForEachCase([&](Mutator& mutator) {
         const Bytes damaged = mutator.Damaged(sound);
         try {
-            UseEverythingOf(DumpFile(damaged, "damaged"));
+            builds += UseEverythingOf(DumpFile(damaged, "damaged")).builds;
             ++read;
         } catch (const ToolError&) {
             ++refused;
         }
     });
-    EXPECT_GT(read, 0u);
+    EXPECT_GT(read, builds) << "some builds are refused, in words";
+    EXPECT_GT(builds, 0u);
     EXPECT_GT(refused, 0u);
 }

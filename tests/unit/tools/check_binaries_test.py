@@ -263,7 +263,9 @@ class CheckBinaries(unittest.TestCase):
             for file in programs / name, (programs / name).with_suffix(".pdb"):
                 if file.exists():
                     shutil.copy(file, self.folder)
-        self.put("tessactl.exe", lambda pe: pe.content.index(b"\xbd\x04\xef\xfe") + 8, "<I", 0x160000)
+        # The signature alone stands in the tool's code as well.
+        version = "VS_VERSION_INFO".encode("utf-16-le") + bytes(4) + b"\xbd\x04\xef\xfe"
+        self.put("tessactl.exe", lambda pe: pe.content.index(version) + len(version) + 4, "<I", 0x160000)
         with contextlib.redirect_stderr(io.StringIO()) as errors:
             self.assertEqual(check_binaries.main([str(self.folder)]), 1)
         self.assertIn("the versions of the shipped binaries differ: ", errors.getvalue())

@@ -1,5 +1,6 @@
 """Tests of make_tmf.py: run with the folder of the script as the first argument."""
 
+import os
 import pathlib
 import sys
 import tempfile
@@ -69,6 +70,34 @@ class MakeTmf(unittest.TestCase):
         old.write_text("old")
         self.make(HEAD)
         self.assertFalse(old.exists())
+
+    def write_build(self, commit):
+        header = self.path / "build_info.h"
+        header.write_text(f'#define TESSA_VERSION "1.2.3"\n#define TESSA_VERSION_TEXT "V1"  // x "y"\n'
+                          f'#define TESSA_COMMIT "{commit}"\n#define TESSA_BUILD_DATE "a date"\n')
+        source = self.path / "source.cpp"
+        source.write_text(HEAD)
+        self.assertEqual(make_tmf.main([self.output, header, source]), 0)
+        return (self.output / "build.txt").read_text()
+
+    def test_build_stands_beside_the_files(self):
+        self.assertEqual(self.write_build("c1"), "version V1\ncommit c1\ndate a date\n")
+
+    def test_another_build_touches_only_what_is_another(self):
+        self.write_build("c1")
+        for file in self.output.iterdir():
+            os.utime(file, (1000, 1000))
+        self.write_build("c1")
+        self.assertEqual({file.stat().st_mtime for file in self.output.iterdir()}, {1000})
+        self.assertIn("commit c2\n", self.write_build("c2"))
+        touched = [file.name for file in self.output.iterdir() if file.stat().st_mtime != 1000]
+        self.assertEqual(touched, ["build.txt"])
+
+    def test_header_without_a_build_is_refused(self):
+        header = self.path / "build_info.h"
+        header.write_text('#define TESSA_VERSION_TEXT "V1"\n#define TESSA_COMMIT ""\n')
+        with self.assertRaisesRegex(make_tmf.SourceError, "build_info.h: there is no TESSA_COMMIT"):
+            make_tmf.write_build(self.path, header)
 
     def test_mistakes_name_file_and_line(self):
         self.assertRegex(self.error_of(HEAD + 'TRACE_INFO(10, "a");\nTRACE_INFO(10, "b");'), r"source0\.cpp:4: .*twice")
