@@ -8,7 +8,6 @@
 using tessactl::BuildReading;
 using tessactl::BuildVersion;
 using tessactl::Findings;
-using tessactl::ServedFile;
 using tessactl::StationBuilds;
 
 namespace {

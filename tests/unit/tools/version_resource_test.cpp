@@ -11,7 +11,6 @@
 #include "version_image.h"
 
 using tessactl::BuildVersion;
-using tessactl::ModuleImage;
 using tessactl::ReadVersionResource;
 using tessactl::ToolError;
 
