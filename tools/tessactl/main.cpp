@@ -55,16 +55,20 @@ constexpr Command kCommands[] = {
      L"  dump history FILE [--json]\n"
      L"      prints the exceptions that the plug-in threw last, oldest first, from the dump alone\n"},
     {L"trace", &Trace,
-     L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS]\n"
+     L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS] [--size MB [--circular]]\n"
      L"      starts recording the plug-in's trace; LEVEL 2 errors, 3 warnings, 4 information, 5 everything "
      L"(the\n"
      L"      default); FLAGS adds up 1 messages, 4 function entry and exit, 8 log-device configuration (all "
      L"of\n"
-     L"      them unless told otherwise)\n"
+     L"      them unless told otherwise); at its size it ends, or, circular, the oldest messages go\n"
+     L"  trace status [--json]\n"
+     L"      shows whether a recording runs, whoever started it, and what it has lost\n"
      L"  trace stop\n"
      L"      ends the recording\n"
-     L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE]\n"
-     L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing\n"},
+     L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE] [--functions]\n"
+     L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing; with "
+     L"--functions\n"
+     L"      also the function of each message; what the recording lacks is told on standard error\n"},
     {L"probe", &Probe, L""},
 };
 
