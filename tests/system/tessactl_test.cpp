@@ -10,6 +10,7 @@
 #include "common_files_folder.h"
 #include "station.h"
 #include "tool.h"
+#include "wine_gap_loader.h"
 
 // The operator's tool beside a real station.
 namespace {
@@ -94,6 +95,7 @@ TEST_F(Tessactl, RefusesAccessPointsThatAreNotThere) {
 }
 
 TEST_F(Tessactl, WatchPrintsWhatHappens) {
+    LoadWineGap();  // on Windows there is nothing to load
     StartService();
     CommandResult watched;
     std::thread watcher([&watched] { watched = Tool(L"watch --seconds 5 --json"); });
@@ -101,6 +103,9 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     Plug(nx4120_);
     Report(fennlinkU3_, 2, L"hot");
     EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    const HANDLE log = ::RegisterEventSourceW(nullptr, L"tessaplug");
+    EXPECT_TRUE(::ReportEventW(log, EVENTLOG_WARNING_TYPE, 0, 0x80000104, nullptr, 0, 0, nullptr, nullptr));
+    ::DeregisterEventSource(log);
     ::Sleep(500);
     Unplug(nx4120_);
     watcher.join();
@@ -108,8 +113,10 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     for (const auto* event : {R"j("event":"arrival","what":"NX4120")j",
                               R"j("event":"access point","what":"NX4120(XLI)","text":"visible")j",
                               R"j("event":"message","what":"fenlu3","text":"warning: The adapter)j",
+                              R"j("event":"log entry","what":"tessaplug","text":"warning: An adapter was)j",
                               R"j("event":"removal","what":"NX4120")j"})
         EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
+    EXPECT_FALSE(Contains(watched, "has started")) << "that was before\n" << watched.output;
 }
 
 TEST_F(Tessactl, WatchTellsOfALibraryThatFailsForAWhile) {

@@ -68,9 +68,10 @@ void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage
         events_.push_back(Event(function, 'E', place, "its exit is not in the recording"));
     switch (step.kind) {
         case Kind::kNone:
-            events_.push_back(Event(
-                decoded.text, decoded.source, 'i', place,
-                decoded.function.empty() ? "" : ",\"args\":{\"function\":" + JsonText(decoded.function) + "}"));
+            events_.push_back(Event(decoded.text, decoded.source, 'i', place,
+                                    decoded.function.empty()
+                                        ? ""
+                                        : ",\"args\":{\"function\":" + JsonText(decoded.function) + "}"));
             break;
         case Kind::kEntry:
             events_.push_back(Event(step.function, 'B', place));
@@ -83,7 +84,8 @@ void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage
             events_.push_back(Event(step.function, 'E', place));
             break;
         case Kind::kExitWithoutEntry:
-            events_.push_back(Event(step.function, 'i', place, "its exit; the entry is not in the recording"));
+            events_.push_back(
+                Event(step.function, 'i', place, "its exit; the entry is not in the recording"));
             break;
     }
 }
@@ -99,8 +101,8 @@ std::vector<std::string> ChromeTraceWriter::Names() const {
     for (const DWORD process : plugIns)
         names.push_back(name("process_name", {process, 0}, "service with tessaplug"));
     for (const auto& [thread, role] : roles_)
-        names.push_back(name("thread_name", thread,
-                             role.empty() ? "thread " + std::to_string(thread.second) : role));
+        names.push_back(
+            name("thread_name", thread, role.empty() ? "thread " + std::to_string(thread.second) : role));
     return names;
 }
 
@@ -110,8 +112,8 @@ std::string ChromeTraceWriter::Finish() const {
         for (auto function = functions.rbegin(); function != functions.rend(); ++function)
             closed.push_back(Event(*function, 'E', {thread, last_}, "not left when the recording ended"));
     std::string all;
-    for (const std::string& part : {Joined(Names()), Joined(openedAtTheBeginning_, true), Joined(events_),
-                                    Joined(closed)})
+    for (const std::string& part :
+         {Joined(Names()), Joined(openedAtTheBeginning_, true), Joined(events_), Joined(closed)})
         if (!part.empty()) all += (all.empty() ? "\n" : ",\n") + part;
     return "{\"traceEvents\":[" + all + "\n]}\n";
 }

@@ -71,17 +71,18 @@ using Lines = std::vector<std::string>;
 TEST(ChromeTrace, HasSlicesAndInstantsAndTheThreadsName) {
     Script script;
     script.Enter("space::Function").Say("said", "space::Function").Leave("space::Function");
-    EXPECT_EQ(script.Chrome(),
-              "{\"traceEvents\":[\n"
-              R"({"name":"thread_name","cat":"","ph":"M","ts":0.0,"pid":4,"tid":5,"args":{"name":"thread 5"}},)"
-              "\n"
-              R"({"name":"space::Function","cat":"file","ph":"B","ts":0.0,"pid":4,"tid":5},)"
-              "\n"
-              R"({"name":"said","cat":"name","ph":"i","s":"t","ts":100.0,"pid":4,"tid":5,)"
-              R"("args":{"function":"space::Function"}},)"
-              "\n"
-              R"({"name":"space::Function","cat":"file","ph":"E","ts":200.0,"pid":4,"tid":5})"
-              "\n]}\n");
+    EXPECT_EQ(
+        script.Chrome(),
+        "{\"traceEvents\":[\n"
+        R"({"name":"thread_name","cat":"","ph":"M","ts":0.0,"pid":4,"tid":5,"args":{"name":"thread 5"}},)"
+        "\n"
+        R"({"name":"space::Function","cat":"file","ph":"B","ts":0.0,"pid":4,"tid":5},)"
+        "\n"
+        R"({"name":"said","cat":"name","ph":"i","s":"t","ts":100.0,"pid":4,"tid":5,)"
+        R"("args":{"function":"space::Function"}},)"
+        "\n"
+        R"({"name":"space::Function","cat":"file","ph":"E","ts":200.0,"pid":4,"tid":5})"
+        "\n]}\n");
 }
 
 TEST(ChromeTrace, EmptyRecordingIsAnEmptyTrace) {
@@ -94,10 +95,11 @@ TEST(ChromeTrace, ThreadsAreNamedByTheFunctionsThatRunOnThem) {
     script.Leave("tessaplug::DeviceMonitor::WaitForRequests", 2);
     script.Enter("tessaplug::EventLogMonitor::Run", 3).Enter("toolbox::GuidToString", 4);
     const std::string chrome = script.Chrome();
-    for (const std::string named : {
-             R"("name":"process_name","cat":"","ph":"M","ts":0.0,"pid":4,"tid":0,"args":{"name":"service with tessaplug"})",
-             R"("tid":1,"args":{"name":"main"})", R"("tid":2,"args":{"name":"worker"})",
-             R"("tid":3,"args":{"name":"monitor"})", R"("tid":4,"args":{"name":"thread 4"})"})
+    for (
+        const std::string named :
+        {R"("name":"process_name","cat":"","ph":"M","ts":0.0,"pid":4,"tid":0,"args":{"name":"service with tessaplug"})",
+         R"("tid":1,"args":{"name":"main"})", R"("tid":2,"args":{"name":"worker"})",
+         R"("tid":3,"args":{"name":"monitor"})", R"("tid":4,"args":{"name":"thread 4"})"})
         EXPECT_NE(chrome.find(named), std::string::npos) << named << chrome;
 }
 
