@@ -180,7 +180,8 @@ std::string TimeText(ULONG64 timeStamp) {
 }
 
 std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded, bool withFunction) {
-    const bool isTold = withFunction && !decoded.function.empty();
+    // Of an entry or exit the function that is meant is in the text.
+    const bool isTold = withFunction && !decoded.function.empty() && decoded.source != "function_trace";
     return TimeText(message.timeStamp) + Printed("  %5lu.%-5lu", message.processId, message.threadId) +
            Printed("  %-7s", LevelName(decoded.level)) + Printed("  %-20.40s  ", decoded.source.c_str()) +
            (isTold ? decoded.function + ": " : "") + decoded.text;
