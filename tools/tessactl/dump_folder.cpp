@@ -19,9 +19,9 @@ std::wstring MachineVariable(const wchar_t* name) {
     wchar_t value[MAX_PATH] = {};
     DWORD size = sizeof value;
     // Asked for as text, a value with variables comes back with them filled in.
-    const LSTATUS result = ::RegGetValueW(
-        HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", name,
-        RRF_RT_REG_SZ, nullptr, value, &size);
+    const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE,
+                                          L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment",
+                                          name, RRF_RT_REG_SZ, nullptr, value, &size);
     return result == ERROR_SUCCESS ? value : L"";
 }
 
@@ -110,7 +110,8 @@ void RemoveDump(const StoredDump& dump, bool isTry) {
         throw ToolError(Utf8(dump.Path()) + " is no memory dump");
     // By its handle: what stands at the path by now may be another file.
     FILE_DISPOSITION_INFO disposition = {TRUE};
-    if (!isTry && !::SetFileInformationByHandle(file.get(), FileDispositionInfo, &disposition, sizeof disposition))
+    if (!isTry &&
+        !::SetFileInformationByHandle(file.get(), FileDispositionInfo, &disposition, sizeof disposition))
         throw ToolError(Utf8(dump.Path()) + " cannot be removed: " + ErrorInWords(::GetLastError()));
 }
 

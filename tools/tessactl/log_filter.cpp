@@ -38,8 +38,7 @@ std::optional<ULONGLONG> ParseSpan(const std::wstring& text) {
 }
 
 std::optional<DWORD> ParseTime(const std::wstring& text) {
-    static const std::wregex kTime(
-        LR"((\d{4})-(\d\d)-(\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d))?)?(Z?))");
+    static const std::wregex kTime(LR"((\d{4})-(\d\d)-(\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d))?)?(Z?))");
     std::wsmatch match;
     if (!std::regex_match(text, match, kTime)) return std::nullopt;
     tm time = {};

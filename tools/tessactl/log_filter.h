@@ -12,8 +12,8 @@ namespace tessactl {
 
 /// Which entries are shown.
 struct LogFilter {
-    DWORD since = 0;                          ///< seconds since 1970 UTC
-    WORD level = EVENTLOG_INFORMATION_TYPE;   ///< the least grave that is shown: error, warning, information
+    DWORD since = 0;                         ///< seconds since 1970 UTC
+    WORD level = EVENTLOG_INFORMATION_TYPE;  ///< the least grave that is shown: error, warning, information
     bool Passes(const LogEntry& entry) const;
 };
 

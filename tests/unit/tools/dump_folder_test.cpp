@@ -53,8 +53,8 @@ class DumpFolder : public testing::Test {
     /// @param day on which it was written, since kFirstDay
     void Write(const std::wstring& name, const std::string& content = DumpContent(), ULONG64 day = 1) {
         std::ofstream(folder_ / name, std::ios::binary) << content;
-        const HANDLE file =
-            ::CreateFileW((folder_ / name).c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        const HANDLE file = ::CreateFileW((folder_ / name).c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr,
+                                          OPEN_EXISTING, 0, nullptr);
         const ULONG64 time = (kFirstDay + day) * kDay;
         const FILETIME written = {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
         EXPECT_TRUE(::SetFileTime(file, nullptr, nullptr, &written));
@@ -85,9 +85,9 @@ std::vector<StoredDump> OfAges(const std::vector<ULONG64>& days) {
 TEST(DumpName, IsThatOfThePlugInWithATime) {
     EXPECT_TRUE(IsDumpName(kName));
     EXPECT_TRUE(IsDumpName(L"TessaPlug.DLL_20261121-101112.DMP"));
-    for (const auto* other :
-         {L"", L"tessaplug.dll.dmp", L"tessaplug.dll_2026112a-101112.dmp", L"tessaplug.dll_20261121-101112.dmp2",
-          L"tessaplug.dll_20261121_101112.dmp", L"othermodule.d_20261121-101112.dmp"})
+    for (const auto* other : {L"", L"tessaplug.dll.dmp", L"tessaplug.dll_2026112a-101112.dmp",
+                              L"tessaplug.dll_20261121-101112.dmp2", L"tessaplug.dll_20261121_101112.dmp",
+                              L"othermodule.d_20261121-101112.dmp"})
         EXPECT_FALSE(IsDumpName(other)) << other;
 }
 
@@ -98,7 +98,8 @@ TEST_F(DumpFolder, ListsThePlugInsDumpsNewestFirst) {
     Write(L"other.dmp");
     std::filesystem::create_directory(folder_ / L"tessaplug.dll_20200101-000000.dmp");
     const auto dumps = DumpsIn(folder_.wstring());
-    EXPECT_EQ(NamesOf(dumps), (Names{L"tessaplug.dll_20261120-101112.dmp", L"tessaplug.dll_20261122-101112.dmp", kName}));
+    EXPECT_EQ(NamesOf(dumps),
+              (Names{L"tessaplug.dll_20261120-101112.dmp", L"tessaplug.dll_20261122-101112.dmp", kName}));
     EXPECT_EQ(dumps[0].bytes, DumpContent().size());
     EXPECT_EQ(dumps[0].writtenAt, (kFirstDay + 9) * kDay);
     EXPECT_EQ(dumps[0].Path(), (folder_ / L"tessaplug.dll_20261120-101112.dmp").wstring());
@@ -121,7 +122,8 @@ TEST_F(DumpFolder, DumpIsRemoved) {
 TEST_F(DumpFolder, FileThatIsNoDumpStays) {
     std::string otherVersion = DumpContent();
     otherVersion[4] ^= 1;
-    for (const std::string& content : {std::string(), std::string("MDMP"), "MDMX" + DumpContent().substr(4), otherVersion}) {
+    for (const std::string& content :
+         {std::string(), std::string("MDMP"), "MDMX" + DumpContent().substr(4), otherVersion}) {
         Write(kName, content);
         EXPECT_TRUE(Refusal(kName).ends_with(" is no memory dump")) << content;
         EXPECT_THROW(RemoveDump(Dump(kName), true), ToolError) << "a try says so too";
@@ -131,7 +133,8 @@ TEST_F(DumpFolder, FileThatIsNoDumpStays) {
 
 TEST_F(DumpFolder, NothingIsRemovedThroughALink) {
     Write(L"somebody's dump");
-    ASSERT_TRUE(::CreateHardLinkW((folder_ / kName).c_str(), (folder_ / L"somebody's dump").c_str(), nullptr));
+    ASSERT_TRUE(
+        ::CreateHardLinkW((folder_ / kName).c_str(), (folder_ / L"somebody's dump").c_str(), nullptr));
     EXPECT_NE(Refusal(kName).find("2 names (hard links)"), std::string::npos) << Refusal(kName);
     EXPECT_TRUE(Exists(kName));
     EXPECT_TRUE(Exists(L"somebody's dump"));

@@ -81,9 +81,9 @@ TEST(LogSince, MayBeALocalTime) {
 }
 
 TEST(LogSince, ThatIsNoTimeIsRefused) {
-    for (const auto* text : {L"", L"10", L"m", L"10y", L"-1m", L"1234567m", L"2026-11", L"2026-13-01",
-                             L"2026-02-30", L"2026-11-21T24:00", L"2026-11-21T10:60", L"1900-01-01",
-                             L"2026-11-21T10:11:12x"})
+    for (const auto* text :
+         {L"", L"10", L"m", L"10y", L"-1m", L"1234567m", L"2026-11", L"2026-13-01", L"2026-02-30",
+          L"2026-11-21T24:00", L"2026-11-21T10:60", L"1900-01-01", L"2026-11-21T10:11:12x"})
         EXPECT_EQ(ParseSince(text, kNow), std::nullopt) << text;
 }
 

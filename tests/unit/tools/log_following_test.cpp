@@ -12,10 +12,10 @@
 // A log of the test's own, read and followed.
 namespace {
 
-using test_support::EventLogSetting;
-using test_support::RunCommand;
 using tessactl::EventLogFollower;
 using tessactl::LogEntry;
+using test_support::EventLogSetting;
+using test_support::RunCommand;
 
 constexpr wchar_t kLog[] = L"FollowTest";
 constexpr wchar_t kSource[] = L"FollowTestSource";
@@ -43,9 +43,10 @@ class FollowedLog : public WineGap {
     void Register(const std::wstring& files) {
         const std::wstring key =
             std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\") + kLog + L"\\" + kSource;
-        EXPECT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", REG_EXPAND_SZ,
-                                    files.c_str(), static_cast<DWORD>((files.length() + 1) * sizeof(wchar_t))),
-                  ERROR_SUCCESS);
+        EXPECT_EQ(
+            ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", REG_EXPAND_SZ,
+                              files.c_str(), static_cast<DWORD>((files.length() + 1) * sizeof(wchar_t))),
+            ERROR_SUCCESS);
     }
     static Numbers Ids(EventLogFollower& follower) {
         Numbers ids;
@@ -127,7 +128,8 @@ TEST_F(FollowedLog, SentencesComeFromTheFirstOfSeveralFilesThatHasThem) {
     Write(kStarted);
     EXPECT_TRUE(Contains(Tool(L""), "(the sentence for this event is not installed)"));
     Register(L"C:\\no such.dll;%SystemRoot%\\system32\\setupapi.dll;%TESSA_FOLDER%tessaplug.dll");
-    EXPECT_TRUE(Contains(Tool(L""), "0x00000100  The adapter service plug-in has started.")) << Tool(L"").output;
+    EXPECT_TRUE(Contains(Tool(L""), "0x00000100  The adapter service plug-in has started."))
+        << Tool(L"").output;
 }
 
 TEST_F(FollowedLog, IsShownInPart) {
@@ -158,7 +160,8 @@ TEST_F(FollowedLog, IsPrintedAsItGrowsAlsoBehindAClearing) {
     Write(0xC0000101, EVENTLOG_ERROR_TYPE);
     tool.join();
     EXPECT_EQ(followed.exitCode, 0u);
-    const std::size_t first = followed.output.find(R"("type":"warning","id":2147483908,"text":"An adapter was)");
+    const std::size_t first =
+        followed.output.find(R"("type":"warning","id":2147483908,"text":"An adapter was)");
     const std::size_t second = followed.output.find(R"("type":"error","id":3221225729,"text":"The adapter)");
     ASSERT_NE(first, std::string::npos) << followed.output;
     ASSERT_NE(second, std::string::npos) << followed.output;
