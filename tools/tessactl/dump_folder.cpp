@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <dbghelp.h>
 #include <memory>
+#include <tuple>
 
 #include "protected_folder.h"
 #include "text.h"
@@ -12,7 +13,9 @@ namespace tessactl {
 namespace {
 
 constexpr ULONG64 kSecond = 10'000'000;  // of a file time
-constexpr ULONG64 kDay = 24 * 60 * 60 * kSecond;
+constexpr ULONG64 kMinute = 60 * kSecond;
+constexpr ULONG64 kHour = 60 * kMinute;
+constexpr ULONG64 kDay = 24 * kHour;
 
 /// A variable of the machine's environment, which services of LocalSystem have; empty if there is none.
 std::wstring MachineVariable(const wchar_t* name) {
@@ -119,7 +122,7 @@ std::string AgeInWords(ULONG64 since, ULONG64 now) {
     constexpr struct {
         ULONG64 length;
         const char* name;
-    } kUnits[] = {{kDay, "day"}, {60 * 60 * kSecond, "hour"}, {60 * kSecond, "minute"}, {kSecond, "second"}};
+    } kUnits[] = {{kDay, "day"}, {kHour, "hour"}, {kMinute, "minute"}, {kSecond, "second"}};
     const ULONG64 age = now > since ? now - since : 0;
     for (const auto& unit : kUnits) {
         const ULONG64 count = age / unit.length;

@@ -1,11 +1,18 @@
 #include "event_messages.h"
 
 #include <algorithm>
+#include <cwchar>
 #include <memory>
 #include <utility>
 
 namespace tessactl {
 namespace {
+
+/// The text up to its terminating zero, as the system wrote it into a longer buffer.
+std::wstring UpToItsEnd(std::wstring text) {
+    text.resize(std::wcslen(text.c_str()));
+    return text;
+}
 
 /// The value as it stands in the registry, with its variables; empty if there is none.
 std::wstring RegisteredFiles(const std::wstring& logName, const std::wstring& source) {
@@ -16,7 +23,7 @@ std::wstring RegisteredFiles(const std::wstring& logName, const std::wstring& so
         DWORD size = static_cast<DWORD>(value.size() * sizeof(wchar_t));
         const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", kFlags,
                                               nullptr, value.data(), &size);
-        if (result == ERROR_SUCCESS) return value.c_str();
+        if (result == ERROR_SUCCESS) return UpToItsEnd(std::move(value));
         if (result != ERROR_MORE_DATA) return {};
         value.resize(2 * value.size());
     }
@@ -26,7 +33,7 @@ std::wstring WithVariablesFilledIn(const std::wstring& text) {
     const DWORD length = ::ExpandEnvironmentStringsW(text.c_str(), nullptr, 0);
     std::wstring expanded(length, L'\0');
     if (length == 0 || ::ExpandEnvironmentStringsW(text.c_str(), expanded.data(), length) == 0) return text;
-    return expanded.c_str();
+    return UpToItsEnd(std::move(expanded));
 }
 
 std::wstring Trimmed(const std::wstring& text) {
