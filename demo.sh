@@ -154,7 +154,9 @@ run tessactl dump history "$dump" | tee "$WINEPREFIX/history"
 grep -q 'thrown by' "$WINEPREFIX/history" || fail "the dump has no exceptions"
 echo "the trace of it:"
 run tessactl trace decode | awk '{ count[$4]++ } END { for (source in count) printf "  %4d messages of %s\n", count[source], source }' | sort -k3 -rn
-rm "$WINEPREFIX/drive_c/$(tr '\\' / <<<"${dump#?:\\}")"
+run tessactl dump list | tee "$WINEPREFIX/dumps"
+grep -qF "${dump##*\\}" "$WINEPREFIX/dumps" || fail "the dump is not where it is looked for"
+run tessactl dump prune --keep 0
 for number in $(seq 4 33); do
     run stationmgr remove "$number"
 done

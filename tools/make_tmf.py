@@ -79,12 +79,73 @@ def format_text(text):
     return CONVERSION.sub(numbered, text), items
 
 
+def skip_back(text, at, opening, closing):
+    """Where the bracket opens that closes at a position."""
+    depth = 0
+    while at >= 0:
+        depth += (text[at] == closing) - (text[at] == opening)
+        if depth == 0:
+            return at
+        at -= 1
+    return 0
+
+
+def head_before(text, brace):
+    """What stands before an opening brace, back to the end of the statement, block or label before it."""
+    at = brace - 1
+    while at >= 0 and text[at] not in ";{":
+        if text[at] == ")":
+            at = skip_back(text, at, "(", ")")
+        elif text[at] == "}":
+            # One that is followed by nothing or a comma initializes a member.
+            if text[at + 1:brace].strip()[:1] not in ("", ","):
+                break
+            at = skip_back(text, at, "{", "}")
+        at -= 1
+    return text[at + 1:brace]
+
+
+NAME = r"(?:[\w<>]+::)*(?:~\w+|operator\s*(?:\(\)|[^\s\w(]+)|\w+)"
+NOT_FUNCTIONS = {"if", "for", "while", "switch", "catch", "return"}
+
+
+def named_block(head):
+    """What a block is of by its head: ("scope", name) of a namespace or class, ("function", name), or nothing."""
+    head = re.sub(r"#[^\n]*", " ", head)
+    scope = re.match(r"\s*(?:inline\s+)?(?:namespace|class|struct)\b\s*([\w:]*)[^()]*$", head)
+    if scope:
+        return "scope", scope.group(1)
+    function = re.search(rf"(?<![\w:~])({NAME})\s*\(", head)
+    if function and function.group(1) not in NOT_FUNCTIONS:
+        return "function", function.group(1).replace(" ", "")
+    return None
+
+
+def function_at(text, position):
+    """The full name of the function in which a position of a source lies; nothing outside of any."""
+    names = []
+    at = position
+    while at > 0:
+        at -= 1
+        if text[at] == "}":
+            at = skip_back(text, at, "{", "}")
+        elif text[at] == "{":
+            found = named_block(head_before(text, at))
+            if found and found[0] == "function":
+                names = [found[1]]  # what is inside it, is a part of it
+            elif found:
+                names.insert(0, found[1])
+    return "::".join(name for name in names if name)
+
+
 class TracedSource:
     """What one source file says about its messages."""
 
     def __init__(self, path):
         self.path = path
         self.text = without_comments(pathlib.Path(path).read_text(encoding="utf-8"))
+        self.code = re.sub(STRING, lambda found: '"' + " " * (len(found.group(0)) - 2) + '"', self.text)
+        self.code = re.sub(r"'[{}();]'", "' '", self.code)
         self.guid = None
         self.points = []
         source = SOURCE.search(self.text)
@@ -120,13 +181,15 @@ class TracedSource:
             except SourceError as error:
                 self.fail(at, f"trace point {number}: {error}")
             line = self.text.count("\n", 0, at) + 1
-            self.points.append((number, line, LEVELS[point.group(1)], text, items))
+            function = function_at(self.code, at)
+            self.points.append((number, line, LEVELS[point.group(1)], function, text, items))
 
     def tmf(self):
         """The text of the format file."""
         lines = [f"{self.guid} {self.name} // SRC={self.name}.cpp MJ= MN="]
-        for number, line, level, text, items in sorted(self.points):
-            lines.append(f'#typev {self.name}_cpp{line} {number} "%0{text}" //   LEVEL={level} FLAGS=0x{self.flags:x}')
+        for number, line, level, function, text, items in sorted(self.points):
+            lines.append(f'#typev {self.name}_cpp{line} {number} "%0{text}" //   LEVEL={level} FLAGS=0x{self.flags:x}'
+                         + (f" FUNC={function}" if function else ""))
             lines.append("{")
             lines += [f"Arg, {item} -- {FIRST_NUMBER + i}" for i, item in enumerate(items)]
             lines.append("}")

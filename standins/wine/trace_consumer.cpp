@@ -52,9 +52,7 @@ TRACE_LOGFILE_HEADER HeaderOf(const TraceRecording& recording) {
     header.EndTime.QuadPart = static_cast<LONGLONG>(file.endTime);
     header.MaximumFileSize = file.maximumFileSize;
     header.LogFileMode = file.mode;
-    if (file.bufferSize != 0)
-        header.BuffersWritten =
-            static_cast<ULONG>((recording.bytes.size() + header.BufferSize - 1) / header.BufferSize);
+    header.BuffersWritten = BuffersWritten(file, recording.bytes.size());
     header.PointerSize = sizeof(void*);
     header.EventsLost = file.eventsLost;
     ::GetTimeZoneInformation(&header.TimeZone);

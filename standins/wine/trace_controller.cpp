@@ -152,10 +152,6 @@ ULONG CheckAgainstRunning(const TraceSession& running, const TraceSession& sessi
 /// @return ERROR_MORE_DATA if its texts have no room
 ULONG Fill(EVENT_TRACE_PROPERTIES* properties, const TraceSession& session) {
     const TraceLosses losses = CurrentTraceLosses();
-    WIN32_FILE_ATTRIBUTE_DATA file = {};
-    ::GetFileAttributesExW(session.file.c_str(), GetFileExInfoStandard, &file);
-    const ULONG64 fileSize = static_cast<ULONG64>(file.nFileSizeHigh) << 32 | file.nFileSizeLow;
-    const ULONG64 buffer = session.bufferSize * ULONG64{1024};
     properties->Wnode.HistoricalContext = session.handle;
     properties->Wnode.Guid = session.guid;
     properties->Wnode.Flags = WNODE_FLAG_TRACED_GUID;
@@ -167,7 +163,7 @@ ULONG Fill(EVENT_TRACE_PROPERTIES* properties, const TraceSession& session) {
     properties->EventsLost = losses.events;
     properties->LogBuffersLost = losses.buffers;
     properties->RealTimeBuffersLost = 0;
-    properties->BuffersWritten = static_cast<ULONG>((fileSize + buffer - 1) / buffer);
+    properties->BuffersWritten = BuffersWrittenInto(session.file);
     TextRoom room(properties);
     bool hasRoom = true;
     if (properties->LoggerNameOffset != 0) hasRoom = room.Copy(properties->LoggerNameOffset, session.name);

@@ -67,6 +67,7 @@ bool MakeRoom(HANDLE file, TraceFileHeader& header, ULONG64 size) {
     if (header.wrap == 0 && header.end + size > header.maximumBytes) {
         header.wrap = header.end;
         header.oldest = header.end = kFirstRecord;
+        ++header.rounds;
     }
     while (header.wrap != 0 && header.end + size > header.oldest)
         if (!DropOldest(file, header)) return false;
@@ -109,6 +110,25 @@ bool ReadWhole(HANDLE file, std::vector<BYTE>& bytes) {
 }
 
 }  // namespace
+
+ULONG BuffersWritten(const TraceFileHeader& header, ULONG64 fileSize) {
+    if (header.bufferSize == 0) return 0;  // of a former version
+    const ULONG64 buffer = header.bufferSize * ULONG64{1024};
+    const ULONG64 bytes = header.rounds == 0 ? fileSize : header.rounds * header.maximumBytes + header.end;
+    return static_cast<ULONG>((bytes + buffer - 1) / buffer);
+}
+
+ULONG BuffersWrittenInto(const std::wstring& path) {
+    const MachineLock fileLock(kTraceFileLock);
+    const HANDLE file = OpenTraceFile(path);
+    if (file == INVALID_HANDLE_VALUE) return 0;
+    TraceFileHeader header;
+    LARGE_INTEGER size = {};
+    const bool isKnown =
+        ReadAt(file, 0, &header, sizeof header) && IsOfThisVersion(header) && ::GetFileSizeEx(file, &size);
+    ::CloseHandle(file);
+    return isKnown ? BuffersWritten(header, static_cast<ULONG64>(size.QuadPart)) : 0;
+}
 
 HANDLE OpenTraceFile(const std::wstring& path, DWORD disposition) {
     return ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,

@@ -22,7 +22,7 @@ struct TraceFileHeader {
     ULONG bufferSize;       // KB
     ULONG eventsLost;       // both 0 until the session has ended
     ULONG buffersLost;
-    ULONG reserved;
+    ULONG rounds;          // how often a circular recording has begun again behind the head
     ULONG64 session;       // its handle
     ULONG64 maximumBytes;  // 0: none
     ULONG64 startTime;     // file times
@@ -44,6 +44,13 @@ struct TraceFileRecord {
     DWORD threadId;
     GUID messageGuid;
 };
+
+/// How many buffers were written, those that were replaced in a circular recording included.
+/// @param fileSize of the recording, in bytes
+ULONG BuffersWritten(const TraceFileHeader& header, ULONG64 fileSize);
+
+/// The same of a session's file; 0 if that cannot be read.
+ULONG BuffersWrittenInto(const std::wstring& path);
 
 /// Makes the file of a session, over one that is there.
 ULONG CreateTraceFile(const TraceSession& session, ULONG64 startTime);

@@ -18,7 +18,8 @@ class ProductFiles : public testing::Test {
   protected:
     ProductFiles() {
         fs::remove_all(root_);
-        for (const auto* name : {L"docs\\a.txt", L"tmf\\b.tmf", L"tessaplug.dll", L"tessahost.exe", L"not ours.txt"})
+        for (const auto* name :
+             {L"docs\\a.txt", L"tmf\\b.tmf", L"tessaplug.dll", L"tessahost.exe", L"not ours.txt"})
             Write(folder_ + name, "old");
     }
     ~ProductFiles() override { fs::remove_all(root_); }
@@ -52,7 +53,8 @@ TEST_F(ProductFiles, AreCopiedAndPutBack) {
         Write(folder_ + name, "new");
     fs::remove_all(folder_ + L"tmf");
     installer::RestoreFiles(folder_);
-    for (const auto* name : {L"docs\\a.txt", L"tmf\\b.tmf", L"tessaplug.dll", L"tessahost.exe", L"not ours.txt"})
+    for (const auto* name :
+         {L"docs\\a.txt", L"tmf\\b.tmf", L"tessaplug.dll", L"tessahost.exe", L"not ours.txt"})
         EXPECT_EQ(Read(folder_ + name), "old") << name;
     EXPECT_FALSE(fs::exists(copies_));
 }
@@ -71,8 +73,8 @@ TEST_F(ProductFiles, CopiesOfAnEarlierTimeAreReplaced) {
 }
 
 TEST_F(ProductFiles, CopyThatFailsLeavesNone) {
-    const HANDLE held = ::CreateFileW((folder_ + L"tmf\\b.tmf").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0,
-                                      nullptr);
+    const HANDLE held =
+        ::CreateFileW((folder_ + L"tmf\\b.tmf").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(held, INVALID_HANDLE_VALUE);
     EXPECT_THROW(installer::KeepFiles(folder_), std::runtime_error);
     ::CloseHandle(held);
@@ -82,8 +84,8 @@ TEST_F(ProductFiles, CopyThatFailsLeavesNone) {
 TEST_F(ProductFiles, AreFreeAfterTheyWereReleased) {
     const std::wstring file = folder_ + L"tessaplug.dll";
     // As one that runs it: it may be renamed, not written.
-    const HANDLE held = ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                      OPEN_EXISTING, 0, nullptr);
+    const HANDLE held = ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(held, INVALID_HANDLE_VALUE);
     installer::ReleaseFiles(folder_);
     EXPECT_EQ(Read(file), "old");
@@ -95,7 +97,8 @@ TEST_F(ProductFiles, AreFreeAfterTheyWereReleased) {
 
 TEST_F(ProductFiles, ReleaseThatFailsLeavesThemAsTheyWere) {
     const std::wstring file = folder_ + L"tessahost.exe";
-    const HANDLE held = ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE held =
+        ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(held, INVALID_HANDLE_VALUE);  // it may not even be renamed
     EXPECT_THROW(installer::ReleaseFiles(folder_), std::runtime_error);
     ::CloseHandle(held);

@@ -15,7 +15,8 @@ constexpr wchar_t kFolder[] = L"C:\\Program Files\\Tessaplug\\";
 
 host::InstalledService OwnService() {
     host::InstalledService service;
-    service.commandLine = L"\"C:\\PROGRAM FILES\\Tessaplug\\tessahost.exe\" run --stop-timeout 45 --log \"D:\\l\\h.log\"";
+    service.commandLine =
+        L"\"C:\\PROGRAM FILES\\Tessaplug\\tessahost.exe\" run --stop-timeout 45 --log \"D:\\l\\h.log\"";
     service.options = host::OptionsOf(service.commandLine);
     return service;
 }
@@ -88,7 +89,8 @@ TEST(SetupPlan, WishesThatCannotBeMetAreRefused) {
     EXPECT_EQ(Refusal(std::nullopt, {L"never", L"", L""}),
               "SERVICESTART is automatic, delayed or manual, not \"never\".");
     for (const wchar_t* folder : {L"logs", L"C:logs", L"\\logs", L"C:\\a\"b", L"C:\\a|b"})
-        EXPECT_TRUE(Refusal(std::nullopt, {L"", folder, L""}).starts_with("LOGFOLDER is the full path of a folder"))
+        EXPECT_TRUE(
+            Refusal(std::nullopt, {L"", folder, L""}).starts_with("LOGFOLDER is the full path of a folder"))
             << folder;
     EXPECT_EQ(Refusal(std::nullopt, {L"", L"", L"2"}), "STARTSERVICE is 1 or 0, not \"2\".");
 }
@@ -125,6 +127,7 @@ TEST(SetupPlan, IsReadBackAsItWas) {
 
 TEST(SetupPlan, TextThatIsNoPlanIsRefused) {
     EXPECT_THROW(installer::ToPlan(L"a|b"), std::invalid_argument);
-    EXPECT_THROW(installer::ToPlan(ToText(MakePlan(kFolder, std::nullopt, {})) + L"|more"), std::invalid_argument);
+    EXPECT_THROW(installer::ToPlan(ToText(MakePlan(kFolder, std::nullopt, {})) + L"|more"),
+                 std::invalid_argument);
     EXPECT_THROW(installer::OptionsOf(installer::ServiceSetUp()), std::runtime_error);
 }

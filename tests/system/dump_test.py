@@ -7,10 +7,12 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 emulator, programs, header = sys.argv[1:4]
@@ -183,8 +185,69 @@ class Dump(unittest.TestCase):
         self.assertEqual(code, 1)
         self.assertRegex(output, r"C:\\no such.dmp cannot be opened: \S.* \(error 2\)\n")
 
+    def folder_with_dumps(self, *ages_in_days):
+        """A folder with the heads of real dumps, and how the tool names it."""
+        folder = tempfile.mkdtemp(dir=os.path.dirname(self.file))
+        self.addCleanup(shutil.rmtree, folder)
+        for age in ages_in_days:
+            path = os.path.join(folder, f"tessaplug.dll_20260101-0000{age:02}.dmp")
+            with open(path, "wb") as file:
+                file.write(head_of(self.file, 8192))
+            written = time.time() - age * 24 * 3600 - 60
+            os.utime(path, (written, written))
+        return folder, self.path.rpartition("\\")[0] + "\\" + os.path.basename(folder)
+
+    def test_dumps_are_listed_newest_first(self):
+        _, folder = self.folder_with_dumps(1, 30, 7)
+        code, output = run("tessactl.exe", "dump", "list", "--folder", folder)
+        self.assertEqual(code, 0)
+        self.assertEqual(re.findall(r"dll_20260101-0000(\d\d)\.dmp      0\.0 MB  (\d+ days?) old", output),
+                         [("01", "1 day"), ("07", "7 days"), ("30", "30 days")], output)
+        code, output = run("tessactl.exe", "dump", "list", "--json", "--folder", folder)
+        first = json.loads(output)[0]
+        self.assertEqual(first["file"], folder + "\\tessaplug.dll_20260101-000001.dmp")
+        self.assertEqual(first["bytes"], 8192)
+        self.assertAlmostEqual(first["ageSeconds"], 24 * 3600, delta=600)
+        self.assertRegex(first["written"], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
+
+    def test_folder_without_dumps_is_said_to_be_one(self):
+        _, folder = self.folder_with_dumps()
+        self.assertEqual(run("tessactl.exe", "dump", "list", "--folder", folder),
+                         (0, f"There are no dumps of the plug-in in {folder}\n"))
+        self.assertEqual(run("tessactl.exe", "dump", "list", "--json", "--folder", folder), (0, "[]\n"))
+        self.assertEqual(run("tessactl.exe", "dump", "list")[0], 0)
+        code, output = run("tessactl.exe", "dump", "list", "--folder", folder + "\\missing")
+        self.assertEqual(code, 1)
+        self.assertIn("missing cannot be read: ", output)
+
+    def test_old_dumps_are_removed_and_a_dry_run_says_so(self):
+        path, folder = self.folder_with_dumps(1, 30, 7)
+        arguments = ("dump", "prune", "--keep", "1", "--older", "5", "--folder", folder)
+        code, output = run("tessactl.exe", *arguments, "--dry-run")
+        self.assertEqual(code, 0)
+        self.assertRegex(output, r"would remove  tessaplug\.dll_20260101-000007\.dmp .* 7 days old\n")
+        self.assertTrue(output.endswith(f"2 would be removed, 1 left in {folder}\n"), output)
+        self.assertEqual(len(os.listdir(path)), 3)
+        code, output = run("tessactl.exe", *arguments)
+        self.assertEqual(code, 0)
+        self.assertTrue(output.endswith(f"2 removed, 1 left in {folder}\n"), output)
+        self.assertEqual(os.listdir(path), ["tessaplug.dll_20260101-000001.dmp"])
+        self.assertEqual(run("tessactl.exe", *arguments), (0, f"0 removed, 1 left in {folder}\n"))
+
+    def test_file_that_cannot_be_removed_is_told_and_the_others_go(self):
+        path, folder = self.folder_with_dumps(1, 2, 3)
+        with open(os.path.join(path, "tessaplug.dll_20260101-000002.dmp"), "wb") as file:
+            file.write(b"somebody's own")
+        code, output = run("tessactl.exe", "dump", "prune", "--keep", "0", "--folder", folder)
+        self.assertEqual(code, 1)
+        self.assertIn("tessactl: " + folder + "\\tessaplug.dll_20260101-000002.dmp is no memory dump\n", output)
+        self.assertIn(f"2 removed, 1 left in {folder}\n", output)
+        self.assertEqual(os.listdir(path), ["tessaplug.dll_20260101-000002.dmp"])
+
     def test_wrong_arguments_are_told(self):
-        for arguments in ([], ["info"], ["print", "x"], ["info", "a", "b"]):
+        for arguments in ([], ["info"], ["print", "x"], ["info", "a", "b"], ["list", "x"], ["prune"],
+                          ["prune", "--keep", "x"], ["prune", "--keep", "-1"], ["prune", "--older", "1.5"],
+                          ["prune", "--keep", "1", "x"], ["list", "--folder"]):
             self.assertEqual(run("tessactl.exe", "dump", *arguments)[0], 2)
 
 

@@ -11,6 +11,7 @@
 #include "common_files_folder.h"
 #include "station.h"
 #include "tool.h"
+#include "wine_gap_loader.h"
 
 // The operator's tool beside a real station.
 namespace {
@@ -95,6 +96,7 @@ TEST_F(Tessactl, RefusesAccessPointsThatAreNotThere) {
 }
 
 TEST_F(Tessactl, WatchPrintsWhatHappens) {
+    LoadWineGap();  // on Windows there is nothing to load
     StartService();
     CommandResult watched;
     std::thread watcher([&watched] { watched = Tool(L"watch --seconds 5 --json"); });
@@ -102,6 +104,9 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     Plug(nx4120_);
     Report(fennlinkU3_, 2, L"hot");
     EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    const HANDLE log = ::RegisterEventSourceW(nullptr, L"tessaplug");
+    EXPECT_TRUE(::ReportEventW(log, EVENTLOG_WARNING_TYPE, 0, 0x80000104, nullptr, 0, 0, nullptr, nullptr));
+    ::DeregisterEventSource(log);
     ::Sleep(500);
     Unplug(nx4120_);
     watcher.join();
@@ -109,8 +114,10 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     for (const auto* event : {R"j("event":"arrival","what":"NX4120")j",
                               R"j("event":"access point","what":"NX4120(XLI)","text":"visible")j",
                               R"j("event":"message","what":"fenlu3","text":"warning: The adapter)j",
+                              R"j("event":"log entry","what":"tessaplug","text":"warning: An adapter was)j",
                               R"j("event":"removal","what":"NX4120")j"})
         EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
+    EXPECT_FALSE(Contains(watched, "has started")) << "that was before\n" << watched.output;
 }
 
 TEST_F(Tessactl, WatchTellsOfALibraryThatFailsForAWhile) {
@@ -173,6 +180,54 @@ TEST_F(Tessactl, WorksWithoutTheService) {
     EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
     EXPECT_TRUE(Contains(Tool(L"trace stop"), "no recording is running"));
     EXPECT_EQ(Tool(L"trace decode").exitCode, 0u);
+}
+
+TEST_F(Tessactl, RecordingThatRunsIsToldWithItsLimitWhoeverStartedIt) {
+    EXPECT_EQ(Tool(L"trace status").output, "No recording is running.\n");
+    EXPECT_EQ(Tool(L"trace status --json").output, "{\"running\":false}\n");
+    EXPECT_EQ(Tool(L"trace start --size 3 --circular --file " + kFile).exitCode, 0u);
+    const CommandResult circular = Tool(L"trace status");
+    EXPECT_TRUE(Contains(circular, "recording into   " + NarrowFile())) << circular.output;
+    EXPECT_TRUE(Contains(circular, "size limit       3 MB, circular: the oldest messages go"));
+    EXPECT_TRUE(Contains(circular, "losses           no events were lost"));
+    const CommandResult json = Tool(L"trace status --json");
+    EXPECT_TRUE(Contains(json, R"("circular":true,"sizeLimitMegabytes":3,)")) << json.output;
+    EXPECT_TRUE(Contains(json, R"("eventsLost":0)")) << json.output;
+    const CommandResult second = Tool(L"trace start");
+    EXPECT_EQ(second.exitCode, 1u);
+    EXPECT_TRUE(Contains(second, "is running already, into " + NarrowFile())) << second.output;
+    EXPECT_TRUE(Contains(second, "end it with \"tessactl trace stop\""));
+    EXPECT_EQ(Tool(L"trace stop").output, "Recorded into " + NarrowFile() + "; no events were lost.\n");
+    EXPECT_EQ(Tool(L"trace status").output, "No recording is running.\n");
+
+    EXPECT_EQ(Tool(L"trace start --size 3 --file " + kFile).exitCode, 0u);
+    EXPECT_TRUE(Contains(Tool(L"trace status"), "size limit       3 MB, at which it ends"));
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    EXPECT_EQ(Tool(L"trace start --file " + kFile).exitCode, 0u);
+    EXPECT_TRUE(Contains(Tool(L"trace status"), "size limit       none\n"));
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+}
+
+TEST_F(Tessactl, CircularRecordingNeedsASize) {
+    const CommandResult refused = Tool(L"trace start --circular");
+    EXPECT_EQ(refused.exitCode, 2u);
+    EXPECT_TRUE(Contains(refused, "a circular recording needs a size, at which it begins again: --size MB"))
+        << refused.output;
+    EXPECT_EQ(Tool(L"trace status").output, "No recording is running.\n");
+}
+
+TEST_F(Tessactl, RecordingTellsWhichFunctionsItHasInPart) {
+    StartService();
+    EXPECT_EQ(Tool(L"trace start --file " + kFile).exitCode, 0u);
+    EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0u);
+    const CommandResult text = Tool(L"trace decode " + kFile);
+    EXPECT_TRUE(Contains(text, "tessactl: functions that were left but not entered in the recording: "))
+        << "those of the worker and the monitor\n"
+        << text.output;
+    const CommandResult chrome = Tool(L"trace decode --format chrome " + kFile);
+    for (const auto* name : {"service with tessaplug", "main", "worker", "monitor"})
+        EXPECT_TRUE(Contains(chrome, R"("args":{"name":")" + std::string(name) + R"("}})")) << name;
 }
 
 TEST_F(Tessactl, RecordingsThatCannotBeReadAreTold) {
@@ -272,7 +327,8 @@ TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {
     for (const auto* arguments :
          {L"", L"nonsense", L"status x", L"doctor x", L"watch --seconds x", L"trace", L"log x",
           L"trace start my.etl", L"trace start --level 1", L"trace start --level 5x",
-          L"trace start --flags x", L"trace start --flags 0", L"trace stop now"})
+          L"trace start --flags x", L"trace start --flags 0", L"trace stop now", L"trace status x",
+          L"trace start --size 0", L"trace start --size 5000", L"trace start --size x"})
         EXPECT_EQ(Tool(arguments).exitCode, 2u) << arguments;
     const CommandResult help = Tool(L"help");
     EXPECT_EQ(help.exitCode, 0u);

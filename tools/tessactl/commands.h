@@ -38,7 +38,7 @@ ExitCode Log(const Arguments& arguments);
 /// The exceptions that the plug-in of a running service threw last.
 ExitCode Exceptions(const Arguments& arguments);
 
-/// dump info and history.
+/// dump info, history, list and prune.
 ExitCode Dump(const Arguments& arguments);
 
 /// What the station is like at this moment.

@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "dump_file.h"
+#include "dump_folder_command.h"
 #include "history_print.h"
 #include "json.h"
 #include "running_process.h"
@@ -134,13 +135,42 @@ ExitCode History(const DumpFile& dump, bool json) {
     return ExitCode::kSuccess;
 }
 
+/// A whole number of at most four digits, in decimal.
+bool ParseCount(const std::wstring& text, std::optional<ULONG>& count) {
+    if (text.empty() || text.length() > 4 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
+        return false;
+    count = std::stoul(text);
+    return true;
+}
+
+ExitCode OfAFolder(Arguments arguments) {
+    const std::wstring folder = TakeValue(arguments, L"--folder").value_or(ServiceTemporaryFolder());
+    if (arguments[0] == L"list") {
+        const bool json = TakeJson(arguments);
+        return arguments.size() == 1 ? ListDumps(folder, json)
+                                     : UsageError(L"not understood: " + arguments[1]);
+    }
+    PruneRule rule;
+    const bool isTry = std::erase(arguments, L"--dry-run") > 0;
+    const auto keep = TakeValue(arguments, L"--keep");
+    const auto older = TakeValue(arguments, L"--older");
+    if (arguments.size() > 1) return UsageError(L"not understood: " + arguments[1]);
+    if (keep && !ParseCount(*keep, rule.keep))
+        return UsageError(L"the number of dumps to keep is not understood: " + *keep);
+    if (older && !ParseCount(*older, rule.olderDays))
+        return UsageError(L"the number of days is not understood: " + *older);
+    if (!keep && !older) return UsageError(L"which dumps? --keep N, --older DAYS, or both");
+    return PruneDumps(folder, rule, isTry);
+}
+
 }  // namespace
 
 ExitCode Dump(const Arguments& arguments) {
     Arguments rest = arguments;
+    if (!rest.empty() && (rest[0] == L"list" || rest[0] == L"prune")) return OfAFolder(rest);
     const bool json = TakeJson(rest);
     if (rest.size() != 2 || (rest[0] != L"info" && rest[0] != L"history"))
-        return UsageError(L"dump info FILE or dump history FILE?");
+        return UsageError(L"dump info FILE, dump history FILE, dump list or dump prune?");
     const DumpFile dump(rest[1]);
     return rest[0] == L"info" ? Info(dump, json) : History(dump, json);
 }

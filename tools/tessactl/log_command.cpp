@@ -1,101 +1,117 @@
+#include "log_command.h"
+
 #include <cstdio>
-#include <memory>
+#include <ctime>
 #include <string>
 #include <vector>
 
 #include "commands.h"
-#include "event_log_entries.h"
+#include "event_messages.h"
 #include "json.h"
 #include "text.h"
-#include "unique_handle.h"
 
 namespace tessactl {
 namespace {
 
-/// The file that holds the source's sentences, as it is registered; empty if it is not.
-std::wstring MessageFileOf(const std::wstring& logName, const std::wstring& source) {
-    wchar_t file[1024] = {};
-    DWORD size = sizeof file - sizeof(wchar_t);
-    const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\" + logName + L"\\" + source;
-    // Asked for as text, a value with variables comes back with them filled in.
-    const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", RRF_RT_REG_SZ,
-                                          nullptr, file, &size);
-    return result == ERROR_SUCCESS ? file : L"";
+std::string JsonOf(const LogEntry& entry, const std::wstring& sentence) {
+    return JsonObject()
+        .Add("time", LocalTimeText(entry.time))
+        .Add("type", TypeName(entry.type))
+        .Add("id", entry.eventId)
+        .Add("text", sentence)
+        .Text();
 }
 
-std::wstring Sentence(HMODULE messages, const LogEntry& entry) {
-    if (messages != nullptr) {
-        std::vector<DWORD_PTR> inserts;
-        for (const std::wstring& text : entry.strings)
-            inserts.push_back(reinterpret_cast<DWORD_PTR>(text.c_str()));
-        inserts.resize(99);  // whatever the sentence refers to
-        wchar_t* text = nullptr;
-        const DWORD flags =
-            FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE |
-            (entry.strings.empty() ? FORMAT_MESSAGE_IGNORE_INSERTS : FORMAT_MESSAGE_ARGUMENT_ARRAY);
-        const DWORD length =
-            ::FormatMessageW(flags, messages, entry.eventId, 0, reinterpret_cast<wchar_t*>(&text), 0,
-                             reinterpret_cast<va_list*>(inserts.data()));
-        const std::unique_ptr<wchar_t, decltype(&::LocalFree)> owner(text, &::LocalFree);
-        if (length > 0) {
-            std::wstring sentence(text, length);
-            while (sentence.ends_with(L'\n') || sentence.ends_with(L'\r'))
-                sentence.pop_back();
-            return sentence;
+std::string LineOf(const LogEntry& entry, const std::wstring& sentence) {
+    char head[64] = {};
+    std::snprintf(head, sizeof head, "  %-11s  0x%08lX  ", TypeName(entry.type), entry.eventId);
+    return LocalTimeText(entry.time) + head + Utf8(sentence);
+}
+
+/// Prints the new entries that pass, one line each.
+void Follow(EventLogFollower& log, const EventMessages& messages, const LogRequest& request) {
+    constexpr DWORD kStepMs = 250;
+    const ULONGLONG end = ::GetTickCount64() + 1000 * ULONGLONG{request.seconds};
+    std::string toldError;
+    while (request.seconds == 0 || ::GetTickCount64() < end) {
+        ::Sleep(kStepMs);
+        try {
+            for (const LogEntry& entry : Filtered(log.ReadNew(), request.filter)) {
+                const std::wstring sentence = messages.Sentence(entry);
+                std::printf("%s\n",
+                            (request.json ? JsonOf(entry, sentence) : LineOf(entry, sentence)).c_str());
+            }
+            std::fflush(stdout);
+            toldError.clear();
+        } catch (const ToolError& error) {
+            // The log's service may be started again, so it is tried on.
+            if (toldError != error.what()) std::fprintf(stderr, "tessactl: %s\n", error.what());
+            toldError = error.what();
         }
     }
-    return L"(the sentence for this event is not installed)";
 }
 
-const char* TypeName(WORD type) {
-    switch (type) {
-        case EVENTLOG_ERROR_TYPE:
-            return "error";
-        case EVENTLOG_WARNING_TYPE:
-            return "warning";
-        case EVENTLOG_INFORMATION_TYPE:
-            return "information";
-        default:
-            return "other";
-    }
+bool ParseNumber(const std::wstring& text, ULONG& number) {
+    if (text.empty() || text.length() > 6 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
+        return false;
+    number = std::stoul(text);
+    return true;
 }
 
 }  // namespace
 
-ExitCode Log(const Arguments& arguments) {
-    std::wstring source = L"tessaplug";
-    std::wstring logName = L"Application";
-    bool json = false;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const bool hasValue = i + 1 < arguments.size();
-        if (arguments[i] == L"--json")
-            json = true;
-        else if (arguments[i] == L"--source" && hasValue)
-            source = arguments[++i];
-        else if (arguments[i] == L"--log" && hasValue)
-            logName = arguments[++i];
-        else
-            return UsageError(L"not understood: " + arguments[i]);
-    }
-    const UniqueModule messages(::LoadLibraryExW(MessageFileOf(logName, source).c_str(), nullptr,
-                                                 LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
-    const auto entries = ReadEntries(logName, source);
+ExitCode ShowLog(const LogRequest& request) {
+    const EventMessages messages(request.logName, request.source);
+    EventLogFollower log(request.logName, request.source);
     std::vector<std::string> elements;
-    for (const LogEntry& entry : entries) {
-        const std::wstring sentence = Sentence(messages.get(), entry);
-        if (json)
-            elements.push_back(JsonObject()
-                                   .Add("time", LocalTimeText(entry.time))
-                                   .Add("type", TypeName(entry.type))
-                                   .Add("id", entry.eventId)
-                                   .Add("text", sentence)
-                                   .Text());
-        else
-            std::printf("%s  %-11s  0x%08lX  %s\n", LocalTimeText(entry.time).c_str(), TypeName(entry.type),
-                        entry.eventId, Utf8(sentence).c_str());
+    for (const LogEntry& entry : Filtered(log.ReadNew(), request.filter, request.count)) {
+        const std::wstring sentence = messages.Sentence(entry);
+        elements.push_back(request.json ? JsonOf(entry, sentence) : LineOf(entry, sentence));
     }
-    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    // What is followed has no end, so it is no array.
+    if (request.json && !request.follow) {
+        std::printf("%s\n", JsonArray(elements).c_str());
+    } else {
+        for (const std::string& element : elements)
+            std::printf("%s\n", element.c_str());
+        std::fflush(stdout);
+    }
+    if (request.follow) Follow(log, messages, request);
     return ExitCode::kSuccess;
+}
+
+ExitCode Log(const Arguments& arguments) {
+    LogRequest request;
+    Arguments rest = arguments;
+    request.json = TakeJson(rest);
+    request.follow = std::erase(rest, L"--follow") > 0;
+    request.source = TakeValue(rest, L"--source").value_or(request.source);
+    request.logName = TakeValue(rest, L"--log").value_or(request.logName);
+    const auto since = TakeValue(rest, L"--since");
+    const auto level = TakeValue(rest, L"--level");
+    const auto count = TakeValue(rest, L"--count");
+    const auto seconds = TakeValue(rest, L"--seconds");
+    if (!rest.empty()) return UsageError(L"not understood: " + rest[0]);
+    if (since) {
+        const auto time = ParseSince(*since, static_cast<DWORD>(std::time(nullptr)));
+        if (!time)
+            return UsageError(
+                L"the time is like 2026-11-21T10:11, or how long ago, like 10m, 2h or 3d, not " + *since);
+        request.filter.since = *time;
+    }
+    if (level) {
+        const auto type = TypeNamed(*level);
+        if (!type) return UsageError(L"the level is error, warning or information, not " + *level);
+        request.filter.level = *type;
+    }
+    ULONG number = 0;
+    if (count && !ParseNumber(*count, number))
+        return UsageError(L"the number of entries is not understood: " + *count);
+    if (count) request.count = number;
+    if (seconds && (!ParseNumber(*seconds, request.seconds) || request.seconds == 0))
+        return UsageError(L"the number of seconds is not understood: " + *seconds);
+    if (seconds && !request.follow) return UsageError(L"--seconds belongs to --follow");
+    return ShowLog(request);
 }
 
 }  // namespace tessactl

@@ -40,12 +40,18 @@ constexpr Command kCommands[] = {
      L"      hides it\n"},
     {L"watch", &Watch,
      L"  watch [--seconds N] [--json]\n"
-     L"      prints arrivals, removals, changes of access points and messages of the driver as they happen, "
-     L"until\n"
-     L"      Ctrl+C or for N seconds\n"},
+     L"      prints arrivals, removals, changes of access points, messages of the driver and the plug-in's "
+     L"log "
+     L"entries\n"
+     L"      as they happen, until Ctrl+C or for N seconds\n"},
     {L"log", &Log,
-     L"  log [--source NAME] [--log NAME] [--json]\n"
-     L"      shows the plug-in's entries of the Application log as sentences\n"},
+     L"  log [--source NAME] [--log NAME] [--since TIME] [--level LEVEL] [--count N]\n"
+     L"      [--follow [--seconds N]] [--json]\n"
+     L"      shows the plug-in's entries of the Application log as sentences: since a time, e.g. "
+     L"2026-11-21T10:11 or\n"
+     L"      2h; of a LEVEL, error, warning or information, and graver; the last N; with --follow also new "
+     L"ones as\n"
+     L"      they come, until Ctrl+C or for N seconds\n"},
     {L"exceptions", &Exceptions,
      L"  exceptions [--service NAME] [--plugin FILE] [--json]\n"
      L"      prints the exceptions that the plug-in of the running service threw last, oldest first\n"},
@@ -53,18 +59,26 @@ constexpr Command kCommands[] = {
      L"  dump info FILE [--json]\n"
      L"      shows what a memory dump holds: the captured exception, threads and modules\n"
      L"  dump history FILE [--json]\n"
-     L"      prints the exceptions that the plug-in threw last, oldest first, from the dump alone\n"},
+     L"      prints the exceptions that the plug-in threw last, oldest first, from the dump alone\n"
+     L"  dump list [--folder FOLDER] [--json]\n"
+     L"      lists the plug-in's dumps, newest first; without a folder in the service's temporary folder\n"
+     L"  dump prune [--keep N] [--older DAYS] [--folder FOLDER] [--dry-run]\n"
+     L"      removes all but the newest N, or what is older than some days; with both, what is both\n"},
     {L"trace", &Trace,
-     L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS]\n"
+     L"  trace start [--file FILE] [--level LEVEL] [--flags FLAGS] [--size MB [--circular]]\n"
      L"      starts recording the plug-in's trace; LEVEL 2 errors, 3 warnings, 4 information, 5 everything "
      L"(the\n"
      L"      default); FLAGS adds up 1 messages, 4 function entry and exit, 8 log-device configuration (all "
      L"of\n"
-     L"      them unless told otherwise)\n"
+     L"      them unless told otherwise); at its size it ends, or, circular, the oldest messages go\n"
+     L"  trace status [--json]\n"
+     L"      shows whether a recording runs, whoever started it, and what it has lost\n"
      L"  trace stop\n"
      L"      ends the recording\n"
-     L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE]\n"
-     L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing\n"},
+     L"  trace decode [FILE] [--tmf FOLDER] [--format text|chrome] [--output FILE] [--functions]\n"
+     L"      prints a recording; with --format chrome as a file for Perfetto or chrome://tracing; with "
+     L"--functions\n"
+     L"      also the function of each message; what the recording lacks is told on standard error\n"},
     {L"probe", &Probe, L""},
 };
 

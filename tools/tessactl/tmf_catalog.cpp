@@ -56,7 +56,8 @@ TmfCatalog TmfCatalog::FromFolder(const std::wstring& folder) {
 void TmfCatalog::Add(const std::string& text, const std::string& name) {
     constexpr std::size_t kLongestLine = 4096;
     static const std::regex kHead(R"(^(\S+) ([!-~]+) //.*)");
-    static const std::regex kMessage(R"re(^#typev \S+ (\d{1,9}) "%0(.*)" //.*LEVEL=(\d{1,9})\b.*)re");
+    static const std::regex kMessage(
+        R"re(^#typev \S+ (\d{1,9}) "%0(.*)" //.*LEVEL=(\d{1,9})\b(?:.* FUNC=(\S+))?.*)re");
     static const std::regex kItem(R"(^\S+, (Item\w+) -- \d+\s*)");
     // What is printed is UTF-8, whatever the file is.
     std::istringstream lines(Utf8(Widened(text, CP_UTF8)));
@@ -77,7 +78,7 @@ void TmfCatalog::Add(const std::string& text, const std::string& name) {
     while (nextLine()) {
         if (std::regex_match(line, match, kMessage)) {
             current = &messages[static_cast<unsigned int>(std::stoul(match[1]))];
-            *current = {source, match[2], {}, static_cast<unsigned int>(std::stoul(match[3]))};
+            *current = {source, match[2], {}, static_cast<unsigned int>(std::stoul(match[3])), match[4]};
         } else if (current != nullptr && std::regex_match(line, match, kItem)) {
             current->items.push_back(match[1]);
         } else if (!line.empty() && line != "{" && line != "}" && !line.starts_with("//")) {

@@ -16,6 +16,7 @@ struct TmfMessage {
     std::string text;                ///< with conversions such as %10!u!
     std::vector<std::string> items;  ///< "ItemLong", "ItemString"... of %10, %11...
     unsigned int level = 0;          ///< 2 error to 5 verbose
+    std::string function;            ///< in which the trace point stands; empty if the file does not say
 };
 
 struct GuidLess {

@@ -1,16 +1,18 @@
 #include <windows.h>
-#include <evntrace.h>
 
 #include <cstdio>
-#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
 
+#include "chrome_trace.h"
 #include "commands.h"
+#include "function_calls.h"
+#include "json.h"
 #include "protected_folder.h"
+#include "recording_session.h"
 #include "text.h"
 #include "tmf_build.h"
 #include "trace_decoder.h"
@@ -18,12 +20,6 @@
 
 namespace tessactl {
 namespace {
-
-constexpr wchar_t kSessionName[] = L"tessaplug";
-constexpr GUID kControlGuids[] = {
-    {0xadc03568, 0x3c4e, 0x4804, {0x97, 0x10, 0x96, 0x8b, 0x39, 0x9e, 0x7f, 0x56}},
-    {0xee8c6c7c, 0x3531, 0x4072, {0xa8, 0x29, 0xd7, 0x41, 0xb5, 0x89, 0xe5, 0xa2}},
-};
 
 using Options = std::map<std::wstring, std::wstring>;
 
@@ -68,72 +64,69 @@ void PrepareDefaultFile() {
     }
 }
 
-/// The session's properties with room for its names behind them, in the documented order.
-struct SessionProperties {
-    EVENT_TRACE_PROPERTIES head = {};
-    wchar_t name[256] = {};
-    wchar_t logFile[1024] = {};
-
-    explicit SessionProperties(const std::wstring& file) {
-        head.Wnode.BufferSize = sizeof *this;
-        head.Wnode.Flags = WNODE_FLAG_TRACED_GUID;
-        head.Wnode.ClientContext = 1;  // query performance counter
-        head.LogFileMode = EVENT_TRACE_FILE_MODE_SEQUENTIAL;
-        head.LogFileNameOffset = offsetof(SessionProperties, logFile);
-        head.LoggerNameOffset = offsetof(SessionProperties, name);
-        file.copy(logFile, ARRAYSIZE(logFile) - 1);
-    }
-};
-
-ExitCode Failed(const char* what, ULONG error) {
-    switch (error) {
-        case ERROR_ACCESS_DENIED:
-            std::fprintf(stderr, "tessactl: %s is not allowed; run it as administrator.\n", what);
-            return ExitCode::kNoRights;
-        case ERROR_ALREADY_EXISTS:
-            std::fputs("tessactl: a recording is running already; end it with \"tessactl trace stop\".\n",
-                       stderr);
-            return ExitCode::kFailed;
-        case ERROR_WMI_INSTANCE_NOT_FOUND:
-            std::fputs("tessactl: no recording is running.\n", stderr);
-            return ExitCode::kFailed;
-        default:
-            std::fprintf(stderr, "tessactl: %s failed: %s\n", what, ErrorInWords(error).c_str());
-            return ExitCode::kFailed;
-    }
+ExitCode Start(Arguments arguments) {
+    RecordingRequest request;
+    request.isCircular = std::erase(arguments, L"--circular") > 0;
+    Options options;
+    if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags", L"--size"}, options))
+        return ExitCode::kUsage;
+    if (!options[L""].empty()) return UsageError(L"not understood: " + options[L""]);
+    if (options.contains(L"--level") &&
+        (!ParseNumber(options[L"--level"], request.level) || request.level < 2 || request.level > 5))
+        return UsageError(L"the level is 2, 3, 4 or 5");
+    if (options.contains(L"--flags") &&
+        (!ParseNumber(options[L"--flags"], request.flags) || request.flags == 0))
+        return UsageError(L"the flags are a number, but 0, which would record nothing");
+    if (options.contains(L"--size") && (!ParseNumber(options[L"--size"], request.megabytes) ||
+                                        request.megabytes == 0 || request.megabytes > kMostMegabytes))
+        return UsageError(L"the size is a number of megabytes, 1 to " + std::to_wstring(kMostMegabytes));
+    if (request.isCircular && request.megabytes == 0)
+        return UsageError(L"a circular recording needs a size, at which it begins again: --size MB");
+    request.file =
+        options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
+    if (!options.contains(L"--file")) PrepareDefaultFile();
+    StartRecording(request);
+    std::printf("Recording into %s\n", Utf8(request.file).c_str());
+    return ExitCode::kSuccess;
 }
 
 ExitCode Stop() {
-    SessionProperties properties(L"");
-    const ULONG result = ::ControlTraceW(0, kSessionName, &properties.head, EVENT_TRACE_CONTROL_STOP);
-    return result == ERROR_SUCCESS ? ExitCode::kSuccess : Failed("ending the recording", result);
+    const auto ended = StopRecording();
+    if (!ended)
+        throw ToolError("no recording is running; one that reaches the limit of its size ends by itself.");
+    std::printf("Recorded into %s; %s.\n", Utf8(ended->file).c_str(),
+                LossesInWords(ended->eventsLost, ended->buffersLost).c_str());
+    return ExitCode::kSuccess;
 }
 
-ExitCode Start(const Arguments& arguments) {
-    Options options;
-    if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags"}, options)) return ExitCode::kUsage;
-    if (!options[L""].empty()) return UsageError(L"not understood: " + options[L""]);
-    ULONG level = 5;
-    if (options.contains(L"--level") && (!ParseNumber(options[L"--level"], level) || level < 2 || level > 5))
-        return UsageError(L"the level is 2, 3, 4 or 5");
-    ULONG flags = 0xFFFFFFFF;
-    if (options.contains(L"--flags") && (!ParseNumber(options[L"--flags"], flags) || flags == 0))
-        return UsageError(L"the flags are a number, but 0, which would record nothing");
-    // In full: every process that is traced writes into it.
-    const std::wstring file =
-        options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
-    if (!options.contains(L"--file")) PrepareDefaultFile();
-    SessionProperties properties(file);
-    TRACEHANDLE session = 0;
-    if (const ULONG result = ::StartTraceW(&session, kSessionName, &properties.head); result != ERROR_SUCCESS)
-        return Failed("starting the recording", result);
-    for (const GUID& guid : kControlGuids) {
-        const ULONG result = ::EnableTrace(TRUE, flags, level, &guid, session);
-        if (result == ERROR_SUCCESS) continue;
-        Stop();
-        return Failed("enabling the plug-in's trace", result);
+ExitCode RecordingStatus(bool json) {
+    const auto running = RunningRecording();
+    if (json) {
+        JsonObject object;
+        object.Add("running", running.has_value());
+        if (running)
+            object.Add("file", running->file)
+                .Add("circular", running->isCircular)
+                .Add("sizeLimitMegabytes", running->megabytes)
+                .Add("buffersWritten", running->buffersWritten)
+                .Add("eventsLost", running->eventsLost)
+                .Add("buffersLost", running->buffersLost);
+        std::printf("%s\n", object.Text().c_str());
+        return ExitCode::kSuccess;
     }
-    std::printf("Recording into %s\n", Utf8(file).c_str());
+    if (!running) {
+        std::printf("No recording is running.\n");
+        return ExitCode::kSuccess;
+    }
+    const std::string limit = running->megabytes == 0 ? "none" : std::to_string(running->megabytes) + " MB";
+    std::printf("recording into   %s\n", Utf8(running->file).c_str());
+    std::printf("size limit       %s%s\n", limit.c_str(),
+                running->isCircular       ? ", circular: the oldest messages go"
+                : running->megabytes != 0 ? ", at which it ends"
+                                          : "");
+    std::printf("buffers written  %lu\n", running->buffersWritten);
+    std::printf("losses           %s\n", LossesInWords(running->eventsLost, running->buffersLost).c_str());
+    std::printf("It goes on, whoever started it, until \"tessactl trace stop\".\n");
     return ExitCode::kSuccess;
 }
 
@@ -156,7 +149,25 @@ void WarnOfOtherBuild(std::size_t unknown, const std::wstring& tmfFolder) {
                  static_cast<unsigned long long>(unknown), Utf8(tmfFolder).c_str(), build.c_str());
 }
 
-ExitCode DecodeRecording(const Arguments& arguments) {
+/// Behind the messages, and never between them: on standard error.
+void TellWhatIsMissing(const RecordingHead& head, const FunctionCalls& calls) {
+    if (head.eventsLost > 0 || head.buffersLost > 0)
+        std::fprintf(stderr, "tessactl: %s while this was recorded; they are missing above.\n",
+                     LossesInWords(head.eventsLost, head.buffersLost).c_str());
+    if (head.BuffersReplaced() > 0)
+        std::fprintf(stderr,
+                     "tessactl: the recording is circular and was full: of %lu buffers the oldest %lu were "
+                     "written over.\n",
+                     head.buffersWritten, head.BuffersReplaced());
+    if (calls.ExitsWithoutEntry() > 0 || calls.EntriesWithoutExit() > 0)
+        std::fprintf(stderr,
+                     "tessactl: functions that were left but not entered in the recording: %zu; entered but "
+                     "not left: %zu.\n",
+                     calls.ExitsWithoutEntry(), calls.EntriesWithoutExit());
+}
+
+ExitCode DecodeRecording(Arguments arguments) {
+    const bool withFunctions = std::erase(arguments, L"--functions") > 0;
     Options options;
     if (!ParseOptions(arguments, {L"--tmf", L"--format", L"--output"}, options)) return ExitCode::kUsage;
     const std::wstring format = options.contains(L"--format") ? options[L"--format"] : L"text";
@@ -171,16 +182,19 @@ ExitCode DecodeRecording(const Arguments& arguments) {
     }
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
+    FunctionCalls calls;
     ExitCode result = ExitCode::kSuccess;
     std::size_t unknown = 0;
+    RecordingHead head;
     try {
-        ReadRecording(file, [&](const RecordedMessage& message) {
+        ReadRecording(file, head, [&](const RecordedMessage& message) {
             const DecodedMessage decoded = Decode(catalog, message);
             if (decoded.source.empty()) ++unknown;
+            calls.Follow(message, decoded);
             if (format == L"chrome")
                 chrome.Add(message, decoded);
             else
-                output << TextLine(message, decoded) << "\n";
+                output << TextLine(message, decoded, withFunctions) << "\n";
         });
     } catch (const ToolError& error) {
         // What was read so far is written all the same.
@@ -188,20 +202,24 @@ ExitCode DecodeRecording(const Arguments& arguments) {
         result = ExitCode::kFailed;
     }
     if (format == L"chrome") output << chrome.Finish();
-    if (unknown != 0) WarnOfOtherBuild(unknown, tmfFolder);
     if (!output.flush()) throw ToolError("The decoded recording cannot be written whole; is the disk full?");
+    TellWhatIsMissing(head, calls);
+    if (unknown != 0) WarnOfOtherBuild(unknown, tmfFolder);
     return result;
 }
 
 }  // namespace
 
 ExitCode Trace(const Arguments& arguments) {
-    const std::wstring what = arguments.empty() ? L"" : arguments[0];
-    if (what == L"start") return Start(arguments);
-    if (what == L"stop")
-        return arguments.size() == 1 ? Stop() : UsageError(L"not understood: " + arguments[1]);
-    if (what == L"decode") return DecodeRecording(arguments);
-    return UsageError(L"trace start, trace stop or trace decode?");
+    Arguments rest = arguments;
+    const std::wstring what = rest.empty() ? L"" : rest[0];
+    if (what == L"start") return Start(rest);
+    if (what == L"decode") return DecodeRecording(rest);
+    const bool json = what == L"status" && TakeJson(rest);
+    if (what != L"stop" && what != L"status")
+        return UsageError(L"trace start, trace status, trace stop or trace decode?");
+    if (rest.size() > 1) return UsageError(L"not understood: " + rest[1]);
+    return what == L"stop" ? Stop() : RecordingStatus(json);
 }
 
 }  // namespace tessactl

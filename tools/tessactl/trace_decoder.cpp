@@ -9,16 +9,11 @@
 #include <optional>
 #include <regex>
 
-#include "json.h"
 #include "text.h"
 #include "toolbox.h"
 
 namespace tessactl {
 namespace {
-
-constexpr char kFunctionTraceSource[] = "function_trace";
-constexpr unsigned int kFunctionEntry = 10;
-constexpr unsigned int kFunctionExit = 11;
 
 /// Takes typed arguments off the bytes of a message, never beyond their end.
 class ArgumentReader {
@@ -92,6 +87,17 @@ const char* LevelName(unsigned int level) {
     return level < std::size(kNames) ? kNames[level] : "?";
 }
 
+RecordingHead HeadOf(const TRACE_LOGFILE_HEADER& header) {
+    constexpr ULONG64 kKilobyte = 1024;
+    const bool isInKilobytes = (header.LogFileMode & EVENT_TRACE_USE_KBYTES_FOR_SIZE) != 0;
+    return {header.BufferSize,
+            header.BuffersWritten,
+            header.EventsLost,
+            header.BuffersLost,
+            header.MaximumFileSize * (isInKilobytes ? kKilobyte : kKilobyte * kKilobyte),
+            (header.LogFileMode & EVENT_TRACE_FILE_MODE_CIRCULAR) != 0};
+}
+
 void WINAPI OnEvent(EVENT_RECORD* event) {
     const auto& use = *static_cast<const std::function<void(const RecordedMessage&)>*>(event->UserContext);
     // The head of a recording, and whatever else is not a trace message.
@@ -104,7 +110,14 @@ void WINAPI OnEvent(EVENT_RECORD* event) {
 
 }  // namespace
 
-void ReadRecording(const std::wstring& file, const std::function<void(const RecordedMessage&)>& use) {
+ULONG RecordingHead::BuffersReplaced() const {
+    if (!isCircular || bufferSize == 0) return 0;
+    const ULONG64 most = (maximumBytes + bufferSize - 1) / bufferSize;
+    return buffersWritten > most ? static_cast<ULONG>(buffersWritten - most) : 0;
+}
+
+void ReadRecording(const std::wstring& file, RecordingHead& head,
+                   const std::function<void(const RecordedMessage&)>& use) {
     std::wstring name = file;
     EVENT_TRACE_LOGFILEW logFile = {};
     logFile.LogFileName = name.data();
@@ -118,6 +131,7 @@ void ReadRecording(const std::wstring& file, const std::function<void(const Reco
                                           ? " does not exist; record it with \"tessactl trace start\"."
                                           : " is no trace recording: " + ErrorInWords(error)));
     }
+    head = HeadOf(logFile.LogfileHeader);
     const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
     ::CloseTrace(handle);
     if (result == ERROR_FILE_CORRUPT)
@@ -133,9 +147,10 @@ DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message)
                 0,
                 "unknown message " + std::to_string(message.number) + " of " +
                     toolbox::GuidToString(&message.messageGuid) + ", bytes:" + HexOf(message.arguments),
-                {}};
+                {},
+                ""};
     static const std::regex kConversion(R"(%%|%(\d+)!(\w+)!)");
-    DecodedMessage decoded{known->source, known->level, "", {}};
+    DecodedMessage decoded{known->source, known->level, "", {}, known->function};
     ArgumentReader reader(message.arguments);
     std::size_t at = 0;
     for (std::sregex_iterator match(known->text.begin(), known->text.end(), kConversion), end; match != end;
@@ -164,27 +179,12 @@ std::string TimeText(ULONG64 timeStamp) {
                    static_cast<unsigned int>(timeStamp / 10 % 1000000));
 }
 
-std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded) {
+std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded, bool withFunction) {
+    // Of an entry or exit the function that is meant is in the text.
+    const bool isTold = withFunction && !decoded.function.empty() && decoded.source != "function_trace";
     return TimeText(message.timeStamp) + Printed("  %5lu.%-5lu", message.processId, message.threadId) +
            Printed("  %-7s", LevelName(decoded.level)) + Printed("  %-20.40s  ", decoded.source.c_str()) +
-           decoded.text;
-}
-
-void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage& decoded) {
-    if (events_.empty()) firstTimeStamp_ = message.timeStamp;
-    const bool isFunction = decoded.source == kFunctionTraceSource && decoded.arguments.size() == 2 &&
-                            (message.number == kFunctionEntry || message.number == kFunctionExit);
-    const char* phase = !isFunction ? "i" : message.number == kFunctionEntry ? "B" : "E";
-    events_ += events_.empty() ? "\n" : ",\n";
-    events_ += "{\"name\":" + JsonText(isFunction ? decoded.arguments[1] : decoded.text) +
-               ",\"cat\":" + JsonText(isFunction ? decoded.arguments[0] : decoded.source) + ",\"ph\":\"" +
-               phase + "\"" + (isFunction ? "" : ",\"s\":\"t\"") +
-               Printed(",\"ts\":%.1f", static_cast<double>(message.timeStamp - firstTimeStamp_) / 10) +
-               Printed(",\"pid\":%lu,\"tid\":%lu}", message.processId, message.threadId);
-}
-
-std::string ChromeTraceWriter::Finish() const {
-    return "{\"traceEvents\":[" + events_ + "\n]}\n";
+           (isTold ? decoded.function + ": " : "") + decoded.text;
 }
 
 }  // namespace tessactl

@@ -20,10 +20,26 @@ struct RecordedMessage {
     std::vector<BYTE> arguments;
 };
 
-/// Calls `use` with every message of a recording, in order.
+/// What a recording says of itself.
+struct RecordingHead {
+    ULONG bufferSize = 0;  ///< bytes
+    ULONG buffersWritten = 0;
+    ULONG eventsLost = 0;
+    ULONG buffersLost = 0;
+    ULONG64 maximumBytes = 0;  ///< 0: no limit
+    bool isCircular = false;
+
+    /// How many of the buffers were written over by later ones.
+    ULONG BuffersReplaced() const;
+};
+
+/// Calls `use` with every message of a recording, in the order of their times, wherever in the file the
+/// oldest is.
+/// @param head is filled in before the first message
 /// @throws ToolError if the file cannot be opened or is no recording; if it is damaged, after the messages
 /// before that
-void ReadRecording(const std::wstring& file, const std::function<void(const RecordedMessage&)>& use);
+void ReadRecording(const std::wstring& file, RecordingHead& head,
+                   const std::function<void(const RecordedMessage&)>& use);
 
 /// A message in words.
 struct DecodedMessage {
@@ -31,6 +47,7 @@ struct DecodedMessage {
     unsigned int level = 0;
     std::string text;                    ///< of an unknown message its GUID, number and bytes
     std::vector<std::string> arguments;  ///< each in words
+    std::string function;                ///< in which the trace point stands; empty if that is not known
 };
 
 /// Decodes a message as far as its arguments' bytes are sound; what is missing of them is shown as
@@ -41,19 +58,8 @@ DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message)
 std::string TimeText(ULONG64 timeStamp);
 
 /// One line for a person.
-std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded);
-
-/// Writes messages as a Chrome trace: function entry and exit as nested slices of their thread, all others as
-/// instants. The result opens in Perfetto and chrome://tracing.
-class ChromeTraceWriter {
-  public:
-    void Add(const RecordedMessage& message, const DecodedMessage& decoded);
-    /// The whole file.
-    std::string Finish() const;
-
-  private:
-    std::string events_;
-    ULONG64 firstTimeStamp_ = 0;
-};
+/// @param withFunction whether it also tells the function in which the trace point stands
+std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded,
+                     bool withFunction = false);
 
 }  // namespace tessactl

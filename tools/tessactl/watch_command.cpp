@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "commands.h"
+#include "event_messages.h"
 #include "evlog_check.h"
 #include "json.h"
+#include "log_filter.h"
 #include "station_state.h"
 #include "text.h"
 
@@ -119,6 +121,39 @@ class DriverMessages {
     std::thread thread_;
 };
 
+/// Prints what the plug-in writes into the Application log from now on.
+class PlugInEntries {
+  public:
+    explicit PlugInEntries(Printer& printer) : printer_(printer) { ReadNew(); }
+    void PrintNew() {
+        for (const LogEntry& entry : ReadNew())
+            printer_.Print("log entry", entry.source,
+                           Widened(TypeName(entry.type), CP_UTF8) + L": " + messages_.Sentence(entry));
+    }
+
+  private:
+    std::vector<LogEntry> ReadNew() {
+        try {
+            auto entries = log_.ReadNew();
+            error_.clear();
+            if (!hasBegun_) entries.clear();
+            hasBegun_ = true;
+            return entries;
+        } catch (const ToolError& error) {
+            if (error_ != error.what())
+                printer_.Print("problem", L"Application log", Widened(error.what(), CP_UTF8));
+            error_ = error.what();
+            return {};
+        }
+    }
+
+    Printer& printer_;
+    EventLogFollower log_{L"Application", L"tessaplug"};
+    EventMessages messages_{L"Application", L"tessaplug"};
+    std::string error_;
+    bool hasBegun_ = false;  // what was there before is none of it
+};
+
 void PrintMissing(Printer& printer, const char* event, const std::wstring& model,
                   const std::vector<std::wstring>& paths, const std::vector<std::wstring>& without) {
     for (const std::wstring& path : paths)
@@ -159,6 +194,7 @@ ExitCode Watch(const Arguments& arguments) {
     const ULONGLONG end = ::GetTickCount64() + 1000 * seconds;
     Printer printer(json);
     const DriverMessages messages(printer);
+    PlugInEntries plugInEntries(printer);
     std::string error;
     Models before = ReadModels(error);
     printer.Print("watching", error.empty() ? L"everything" : L"adapters and messages only",
@@ -173,6 +209,7 @@ ExitCode Watch(const Arguments& arguments) {
                           Widened(error, CP_UTF8));
         errorBefore = error;
         PrintChanges(printer, before, after);
+        plugInEntries.PrintNew();
         before = std::move(after);
     }
     return ExitCode::kSuccess;

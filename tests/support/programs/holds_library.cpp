@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-// Holds a library as the event-log service holds the file of its messages, and as a program that runs it, until
-// its input ends.
+// Holds a library as the event-log service holds the file of its messages, and as a program that runs it,
+// until its input ends.
 int wmain(int argc, wchar_t** argv) {
     if (argc != 2) return 2;
     const HMODULE messages =

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "chrome_trace.h"
 #include "dump_file.h"
 #include "exception_history.h"
 #include "module_hooks.h"

@@ -10,12 +10,17 @@ using namespace tracing_test;  // NOLINT: all of it
 
 namespace {
 
-/// How many messages the operator's tool finds in the recording; -1 if it does not read it whole.
+/// What the operator's tool says of the recording.
+test_support::CommandResult Decoded() {
+    return test_support::RunCommand(std::wstring(L"tessactl.exe trace decode ") + kFile);
+}
+
+/// How many messages it finds, apart from what it says of the whole; -1 if it does not read it whole.
 int DecodedLines() {
-    const auto decoded = test_support::RunCommand(std::wstring(L"tessactl.exe trace decode ") + kFile);
+    const auto decoded = Decoded();
     if (decoded.exitCode != 0) return -1;
-    const bool isWarned = decoded.output.find("tessactl: ") != std::string::npos;  // of what nobody knows
-    return static_cast<int>(std::ranges::count(decoded.output, '\n')) - (isWarned ? 1 : 0);
+    const auto lines = std::ranges::count(decoded.output, '\n');
+    return static_cast<int>(lines) - (decoded.output.find("tessactl: ") != std::string::npos ? 1 : 0);
 }
 
 }  // namespace
@@ -292,6 +297,12 @@ TEST_F(LimitedRecording, ThatIsCircularKeepsTheNewest) {
     EXPECT_EQ(statistics.properties.head.EventsLost, 0u) << "what was replaced is not lost";
     EXPECT_EQ(statistics.properties.head.LogFileMode & EVENT_TRACE_FILE_MODE_CIRCULAR,
               static_cast<ULONG>(EVENT_TRACE_FILE_MODE_CIRCULAR));
+    const ULONG buffers = statistics.properties.head.BuffersWritten;
+    EXPECT_GT(buffers, 5u) << "every round counts";
+    EXPECT_EQ(ReadBack().header.BuffersWritten, buffers);
+    const std::string told = "circular and was full: of " + std::to_string(buffers) + " buffers the oldest " +
+                             std::to_string(buffers - 1) + " were written over.\n";
+    EXPECT_NE(Decoded().output.find(told), std::string::npos) << Decoded().output;
 }
 
 TEST_F(LimitedRecording, ThatIsCircularIsReadAsFarAsItIsWhole) {
@@ -334,6 +345,10 @@ TEST_F(Tracing, MessagesThatCannotBeWrittenAreCountedAsLost) {
     EXPECT_EQ(recording.texts, Texts({"recorded"}));
     EXPECT_EQ(recording.header.EventsLost, 2u) << "and the recording";
     EXPECT_EQ(recording.header.BuffersLost, 2u);
+    EXPECT_NE(Decoded().output.find(
+                  "tessactl: 2 events and 2 buffers were lost while this was recorded; they are "),
+              std::string::npos)
+        << "and the tool";
     StartSession();
     EXPECT_EQ(Query().properties.head.EventsLost, 0u) << "of another session";
 }

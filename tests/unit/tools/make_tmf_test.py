@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import sys
 import tempfile
 import unittest
@@ -49,6 +50,37 @@ class MakeTmf(unittest.TestCase):
         text = self.make(head + 'TRACE_WARNING(10, "w"); TRACE_INFO(11, "i"); TRACE_VERBOSE(12, "v");')
         for level in (3, 4, 5):
             self.assertIn(f"LEVEL={level} FLAGS=0x8", text)
+
+    def functions_of(self, text):
+        return re.findall(r"\bFUNC=(.*)", self.make(HEAD + text))
+
+    def test_function_of_a_trace_point_is_told_in_full(self):
+        self.assertEqual(self.functions_of("""
+namespace space {
+namespace {
+int Free(int a) { return a; }
+void Helper(const char* s = "){", char c = '{') noexcept {
+    TRACE_INFO(10, "a");
+}
+}  // namespace
+Class::Class(int a) : base_(a), list_{} {
+    if (a > 0) {
+        for (;;) TRACE_INFO(11, "b");
+    }
+    const auto lambda = [&](int x) { TRACE_INFO(12, "c"); };
+}
+Class::~Class() { TRACE_INFO(13, "d"); }
+std::vector<int> Class::List() const { TRACE_INFO(14, "e"); }
+struct Inner : Base {
+    bool operator()(int a) { TRACE_INFO(15, "f"); }
+};
+}  // namespace space
+extern "C" DWORD WINAPI Exported(void) { try { TRACE_INFO(16, "g"); } catch (...) { TRACE_INFO(17, "h"); } }
+"""), ["space::Helper", "space::Class::Class", "space::Class::Class", "space::Class::~Class", "space::Class::List",
+            "space::Inner::operator()", "Exported", "Exported"])
+
+    def test_trace_point_outside_of_functions_has_none(self):
+        self.assertNotIn("FUNC", self.make(HEAD + 'TRACE_INFO(10, "a");'))
 
     def test_text_may_stand_on_several_lines(self):
         text = self.make(HEAD + 'TRACE_INFO(10,\n  "one "\n  "two",\n  f(a, b));')

@@ -7,7 +7,6 @@
 #include "json.h"
 #include "module_hooks.h"
 
-using tessactl::ChromeTraceWriter;
 using tessactl::Decode;
 using tessactl::RecordedMessage;
 using tessactl::TmfCatalog;
@@ -16,7 +15,6 @@ using tessactl::ToolError;
 namespace {
 
 constexpr GUID kGuid = {0x0f2b5f1e, 0x9c4d, 0x4f5a, {0x8a, 0x57, 0x6f, 0x1f, 0x0c, 0x9d, 0x1e, 0x01}};
-constexpr GUID kFunctionGuid = {0x6c1f2f5e, 0x0b0f, 0x4f6e, {0x9f, 0x0c, 0x3a, 0x52, 0xd4, 0xe1, 0xb7, 0x01}};
 
 constexpr char kTmf[] =
     "0f2b5f1e-9c4d-4f5a-8a57-6f1f0c9d1e01 name // SRC=name.cpp MJ= MN=\n"
@@ -25,13 +23,6 @@ constexpr char kTmf[] =
     "{\nArg, ItemWString -- 10\nArg, ItemLong -- 11\nArg, ItemULongLong -- 12\nArg, ItemPtr -- 13\n"
     "Arg, ItemString -- 14\nArg, ItemLong -- 15\nArg, ItemLong -- 16\n}\n"
     "#typev name_cpp9 11 \"%0no arguments\" //   LEVEL=5 FLAGS=0x1\n{\n}\n";
-constexpr char kFunctionTmf[] =
-    "6c1f2f5e-0b0f-4f6e-9f0c-3a52d4e1b701 function_trace // SRC=function_trace.cpp MJ= MN=\r\n"
-    "#typev function_trace_cpp1 10 \"%0%10!s!: Entry %11!s!\" //   LEVEL=5 FLAGS=0x4\r\n"
-    "{\r\nArg, ItemString -- 10\r\nArg, ItemString -- 11\r\n}\r\n"
-    "#typev function_trace_cpp2 11 \"%0%10!s!: Exit %11!s!\" //   LEVEL=5 FLAGS=0x4\r\n"
-    "{\r\nArg, ItemString -- 10\r\nArg, ItemString -- 11\r\n}\r\n";
-
 template <typename T>
 void Append(std::vector<BYTE>& bytes, const T& value) {
     const auto* from = reinterpret_cast<const BYTE*>(&value);
@@ -40,19 +31,9 @@ void Append(std::vector<BYTE>& bytes, const T& value) {
 
 class Decoder : public testing::Test {
   protected:
-    Decoder() {
-        catalog_.Add(kTmf, "name.tmf");
-        catalog_.Add(kFunctionTmf, "function.tmf");
-    }
+    Decoder() { catalog_.Add(kTmf, "name.tmf"); }
     TmfCatalog catalog_;
 };
-
-RecordedMessage Function(unsigned int number, ULONG64 time) {
-    RecordedMessage message{time, 4, 5, kFunctionGuid, number, {}};
-    Append(message.arguments, "file");
-    Append(message.arguments, "space::Function");
-    return message;
-}
 
 }  // namespace
 
@@ -109,21 +90,31 @@ TEST_F(Decoder, UnknownMessagesAreShownWithTheirBytes) {
               "unknown message 10 of {00000000-0000-0000-0000-000000000000}, bytes:");
 }
 
-TEST_F(Decoder, ChromeTraceHasSlicesAndInstants) {
-    ChromeTraceWriter writer;
-    const RecordedMessage entry = Function(10, 1000);
-    const RecordedMessage instant{1500, 4, 5, kGuid, 11, {}};
-    const RecordedMessage exit = Function(11, 2000);
-    for (const auto& message : {entry, instant, exit})
-        writer.Add(message, Decode(catalog_, message));
+TEST_F(Decoder, FunctionOfATracePointIsToldWhereItIsAskedFor) {
+    catalog_.Add(
+        "0f2b5f1e-9c4d-4f5a-8a57-6f1f0c9d1e02 other // SRC=other.cpp MJ= MN=\n"
+        "#typev other_cpp3 10 \"%0said\" //   LEVEL=4 FLAGS=0x1 FUNC=space::Class::Says\n{\n}\n",
+        "other.tmf");
+    GUID guid = kGuid;
+    guid.Data4[7] = 2;
+    const RecordedMessage message{0, 1, 2, guid, 10, {}};
+    const auto decoded = Decode(catalog_, message);
+    EXPECT_EQ(decoded.function, "space::Class::Says");
+    EXPECT_TRUE(TextLine(message, decoded, true).ends_with("  space::Class::Says: said"));
+    EXPECT_TRUE(TextLine(message, decoded).ends_with("  said"));
+    const RecordedMessage without{0, 1, 2, kGuid, 11, {}};
+    EXPECT_TRUE(TextLine(without, Decode(catalog_, without), true).ends_with("  no arguments"));
+}
 
-    EXPECT_EQ(writer.Finish(),
-              "{\"traceEvents\":[\n"
-              "{\"name\":\"space::Function\",\"cat\":\"file\",\"ph\":\"B\",\"ts\":0.0,\"pid\":4,\"tid\":5},\n"
-              "{\"name\":\"no "
-              "arguments\",\"cat\":\"name\",\"ph\":\"i\",\"s\":\"t\",\"ts\":50.0,\"pid\":4,\"tid\":5},\n"
-              "{\"name\":\"space::Function\",\"cat\":\"file\",\"ph\":\"E\",\"ts\":100.0,\"pid\":4,\"tid\":5}"
-              "\n]}\n");
+TEST(RecordingHead, BuffersThatWereWrittenOverAreThoseBeyondTheLimit) {
+    tessactl::RecordingHead head{65536, 20, 0, 0, 1 << 20, true};
+    EXPECT_EQ(head.BuffersReplaced(), 4u);
+    head.buffersWritten = 16;
+    EXPECT_EQ(head.BuffersReplaced(), 0u);
+    head.buffersWritten = 20;
+    head.isCircular = false;
+    EXPECT_EQ(head.BuffersReplaced(), 0u);
+    EXPECT_EQ(tessactl::RecordingHead{}.BuffersReplaced(), 0u) << "of a former version";
 }
 
 TEST(TmfCatalog, RefusesWhatItDoesNotUnderstand) {
@@ -139,5 +130,7 @@ TEST(TmfCatalog, RefusesWhatItDoesNotUnderstand) {
 }
 
 TEST(Recording, FileThatIsMissingIsRefused) {
-    EXPECT_THROW(tessactl::ReadRecording(L"C:\\no such file.etl", [](const RecordedMessage&) {}), ToolError);
+    tessactl::RecordingHead head;
+    EXPECT_THROW(tessactl::ReadRecording(L"C:\\no such file.etl", head, [](const RecordedMessage&) {}),
+                 ToolError);
 }
