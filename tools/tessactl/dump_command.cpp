@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "dump_file.h"
@@ -33,16 +32,15 @@ ExitCode Info(const DumpFile& dump, bool json) {
     char code[16] = "";
     if (exception) std::snprintf(code, sizeof code, "0x%08lX", exception->code);
     if (json) {
-        JsonObject object;
-        object.Add("bytes", dump.Size())
-            .Add("threads", dump.ThreadCount())
-            .Add("modules", dump.Modules().size());
-        if (exception)
-            object.Add("exceptionCode", code)
-                .Add("exceptionName", ExceptionName(exception->code))
-                .Add("exceptionPlace", PlaceOf(dump, exception->address))
-                .Add("exceptionThread", exception->threadId);
-        std::printf("%s\n", object.Text().c_str());
+        Json object = {
+            {"bytes", dump.Size()}, {"threads", dump.ThreadCount()}, {"modules", dump.Modules().size()}};
+        if (exception) {
+            object["exceptionCode"] = code;
+            object["exceptionName"] = ExceptionName(exception->code);
+            object["exceptionPlace"] = PlaceOf(dump, exception->address);
+            object["exceptionThread"] = exception->threadId;
+        }
+        std::printf("%s\n", JsonText(object).c_str());
         return ExitCode::kSuccess;
     }
     std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / 1024 / 1024,
@@ -59,7 +57,7 @@ ExitCode Info(const DumpFile& dump, bool json) {
 
 ExitCode History(const DumpFile& dump, bool json) {
     bool found = false;
-    std::vector<std::string> elements;
+    Json elements = Json::array();
     for (const DumpFile::Module& module : dump.Modules()) {
         const auto records = dump.HistoryOf(module);
         if (!records) continue;
@@ -76,19 +74,31 @@ ExitCode History(const DumpFile& dump, bool json) {
     if (!found)
         throw ToolError(
             "no module of the dump has an exception history; was the dump written with the full memory?");
-    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    if (json) std::printf("%s\n", JsonLines(elements).c_str());
     return ExitCode::kSuccess;
+}
+
+struct Options {
+    std::wstring file;
+    bool json = false;
+};
+
+void Define(command_line::Command& command, Options& options) {
+    command.Operand("FILE", options.file, "the memory dump");
+    command.Switch("--json", options.json, "as JSON");
 }
 
 }  // namespace
 
-ExitCode Dump(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    if (rest.size() != 2 || (rest[0] != L"info" && rest[0] != L"history"))
-        return UsageError(L"dump info FILE or dump history FILE?");
-    const DumpFile dump(rest[1]);
-    return rest[0] == L"info" ? Info(dump, json) : History(dump, json);
+void AddDump(command_line::Program& program) {
+    program.AddFamily("dump", "looks into a memory dump");
+    AddCommand<Options>(
+        program, "dump info", "shows what a memory dump holds: the captured exception, threads and modules",
+        &Define, [](const Options& options) { return Info(DumpFile(options.file), options.json); });
+    AddCommand<Options>(
+        program, "dump history",
+        "prints the exceptions that the plug-in threw last, oldest first, from a memory dump alone", &Define,
+        [](const Options& options) { return History(DumpFile(options.file), options.json); });
 }
 
 }  // namespace tessactl

@@ -60,42 +60,43 @@ const char* TypeName(WORD type) {
     }
 }
 
-}  // namespace
-
-ExitCode Log(const Arguments& arguments) {
+struct Options {
     std::wstring source = L"tessaplug";
     std::wstring logName = L"Application";
     bool json = false;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const bool hasValue = i + 1 < arguments.size();
-        if (arguments[i] == L"--json")
-            json = true;
-        else if (arguments[i] == L"--source" && hasValue)
-            source = arguments[++i];
-        else if (arguments[i] == L"--log" && hasValue)
-            logName = arguments[++i];
-        else
-            return UsageError(L"not understood: " + arguments[i]);
-    }
-    const UniqueModule messages(::LoadLibraryExW(MessageFileOf(logName, source).c_str(), nullptr,
+};
+
+ExitCode Log(const Options& options) {
+    const UniqueModule messages(::LoadLibraryExW(MessageFileOf(options.logName, options.source).c_str(),
+                                                 nullptr,
                                                  LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
-    const auto entries = ReadEntries(logName, source);
-    std::vector<std::string> elements;
+    const auto entries = ReadEntries(options.logName, options.source);
+    Json elements = Json::array();
     for (const LogEntry& entry : entries) {
         const std::wstring sentence = Sentence(messages.get(), entry);
-        if (json)
-            elements.push_back(JsonObject()
-                                   .Add("time", LocalTimeText(entry.time))
-                                   .Add("type", TypeName(entry.type))
-                                   .Add("id", entry.eventId)
-                                   .Add("text", sentence)
-                                   .Text());
+        if (options.json)
+            elements.push_back({{"time", LocalTimeText(entry.time)},
+                                {"type", TypeName(entry.type)},
+                                {"id", entry.eventId},
+                                {"text", Utf8(sentence)}});
         else
             std::printf("%s  %-11s  0x%08lX  %s\n", LocalTimeText(entry.time).c_str(), TypeName(entry.type),
                         entry.eventId, Utf8(sentence).c_str());
     }
-    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    if (options.json) std::printf("%s\n", JsonLines(elements).c_str());
     return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+void AddLog(command_line::Program& program) {
+    const auto define = [](command_line::Command& command, Options& options) {
+        command.Text("--source", options.source, "NAME", "whose entries, tessaplug unless told otherwise");
+        command.Text("--log", options.logName, "NAME", "of which log, Application unless told otherwise");
+        command.Switch("--json", options.json, "as JSON");
+    };
+    AddCommand<Options>(program, "log", "shows the plug-in's entries of the Application log as sentences",
+                        define, &Log);
 }
 
 }  // namespace tessactl

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <map>
 
 #include "commands.h"
 #include "protected_folder.h"
@@ -23,35 +22,6 @@ constexpr GUID kControlGuids[] = {
     {0xadc03568, 0x3c4e, 0x4804, {0x97, 0x10, 0x96, 0x8b, 0x39, 0x9e, 0x7f, 0x56}},
     {0xee8c6c7c, 0x3531, 0x4072, {0xa8, 0x29, 0xd7, 0x41, 0xb5, 0x89, 0xe5, 0xa2}},
 };
-
-using Options = std::map<std::wstring, std::wstring>;
-
-/// Splits "--name value" pairs off; what is left comes back under the empty name.
-bool ParseOptions(const Arguments& arguments, const std::vector<std::wstring>& known, Options& options) {
-    for (std::size_t i = 1; i < arguments.size(); ++i) {
-        if (!arguments[i].starts_with(L"--")) {
-            if (!options[L""].empty()) return UsageError(L"one file only, please"), false;
-            options[L""] = arguments[i];
-            continue;
-        }
-        bool isKnown = false;
-        for (const std::wstring& name : known)
-            isKnown |= arguments[i] == name;
-        if (!isKnown || i + 1 == arguments.size())
-            return UsageError((isKnown ? L"a value is missing behind " : L"unknown option ") + arguments[i]),
-                   false;
-        options[arguments[i]] = arguments[i + 1];
-        ++i;
-    }
-    return true;
-}
-
-/// A whole number, decimal or with 0x.
-bool ParseNumber(const std::wstring& text, ULONG& number) {
-    wchar_t* end = nullptr;
-    number = std::wcstoul(text.c_str(), &end, 0);
-    return end != text.c_str() && *end == L'\0';
-}
 
 std::wstring DefaultFile() {
     return operating_system::ProductDataFolder() + L"\\tessaplug.etl";
@@ -108,26 +78,34 @@ ExitCode Stop() {
     return result == ERROR_SUCCESS ? ExitCode::kSuccess : Failed("ending the recording", result);
 }
 
-ExitCode Start(const Arguments& arguments) {
-    Options options;
-    if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags"}, options)) return ExitCode::kUsage;
-    if (!options[L""].empty()) return UsageError(L"not understood: " + options[L""]);
-    ULONG level = 5;
-    if (options.contains(L"--level") && (!ParseNumber(options[L"--level"], level) || level < 2 || level > 5))
-        return UsageError(L"the level is 2, 3, 4 or 5");
-    ULONG flags = 0xFFFFFFFF;
-    if (options.contains(L"--flags") && (!ParseNumber(options[L"--flags"], flags) || flags == 0))
-        return UsageError(L"the flags are a number, but 0, which would record nothing");
+struct RecordingOptions {
+    std::wstring file;
+    unsigned long level = 5;
+    std::wstring flags = L"0xFFFFFFFF";
+};
+
+/// A number that is not 0, decimal or with 0x.
+ULONG ParseFlags(const std::wstring& text) {
+    wchar_t* end = nullptr;
+    const unsigned long long flags = std::wcstoull(text.c_str(), &end, 0);
+    const bool isNumber = text[0] >= L'0' && text[0] <= L'9' && *end == L'\0' && flags <= 0xFFFFFFFF;
+    if (!isNumber || flags == 0)
+        throw command_line::UsageError("the value of --flags is a number, but 0, which would record nothing");
+    return static_cast<ULONG>(flags);
+}
+
+ExitCode Start(const RecordingOptions& options) {
+    const ULONG flags = ParseFlags(options.flags);
     // In full: every process that is traced writes into it.
     const std::wstring file =
-        options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
-    if (!options.contains(L"--file")) PrepareDefaultFile();
+        options.file.empty() ? DefaultFile() : std::filesystem::absolute(options.file).wstring();
+    if (options.file.empty()) PrepareDefaultFile();
     SessionProperties properties(file);
     TRACEHANDLE session = 0;
     if (const ULONG result = ::StartTraceW(&session, kSessionName, &properties.head); result != ERROR_SUCCESS)
         return Failed("starting the recording", result);
     for (const GUID& guid : kControlGuids) {
-        const ULONG result = ::EnableTrace(TRUE, flags, level, &guid, session);
+        const ULONG result = ::EnableTrace(TRUE, flags, options.level, &guid, session);
         if (result == ERROR_SUCCESS) continue;
         Stop();
         return Failed("enabling the plug-in's trace", result);
@@ -141,26 +119,30 @@ std::wstring DefaultTmfFolder() {
     return self.substr(0, self.rfind(L'\\')) + L"\\tmf";
 }
 
-ExitCode DecodeRecording(const Arguments& arguments) {
-    Options options;
-    if (!ParseOptions(arguments, {L"--tmf", L"--format", L"--output"}, options)) return ExitCode::kUsage;
-    const std::wstring format = options.contains(L"--format") ? options[L"--format"] : L"text";
-    if (format != L"text" && format != L"chrome") return UsageError(L"the format is text or chrome");
-    const std::wstring file = options[L""].empty() ? DefaultFile() : options[L""];
-    const auto catalog =
-        TmfCatalog::FromFolder(options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder());
+struct DecodingOptions {
+    std::wstring file;
+    std::wstring tmf;
+    std::wstring format = L"text";
+    std::wstring output;
+};
+
+ExitCode DecodeRecording(const DecodingOptions& options) {
+    const bool isChrome = options.format == L"chrome";
+    const std::wstring file = options.file.empty() ? DefaultFile() : options.file;
+    const auto catalog = TmfCatalog::FromFolder(options.tmf.empty() ? DefaultTmfFolder() : options.tmf);
     std::ofstream outputFile;
-    if (options.contains(L"--output")) {
-        outputFile.open(std::filesystem::path(options[L"--output"]), std::ios::binary);
-        if (!outputFile) throw ToolError(Utf8(options[L"--output"]) + " cannot be written");
+    if (!options.output.empty()) {
+        outputFile.open(std::filesystem::path(options.output), std::ios::binary);
+        if (!outputFile) throw ToolError(Utf8(options.output) + " cannot be written");
     }
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
     ExitCode result = ExitCode::kSuccess;
     try {
         ReadRecording(file, [&](const RecordedMessage& message) {
+            if (!output) return;  // the disk is full, or the reader has gone
             const DecodedMessage decoded = Decode(catalog, message);
-            if (format == L"chrome")
+            if (isChrome)
                 chrome.Add(message, decoded);
             else
                 output << TextLine(message, decoded) << "\n";
@@ -170,20 +152,42 @@ ExitCode DecodeRecording(const Arguments& arguments) {
         std::fprintf(stderr, "tessactl: %s\n", error.what());
         result = ExitCode::kFailed;
     }
-    if (format == L"chrome") output << chrome.Finish();
-    if (!output.flush()) throw ToolError("The decoded recording cannot be written whole; is the disk full?");
+    if (isChrome) output << chrome.Finish();
+    // Of standard output the program looks after itself: a reader may have seen enough.
+    if (outputFile.is_open() && !outputFile.flush())
+        throw ToolError("The decoded recording cannot be written whole; is the disk full?");
     return result;
+}
+
+void DefineStart(command_line::Command& command, RecordingOptions& options) {
+    command.Text("--file", options.file, "FILE",
+                 "the recording, %ProgramData%\\Tessaplug\\tessaplug.etl unless told otherwise");
+    command.Number("--level", options.level, 2, 5, "LEVEL",
+                   "2 errors, 3 warnings, 4 information, 5 everything");
+    command.Text("--flags", options.flags, "FLAGS",
+                 "adds up 1 messages, 4 function entry and exit, 8 log-device configuration; all of them "
+                 "unless told otherwise");
+}
+
+void DefineDecode(command_line::Command& command, DecodingOptions& options) {
+    command.OptionalOperand("FILE", options.file,
+                            "the recording, the one of trace start unless told otherwise");
+    command.Text("--tmf", options.tmf, "FOLDER",
+                 "the texts of the messages, tmf beside the program unless told otherwise");
+    command.Choice("--format", options.format, {"text", "chrome"},
+                   "lines for people, or a file for Perfetto and chrome://tracing");
+    command.Text("--output", options.output, "FILE", "a file to write to instead of standard output");
 }
 
 }  // namespace
 
-ExitCode Trace(const Arguments& arguments) {
-    const std::wstring what = arguments.empty() ? L"" : arguments[0];
-    if (what == L"start") return Start(arguments);
-    if (what == L"stop")
-        return arguments.size() == 1 ? Stop() : UsageError(L"not understood: " + arguments[1]);
-    if (what == L"decode") return DecodeRecording(arguments);
-    return UsageError(L"trace start, trace stop or trace decode?");
+void AddTrace(command_line::Program& program) {
+    program.AddFamily("trace", "records the plug-in's trace and decodes it");
+    AddCommand<RecordingOptions>(program, "trace start", "starts recording the plug-in's trace", &DefineStart,
+                                 &Start);
+    program.Add("trace stop", "ends the recording").Runs([] { return static_cast<int>(Stop()); });
+    AddCommand<DecodingOptions>(program, "trace decode", "prints a recording", &DefineDecode,
+                                &DecodeRecording);
 }
 
 }  // namespace tessactl
