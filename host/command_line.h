@@ -23,6 +23,7 @@ enum class ExitCode {
 struct Options {
     std::wstring name = L"tessahost";  ///< service name
     std::wstring displayName;          ///< shown in the service manager's list
+    std::wstring program;              ///< what the service runs: this program; not on the command line
     std::wstring plugIn;               ///< plug-in library
     std::wstring log;                  ///< log file
     unsigned long stopTimeOut = 60;    ///< seconds that a stop may take

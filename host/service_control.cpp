@@ -1,8 +1,11 @@
 #include "service_control.h"
 
 #include <windows.h>
+#include <shellapi.h>
 
 #include <cstdio>
+#include <cwchar>
+#include <iterator>
 #include <string>
 
 #include "log_file.h"
@@ -36,63 +39,55 @@ class ServiceHandle {
     SC_HANDLE handle_;
 };
 
-ExitCode Failed(const Options& options, const wchar_t* what, DWORD error) {
-    const wchar_t* name = options.name.c_str();
+/// What a system call's failure means to the user.
+struct Failure {
+    ExitCode exitCode;
+    std::wstring text;
+};
+
+Failure Explained(const Options& options, const std::wstring& what, DWORD error) {
+    const std::wstring service = L"the service \"" + options.name + L"\"";
     switch (error) {
         case ERROR_ACCESS_DENIED:
-            std::fwprintf(stderr, L"tessahost: %ls is not allowed; run it as administrator.\n", what);
-            return ExitCode::kNoRights;
+            return {ExitCode::kNoRights, what + L" is not allowed; run it as administrator."};
         case ERROR_SERVICE_DOES_NOT_EXIST:
-            std::fwprintf(stderr,
-                          L"tessahost: the service \"%ls\" is not installed; see \"tessahost install\".\n",
-                          name);
-            return ExitCode::kNotInstalled;
+            return {ExitCode::kNotInstalled, service + L" is not installed; see \"tessahost install\"."};
         case ERROR_SERVICE_EXISTS:
         case ERROR_DUPLICATE_SERVICE_NAME:
-            std::fwprintf(stderr,
-                          L"tessahost: a service \"%ls\" is installed already; remove it first with "
-                          L"\"tessahost uninstall\".\n",
-                          name);
-            return ExitCode::kAlreadyInstalled;
+            return {ExitCode::kAlreadyInstalled,
+                    L"a service \"" + options.name +
+                        L"\" is installed already; remove it first with \"tessahost uninstall\"."};
         case ERROR_SERVICE_MARKED_FOR_DELETE:
-            std::fwprintf(stderr,
-                          L"tessahost: the service \"%ls\" is being removed; close the programs that "
-                          L"show services and try again.\n",
-                          name);
-            return ExitCode::kFailed;
+            return {ExitCode::kFailed,
+                    service + L" is being removed; close the programs that show services and try again."};
         case ERROR_SERVICE_ALREADY_RUNNING:
-            std::fwprintf(stderr, L"tessahost: the service \"%ls\" is running already.\n", name);
-            return ExitCode::kAlreadyRunning;
+            return {ExitCode::kAlreadyRunning, service + L" is running already."};
         case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
-            std::fwprintf(stderr,
-                          L"tessahost: the service \"%ls\" is just starting or stopping; try again.\n", name);
-            return ExitCode::kFailed;
+            return {ExitCode::kFailed, service + L" is just starting or stopping; try again."};
         case ERROR_SERVICE_NOT_ACTIVE:
-            std::fwprintf(stderr, L"tessahost: the service \"%ls\" is not running.\n", name);
-            return ExitCode::kNotRunning;
+            return {ExitCode::kNotRunning, service + L" is not running."};
         default:
-            std::fwprintf(stderr, L"tessahost: %ls failed: %ls.\n", what,
-                          operating_system::DescribeSystemError(error).c_str());
-            return ExitCode::kFailed;
+            return {ExitCode::kFailed,
+                    what + L" failed: " + operating_system::DescribeSystemError(error) + L"."};
     }
 }
 
-std::wstring FolderOfThisProgram() {
-    const std::wstring self = windows_api::GetModuleFileNameW(nullptr);
-    return self.substr(0, self.rfind(L'\\') + 1);
+/// The program that the service runs.
+std::wstring ProgramPath(const Options& options) {
+    return options.program.empty() ? windows_api::GetModuleFileNameW(nullptr) : options.program;
 }
 
-/// The plug-in's full path; a relative one is taken from the program's folder. Empty if there is no such
-/// file.
+/// The plug-in's full path; a relative one is taken from the program's folder.
 std::wstring PlugInPath(const Options& options) {
-    std::wstring path = options.plugIn.empty() ? L"tessaplug.dll" : options.plugIn;
+    const std::wstring path = options.plugIn.empty() ? L"tessaplug.dll" : options.plugIn;
     const bool isFull = path.starts_with(L"\\\\") || (path.length() > 2 && path[1] == L':');
-    if (!isFull) path = FolderOfThisProgram() + path;
+    const std::wstring program = ProgramPath(options);
+    return isFull ? path : program.substr(0, program.rfind(L'\\') + 1) + path;
+}
+
+bool IsFile(const std::wstring& path) {
     const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    const bool isFile = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
-    if (isFile) return path;
-    std::fwprintf(stderr, L"tessahost: there is no plug-in %ls; name it with --plugin.\n", path.c_str());
-    return {};
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
 /// Display names are unique on a machine as well.
@@ -101,49 +96,13 @@ std::wstring DisplayName(const Options& options) {
     return options.name == Options().name ? L"Tessaplug host" : L"Tessaplug host (" + options.name + L")";
 }
 
-/// The log's full path: the service runs in another folder. Empty if it cannot be written.
-std::wstring LogPath(const Options& options) {
-    wchar_t path[MAX_PATH] = {};
-    const std::wstring given = options.log.empty() ? DefaultLogPath() : options.log;
-    const DWORD length = ::GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
-    std::wstring reason = L"its path is too long";
-    try {
-        if (length > 0 && length < MAX_PATH) {
-            LogFile().Open(path, {});
-            return path;
-        }
-    } catch (const operating_system::PathRefused& refused) {
-        reason = refused.Text();
-    }
-    std::fwprintf(stderr,
-                  L"tessahost: the log file %ls cannot be written: %ls. Another is named with --log.\n",
-                  given.c_str(), reason.c_str());
-    return {};
-}
-
-/// Quoted whole, so that a path with blanks cannot run another program.
-std::wstring ServiceCommandLine(const Options& options, const std::wstring& plugIn, const std::wstring& log) {
-    const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
-    return quoted(windows_api::GetModuleFileNameW(nullptr)) + L" run --name " + quoted(options.name) +
-           L" --plugin " + quoted(plugIn) + L" --stop-timeout " + std::to_wstring(options.stopTimeOut) +
-           L" --log-size " + std::to_wstring(options.logSize) + L" --log-keep " +
-           std::to_wstring(options.logKeep) + L" --log " + quoted(log);
-}
-
-void PrintState(const SERVICE_STATUS_PROCESS& status) {
-    std::wprintf(L"%-13ls  check point %lu\n", StateName(status.dwCurrentState), status.dwCheckPoint);
-}
-
-/// Whether a service that has stopped had to end its own process; tells so.
 bool WasEndedByForce(const SERVICE_STATUS_PROCESS& status) {
-    if (status.dwWin32ExitCode != ERROR_SERVICE_SPECIFIC_ERROR ||
-        status.dwServiceSpecificExitCode != kStopTimedOut)
-        return false;
-    std::fputws(
-        L"tessahost: the plug-in did not stop in time, so that the service's process was ended; its log has "
-        L"more. To the service manager this is a failure: it may start the service again.\n",
-        stderr);
-    return true;
+    return status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR &&
+           status.dwServiceSpecificExitCode == kStopTimedOut;
+}
+
+DWORD StartType(const Options& options) {
+    return options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
 }
 
 /// Whether a service runs no more, as the end of a stop tells.
@@ -153,6 +112,38 @@ bool HasEnded(ExitCode stopped) {
 }
 
 }  // namespace
+
+std::wstring CommandLineOf(const Options& options) {
+    const auto quoted = [](const std::wstring& text) { return L"\"" + text + L"\""; };
+    return quoted(ProgramPath(options)) + L" run --name " + quoted(options.name) + L" --plugin " +
+           quoted(options.plugIn) + L" --stop-timeout " + std::to_wstring(options.stopTimeOut) +
+           L" --log-size " + std::to_wstring(options.logSize) + L" --log-keep " +
+           std::to_wstring(options.logKeep) + L" --log " + quoted(options.log);
+}
+
+std::optional<Options> OptionsOf(const std::wstring& commandLine) {
+    struct Reader : CommandHandlersIf {
+        ExitCode Install(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Uninstall(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Start(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Stop(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Restart(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Status(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Run(const Options& given) override {
+            options = given;
+            return ExitCode::kSuccess;
+        }
+        Options options;
+    } reader;
+    int count = 0;
+    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> arguments(
+        ::CommandLineToArgvW(commandLine.c_str(), &count), &::LocalFree);
+    if (!arguments || count < 2 || std::wcscmp(arguments.get()[1], L"run") != 0) return std::nullopt;
+    if (RunCommandLine({arguments.get() + 1, arguments.get() + count}, reader) != ExitCode::kSuccess)
+        return std::nullopt;
+    reader.options.program = arguments.get()[0];
+    return reader.options;
+}
 
 template <typename Use>
 ExitCode ServiceControl::WithManager(DWORD access, Use use) {
@@ -171,23 +162,108 @@ ExitCode ServiceControl::WithService(const Options& options, DWORD access, Use u
     });
 }
 
+ExitCode ServiceControl::Failed(const Options& options, const wchar_t* what, DWORD error) {
+    const Failure failure = Explained(options, what, error);
+    messages_->Complain(failure.text);
+    return failure.exitCode;
+}
+
+std::wstring ServiceControl::LogPath(const Options& options) {
+    wchar_t path[MAX_PATH] = {};
+    const std::wstring given = options.log.empty() ? DefaultLogPath() : options.log;
+    const DWORD length = ::GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
+    std::wstring reason = L"its path is too long";
+    try {
+        if (length > 0 && length < MAX_PATH) {
+            LogFile().Open(path, {});
+            return path;
+        }
+    } catch (const operating_system::PathRefused& refused) {
+        reason = refused.Text();
+    }
+    messages_->Complain(L"the log file " + given + L" cannot be written: " + reason +
+                        L". Another is named with --log.");
+    return {};
+}
+
+template <typename Use>
+ExitCode ServiceControl::WithPaths(const Options& options, Use use) {
+    Options whole = options;
+    whole.plugIn = PlugInPath(options);
+    if (!IsFile(whole.plugIn)) {
+        messages_->Complain(L"there is no plug-in " + whole.plugIn + L"; name it with --plugin.");
+        return ExitCode::kFailed;
+    }
+    whole.log = LogPath(options);
+    return whole.log.empty() ? ExitCode::kFailed : use(whole);
+}
+
+void ServiceControl::SetUp(SC_HANDLE manager, SC_HANDLE service, const Options& options) {
+    for (const std::wstring& refusal : ApplySettings(*advapi32_, manager, service, options))
+        messages_->Complain(refusal);
+}
+
 ExitCode ServiceControl::Install(const Options& options) {
-    const std::wstring plugIn = PlugInPath(options);
-    if (plugIn.empty()) return ExitCode::kFailed;
-    const std::wstring log = LogPath(options);
-    if (log.empty()) return ExitCode::kFailed;
-    return WithManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE, [&](SC_HANDLE manager) {
-        const ServiceHandle service(*advapi32_,
-                                    advapi32_->CreateServiceW_Reduced(
-                                        manager, options.name.c_str(), DisplayName(options).c_str(),
-                                        ServiceCommandLine(options, plugIn, log).c_str(),
-                                        options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START));
-        if (!service) return Failed(options, L"installing the service", ::GetLastError());
-        for (const std::wstring& refusal : ApplySettings(*advapi32_, manager, service.get(), options))
-            std::fwprintf(stderr, L"tessahost: %ls\n", refusal.c_str());
-        std::wprintf(L"Service \"%ls\" installed with %ls\n", options.name.c_str(), plugIn.c_str());
+    return WithPaths(options, [&](const Options& whole) {
+        return WithManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE, [&](SC_HANDLE manager) {
+            const ServiceHandle service(
+                *advapi32_,
+                advapi32_->CreateServiceW_Reduced(manager, options.name.c_str(), DisplayName(options).c_str(),
+                                                  CommandLineOf(whole).c_str(), StartType(options)));
+            if (!service) return Failed(options, L"installing the service", ::GetLastError());
+            SetUp(manager, service.get(), options);
+            messages_->Tell(L"Service \"" + options.name + L"\" installed with " + whole.plugIn);
+            return ExitCode::kSuccess;
+        });
+    });
+}
+
+ExitCode ServiceControl::Update(const Options& options) {
+    return WithPaths(options, [&](const Options& whole) {
+        return WithManager(SC_MANAGER_CONNECT, [&](SC_HANDLE manager) {
+            // Who sets a restart on failure has to be allowed to start the service.
+            const ServiceHandle service(
+                *advapi32_,
+                advapi32_->OpenServiceW(manager, options.name.c_str(),
+                                        SERVICE_CHANGE_CONFIG | SERVICE_QUERY_CONFIG | SERVICE_START));
+            if (!service) return Failed(options, L"opening the service", ::GetLastError());
+            if (!advapi32_->ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, StartType(options),
+                                                 SERVICE_NO_CHANGE, CommandLineOf(whole).c_str(), nullptr,
+                                                 nullptr, nullptr, nullptr, nullptr, nullptr))
+                return Failed(options, L"changing the service", ::GetLastError());
+            SetUp(manager, service.get(), options);
+            messages_->Tell(L"Service \"" + options.name + L"\" set up with " + whole.plugIn);
+            return ExitCode::kSuccess;
+        });
+    });
+}
+
+std::optional<InstalledService> ServiceControl::Find(const std::wstring& name) {
+    std::optional<InstalledService> found;
+    Options options;
+    options.name = name;
+    WithManager(SC_MANAGER_CONNECT, [&](SC_HANDLE manager) {
+        const ServiceHandle service(
+            *advapi32_,
+            advapi32_->OpenServiceW(manager, name.c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG));
+        if (!service) {
+            const DWORD error = ::GetLastError();
+            return error == ERROR_SERVICE_DOES_NOT_EXIST ? ExitCode::kSuccess
+                                                         : Failed(options, L"opening the service", error);
+        }
+        const ServiceSettings settings = ReadSettings(*advapi32_, service.get());
+        found.emplace();
+        found->commandLine = settings.commandLine.value_or(L"");
+        found->options = OptionsOf(found->commandLine);
+        if (found->options) {
+            found->options->automaticStart = settings.startType == SERVICE_AUTO_START;
+            found->options->delayedStart = settings.delayedStart.value_or(false);
+        }
+        SERVICE_STATUS_PROCESS status = {};
+        found->isRunning = Query(service.get(), status) && status.dwCurrentState != SERVICE_STOPPED;
         return ExitCode::kSuccess;
     });
+    return found;
 }
 
 ExitCode ServiceControl::Uninstall(const Options& options) {
@@ -199,7 +275,7 @@ ExitCode ServiceControl::Uninstall(const Options& options) {
         }
         if (!advapi32_->DeleteService(service))
             return Failed(options, L"removing the service", ::GetLastError());
-        std::wprintf(L"Service \"%ls\" removed\n", options.name.c_str());
+        messages_->Tell(L"Service \"" + options.name + L"\" removed");
         return ExitCode::kSuccess;
     });
 }
@@ -263,7 +339,11 @@ ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) 
     // The process holds the plug-in's instance lock a little longer: a start right now would be refused.
     if (stopped == ExitCode::kSuccess && process)
         ::WaitForSingleObject(process.get(), static_cast<DWORD>(timeOut_.count()));
-    return stopped == ExitCode::kSuccess && WasEndedByForce(status) ? ExitCode::kEndedByForce : stopped;
+    if (stopped != ExitCode::kSuccess || !WasEndedByForce(status)) return stopped;
+    messages_->Complain(
+        L"the plug-in did not stop in time, so that the service's process was ended; its log has more. To "
+        L"the service manager this is a failure: it may start the service again.");
+    return ExitCode::kEndedByForce;
 }
 
 ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options& options,
@@ -279,23 +359,24 @@ ExitCode ServiceControl::WaitFor(SC_HANDLE service, DWORD wanted, const Options&
         if (!Query(service, status))
             return Failed(options, L"asking for the service's state", ::GetLastError());
         if (status.dwCurrentState != lastState || status.dwCheckPoint != lastCheckPoint) {
-            PrintState(status);
+            wchar_t line[60] = {};
+            std::swprintf(line, std::size(line), L"%-13ls  check point %lu", StateName(status.dwCurrentState),
+                          status.dwCheckPoint);
+            messages_->Tell(line);
             deadline = std::chrono::steady_clock::now() + timeOut_;
         }
         lastState = status.dwCurrentState;
         lastCheckPoint = status.dwCheckPoint;
         if (lastState == wanted) return ExitCode::kSuccess;
         if (lastState == SERVICE_STOPPED) {
-            std::fwprintf(
-                stderr,
-                L"tessahost: the service ended with error %lu (its own code: %lu); the reason is in "
-                L"its log file and in the Application log.\n",
-                status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+            messages_->Complain(L"the service ended with error " + std::to_wstring(status.dwWin32ExitCode) +
+                                L" (its own code: " + std::to_wstring(status.dwServiceSpecificExitCode) +
+                                L"); the reason is in its log file and in the Application log.");
             return ExitCode::kFailed;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
-            std::fwprintf(stderr, L"tessahost: the service is still in state %ls; look into its log file.\n",
-                          StateName(lastState));
+            messages_->Complain(std::wstring(L"the service is still in state ") + StateName(lastState) +
+                                L"; look into its log file.");
             return ExitCode::kTimedOut;
         }
         ::Sleep(kPollInterval);
@@ -325,7 +406,7 @@ ExitCode ServiceControl::Status(const Options& options) {
 ExitCode ServiceControl::Run(const Options& options) {
     Options complete = options;
     if (complete.log.empty()) complete.log = DefaultLogPath();
-    if (complete.plugIn.empty()) complete.plugIn = FolderOfThisProgram() + L"tessaplug.dll";
+    if (complete.plugIn.empty()) complete.plugIn = PlugInPath({});
     return RunService(complete);
 }
 

@@ -135,8 +135,8 @@ std::vector<std::wstring> ApplySettings(Advapi32& advapi32, SC_HANDLE manager, S
     constexpr DWORD kMargin = 10;
     SERVICE_PRESHUTDOWN_INFO preshutdown = {(options.stopTimeOut + kMargin) * kSecond};
     settler.Set(SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown, L"the time for a stop at shutdown");
-    SERVICE_DELAYED_AUTO_START_INFO delayed = {TRUE};
-    if (options.delayedStart)
+    SERVICE_DELAYED_AUTO_START_INFO delayed = {options.delayedStart};
+    if (options.delayedStart || ReadSettings(advapi32, service).delayedStart.value_or(false))
         settler.Set(SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed, L"the delay of the automatic start");
     SetDependency(advapi32, manager, service, settler);
     return settler.Refusals();

@@ -339,3 +339,111 @@ TEST_F(Control, UninstallStopsARunningServiceFirst) {
     EXPECT_CALL(*advapi32_, DeleteService).WillOnce(Return(TRUE));
     EXPECT_EQ(control_.Uninstall({}), ExitCode::kSuccess);
 }
+
+TEST(ServiceCommandLine, IsReadBackAsTheOptionsItWasMadeOf) {
+    Options options;
+    options.name = L"an other name";
+    options.program = L"C:\\Program Files\\a folder\\tessahost.exe";
+    options.plugIn = L"D:\\plug ins\\one.dll";
+    options.log = L"E:\\logs of mine\\host.log";
+    options.stopTimeOut = 45;
+    options.logSize = 100;
+    options.logKeep = 7;
+    const auto read = host::OptionsOf(host::CommandLineOf(options));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->name, options.name);
+    EXPECT_EQ(read->program, options.program);
+    EXPECT_EQ(read->plugIn, options.plugIn);
+    EXPECT_EQ(read->log, options.log);
+    EXPECT_EQ(read->stopTimeOut, 45u);
+    EXPECT_EQ(read->logSize, 100u);
+    EXPECT_EQ(read->logKeep, 7u);
+}
+
+TEST(ServiceCommandLine, OfAnotherProgramHasNoOptions) {
+    EXPECT_FALSE(host::OptionsOf(L""));
+    EXPECT_FALSE(host::OptionsOf(L"C:\\windows\\system32\\svchost.exe -k netsvcs"));
+    EXPECT_FALSE(host::OptionsOf(L"C:\\tessahost.exe"));
+    EXPECT_FALSE(host::OptionsOf(L"C:\\tessahost.exe status"));
+    EXPECT_FALSE(host::OptionsOf(L"C:\\another.exe run --port 80"));
+}
+
+namespace {
+
+/// Answers the query for a service's basics.
+auto AnswerBasics(DWORD startType, std::wstring commandLine) {
+    return [=](SC_HANDLE, QUERY_SERVICE_CONFIGW* basics, DWORD size, DWORD* needed) {
+        *needed = sizeof(QUERY_SERVICE_CONFIGW);
+        if (size < *needed) {
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        *basics = {};
+        basics->dwStartType = startType;
+        basics->lpBinaryPathName = const_cast<wchar_t*>(commandLine.c_str());
+        return TRUE;
+    };
+}
+
+}  // namespace
+
+TEST_F(Control, FoundServiceTellsItsOptionsAndWhetherItRuns) {
+    ON_CALL(*advapi32_, QueryServiceConfigW)
+        .WillByDefault(AnswerBasics(SERVICE_AUTO_START, L"C:\\p\\tessahost.exe run --stop-timeout 45"));
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_START_PENDING));
+    const auto service = control_.Find(L"x");
+    ASSERT_TRUE(service);
+    EXPECT_EQ(service->commandLine, L"C:\\p\\tessahost.exe run --stop-timeout 45");
+    ASSERT_TRUE(service->options);
+    EXPECT_EQ(service->options->program, L"C:\\p\\tessahost.exe");
+    EXPECT_EQ(service->options->stopTimeOut, 45u);
+    EXPECT_TRUE(service->options->automaticStart);
+    EXPECT_FALSE(service->options->delayedStart);
+    EXPECT_TRUE(service->isRunning);
+}
+
+TEST_F(Control, FoundServiceOfAnotherProgramHasNoOptions) {
+    ON_CALL(*advapi32_, QueryServiceConfigW).WillByDefault(AnswerBasics(SERVICE_DEMAND_START, L"C:\\x.exe"));
+    const auto service = control_.Find(L"x");
+    ASSERT_TRUE(service);
+    EXPECT_EQ(service->commandLine, L"C:\\x.exe");
+    EXPECT_FALSE(service->options);
+    EXPECT_FALSE(service->isRunning);
+}
+
+TEST_F(Control, ServiceThatIsNotThereIsNotFound) {
+    ON_CALL(*advapi32_, OpenServiceW).WillByDefault(FailWith(ERROR_SERVICE_DOES_NOT_EXIST, kNone));
+    EXPECT_FALSE(control_.Find(L"x"));
+}
+
+TEST_F(Control, UpdateSetsAnInstalledServiceUpAnew) {
+    Options options = WithPlugIn();
+    options.program = L"C:\\p\\tessahost.exe";
+    options.log = L"C:\\windows\\temp\\service_control_test.log";
+    options.automaticStart = true;
+    std::wstring commandLine;
+    EXPECT_CALL(*advapi32_, CreateServiceW_Reduced).Times(0);
+    EXPECT_CALL(*advapi32_, ChangeServiceConfigW).WillRepeatedly(Return(TRUE));
+    EXPECT_CALL(*advapi32_, ChangeServiceConfigW(_, SERVICE_NO_CHANGE, SERVICE_AUTO_START, _,
+                                                 testing::NotNull(), _, _, _, _, _, _))
+        .WillOnce([&](SC_HANDLE, DWORD, DWORD, DWORD, const wchar_t* path, auto&&...) {
+            commandLine = path;
+            return TRUE;
+        });
+    EXPECT_CALL(*advapi32_, ChangeServiceConfig2W(_, SERVICE_CONFIG_DESCRIPTION, _)).WillOnce(Return(TRUE));
+    EXPECT_CALL(*advapi32_, ChangeServiceConfig2W(_, testing::Ne(DWORD{SERVICE_CONFIG_DESCRIPTION}), _))
+        .WillRepeatedly(Return(TRUE));
+    EXPECT_EQ(control_.Update(options), ExitCode::kSuccess);
+    EXPECT_EQ(commandLine, host::CommandLineOf(options));
+    ::DeleteFileW(options.log.c_str());
+}
+
+TEST_F(Control, UpdateThatTheSystemRefusesIsTold) {
+    Options options = WithPlugIn();
+    options.log = L"C:\\windows\\temp\\service_control_test.log";
+    ON_CALL(*advapi32_, ChangeServiceConfigW).WillByDefault(FailWith(ERROR_ACCESS_DENIED, FALSE));
+    EXPECT_EQ(control_.Update(options), ExitCode::kNoRights);
+    ON_CALL(*advapi32_, OpenServiceW).WillByDefault(FailWith(ERROR_SERVICE_DOES_NOT_EXIST, kNone));
+    EXPECT_EQ(control_.Update(options), ExitCode::kNotInstalled);
+    ::DeleteFileW(options.log.c_str());
+}

@@ -99,6 +99,17 @@ TEST_F(Settings, TimeAtShutdownIsLongerThanAStopMayTake) {
     Apply(options);
 }
 
+TEST_F(Settings, DelayOfAnEarlierInstallationIsTakenBack) {
+    Answer(SERVICE_CONFIG_DELAYED_AUTO_START_INFO, SERVICE_DELAYED_AUTO_START_INFO{TRUE});
+    EXPECT_CALL(advapi32_, ChangeServiceConfig2W).WillRepeatedly(Return(TRUE));
+    EXPECT_CALL(advapi32_, ChangeServiceConfig2W(kService, SERVICE_CONFIG_DELAYED_AUTO_START_INFO, _))
+        .WillOnce([](SC_HANDLE, DWORD, void* information) {
+            EXPECT_FALSE(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(information)->fDelayedAutostart);
+            return TRUE;
+        });
+    Apply();
+}
+
 TEST_F(Settings, StartIsDelayedOnlyIfAskedFor) {
     EXPECT_CALL(advapi32_, ChangeServiceConfig2W(kService, _, _)).WillRepeatedly(Return(TRUE));
     EXPECT_CALL(advapi32_, ChangeServiceConfig2W(kService, SERVICE_CONFIG_DELAYED_AUTO_START_INFO, _))
