@@ -8,8 +8,11 @@ scripts/setup.sh
 . scripts/machine.sh
 . scripts/station.sh
 
-bold=$(tput bold 2>/dev/null || true)
-plain=$(tput sgr0 2>/dev/null || true)
+bold= plain=
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then
+    bold=$(tput bold 2>/dev/null || true)
+    plain=$(tput sgr0 2>/dev/null || true)
+fi
 heading() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 fail() { echo "demo: $*" >&2; exit 1; }
 

@@ -1,142 +1,98 @@
 #include "command_line.h"
 
-#include <cstdio>
-#include <cwchar>
-#include <optional>
+#include "program.h"
 
 namespace host {
 namespace {
 
-constexpr wchar_t kHelp[] =
-    L"tessahost: the service that runs the adapter plug-in\n"
-    L"\n"
-    L"  tessahost install [OPTION]...   installs the service\n"
-    L"  tessahost uninstall             removes it\n"
-    L"  tessahost start                 starts it and waits until it runs\n"
-    L"  tessahost stop                  stops it and waits until it has ended\n"
-    L"  tessahost status [--json]       shows its state and how it is set up\n"
-    L"  tessahost run                   for the service manager only\n"
-    L"\n"
-    L"Every command takes --name NAME for a service of another name than \"tessahost\". install takes\n"
-    L"\n"
-    L"  --plugin FILE           the plug-in, tessaplug.dll beside the program unless told otherwise\n"
-    L"  --auto                  start with the machine\n"
-    L"  --delayed-auto          start some minutes after it\n"
-    L"  --stop-timeout SECONDS  what a stop may take before the process is ended: 5 to 3600, 60\n"
-    L"  --log FILE              the log, %ProgramData%\\Tessaplug\\tessahost.log\n"
-    L"  --log-size KILOBYTES    when a new log file is begun: 16 to 1048576, 2048\n"
-    L"  --log-keep NUMBER       full log files that stay, as FILE.1, FILE.2: 0 to 99, 2\n"
-    L"  --display-name TEXT     its name in the service manager's list\n";
+using command_line::Command;
+using command_line::ExitCodeMeaning;
+using command_line::UsageError;
 
-ExitCode UsageError(const std::wstring& what) {
-    std::fwprintf(stderr, L"tessahost: %ls\nTry \"tessahost help\".\n", what.c_str());
-    return ExitCode::kUsage;
-}
-
-/// Sets an option that has no value.
-bool TakeSwitch(const std::wstring& name, Options& options) {
-    if (name == L"--delayed-auto") options.delayedStart = true;
-    if (name == L"--auto" || name == L"--delayed-auto") options.automaticStart = true;
-    if (name == L"--json") options.json = true;
-    return name == L"--auto" || name == L"--delayed-auto" || name == L"--json";
-}
-
-std::wstring* TextOption(const std::wstring& name, Options& options) {
-    if (name == L"--name") return &options.name;
-    if (name == L"--display-name") return &options.displayName;
-    if (name == L"--plugin") return &options.plugIn;
-    return name == L"--log" ? &options.log : nullptr;
-}
-
-struct NumberOption {
-    const wchar_t* name;
-    unsigned long Options::* value;
-    unsigned long lowest;
-    unsigned long highest;
-};
-// A stop that goes well takes two to three seconds: a shorter limit would end every one by force.
-constexpr NumberOption kNumberOptions[] = {
-    {L"--stop-timeout", &Options::stopTimeOut, 5, 3600},
-    {L"--log-size", &Options::logSize, 16, 1048576},
-    {L"--log-keep", &Options::logKeep, 0, 99},
+// Each code once: the help and docs/commands.md show this table.
+constexpr ExitCodeMeaning kExitCodes[] = {
+    {static_cast<int>(ExitCode::kSuccess), "done", ""},
+    {static_cast<int>(ExitCode::kFailed), "failed; the reason was printed",
+     "read it; the service's log file and the Application log have more"},
+    {static_cast<int>(ExitCode::kUsage), "the command line is wrong", "`tessahost help`"},
+    {static_cast<int>(ExitCode::kNotInstalled), "the service is not installed", "`tessahost install`"},
+    {static_cast<int>(ExitCode::kAlreadyInstalled), "it is installed already", "`tessahost uninstall` first"},
+    {static_cast<int>(ExitCode::kNoRights), "no rights", "run it as administrator"},
+    {static_cast<int>(ExitCode::kTimedOut), "neither state nor check point changed for 30 seconds",
+     "look into its log file"},
+    {static_cast<int>(ExitCode::kNotRunning), "it is not running", ""},
+    {static_cast<int>(ExitCode::kAlreadyRunning), "it is running already",
+     "`tessahost restart`, if that was meant"},
+    {static_cast<int>(ExitCode::kEndedByForce), "stopped, but its process had to be ended: a partner hangs",
+     "look into its log file"},
 };
 
-const NumberOption* FindNumberOption(const std::wstring& name) {
-    for (const NumberOption& option : kNumberOptions)
-        if (name == option.name) return &option;
-    return nullptr;
-}
-
-bool SetText(const std::wstring& name, const std::wstring& value, std::wstring& text) {
+void RefuseWhatCannotBeQuoted(const std::string& name, const std::wstring& value) {
     // Either would end the quotes of the service's command line in the wrong place.
-    if (value.find(L'"') != std::wstring::npos || value.ends_with(L'\\')) {
-        UsageError(L"the value of " + name + L" may neither hold a quotation mark nor end in \\");
-        return false;
-    }
-    text = value;
-    return true;
+    if (value.find(L'"') != std::wstring::npos || value.ends_with(L'\\'))
+        throw UsageError("the value of " + name + " may neither hold a quotation mark nor end in \\");
 }
 
-bool SetNumber(const NumberOption& option, const std::wstring& value, Options& options) {
-    constexpr std::size_t kMostDigits = 9;  // of what surely fits
-    const bool isNumber =
-        value.length() <= kMostDigits && value.find_first_not_of(L"0123456789") == std::wstring::npos;
-    const unsigned long number = isNumber ? std::wcstoul(value.c_str(), nullptr, 10) : 0;
-    if (!isNumber || number < option.lowest || number > option.highest) {
-        UsageError(std::wstring(L"the value of ") + option.name + L" is a whole number from " +
-                   std::to_wstring(option.lowest) + L" to " + std::to_wstring(option.highest));
-        return false;
-    }
-    options.*option.value = number;
-    return true;
+void AddText(Command& command, const char* name, std::wstring& value, const char* placeholder,
+             const char* about) {
+    command.Text(name, value, placeholder, about, &RefuseWhatCannotBeQuoted);
 }
 
-/// Reads the options behind the command; nothing if they are wrong, which has been told then.
-std::optional<Options> ParseOptions(const std::vector<std::wstring>& arguments) {
-    Options options;
-    for (std::size_t i = 1; i < arguments.size(); ++i) {
-        const std::wstring& name = arguments[i];
-        if (TakeSwitch(name, options)) continue;
-        std::wstring* const text = TextOption(name, options);
-        const NumberOption* const number = FindNumberOption(name);
-        if (text == nullptr && number == nullptr) {
-            UsageError(L"unknown option " + name);
-            return std::nullopt;
-        }
-        if (i + 1 == arguments.size() || arguments[i + 1].empty()) {
-            UsageError(L"option " + name + L" needs a value");
-            return std::nullopt;
-        }
-        const std::wstring& value = arguments[++i];
-        if (!(text != nullptr ? SetText(name, value, *text) : SetNumber(*number, value, options)))
-            return std::nullopt;
-    }
-    return options;
+/// The options that the service's own command line hands on.
+void AddServiceOptions(Command& command, Options& options) {
+    AddText(command, "--plugin", options.plugIn, "FILE",
+            "the plug-in, tessaplug.dll beside the program unless told otherwise");
+    // A stop that goes well takes two to three seconds: a shorter limit would end every one by force.
+    command.Number("--stop-timeout", options.stopTimeOut, 5, 3600, "SECONDS",
+                   "what a stop may take before the process is ended");
+    AddText(command, "--log", options.log, "FILE",
+            "the log, %ProgramData%\\Tessaplug\\tessahost.log unless told otherwise");
+    command.Number("--log-size", options.logSize, 16, 1048576, "KILOBYTES", "when a new log file is begun");
+    command.Number("--log-keep", options.logKeep, 0, 99, "NUMBER",
+                   "full log files that stay, as FILE.1, FILE.2");
+}
+
+void AddInstallOptions(Command& command, Options& options) {
+    AddText(command, "--display-name", options.displayName, "TEXT", "its name in the service manager's list");
+    command.Switch("--auto", options.automaticStart, "start with the machine");
+    command.Switch("--delayed-auto", options.delayedStart, "start some minutes after it");
 }
 
 }  // namespace
 
 ExitCode RunCommandLine(const std::vector<std::wstring>& arguments, CommandHandlersIf& handlers) {
-    struct Command {
-        const wchar_t* name;
-        ExitCode (CommandHandlersIf::*handler)(const Options&);
+    command_line::Program program("tessahost", "the service that runs the adapter plug-in", kExitCodes,
+                                  CP_ACP);
+    Options options;
+    using Handler = ExitCode (CommandHandlersIf::*)(const Options&);
+    const auto add = [&](const char* name, Handler handler, const char* about) {
+        Command command = program.Add(name, about);
+        AddText(command, "--name", options.name, "NAME",
+                "the service's name, tessahost unless told otherwise");
+        command.Runs([&handlers, &options, handler] {
+            if (options.delayedStart) options.automaticStart = true;
+            return static_cast<int>((handlers.*handler)(options));
+        });
+        return command;
     };
-    static constexpr Command kCommands[] = {
-        {L"install", &CommandHandlersIf::Install}, {L"uninstall", &CommandHandlersIf::Uninstall},
-        {L"start", &CommandHandlersIf::Start},     {L"stop", &CommandHandlersIf::Stop},
-        {L"status", &CommandHandlersIf::Status},   {L"run", &CommandHandlersIf::Run},
-    };
-    if (arguments.empty()) return UsageError(L"a command is missing");
-    if (arguments[0] == L"help" || arguments[0] == L"--help") {
-        std::fputws(kHelp, stdout);
-        return ExitCode::kSuccess;
-    }
-    for (const Command& command : kCommands) {
-        if (arguments[0] != command.name) continue;
-        const auto options = ParseOptions(arguments);
-        return options ? (handlers.*command.handler)(*options) : ExitCode::kUsage;
-    }
-    return UsageError(L"unknown command " + arguments[0]);
+    Command install = add("install", &CommandHandlersIf::Install, "installs the service");
+    AddServiceOptions(install, options);
+    AddInstallOptions(install, options);
+    add("uninstall", &CommandHandlersIf::Uninstall, "removes the service; stops it first");
+    add("start", &CommandHandlersIf::Start, "starts the service and waits until it runs");
+    add("stop", &CommandHandlersIf::Stop, "stops the service and waits until it has ended");
+    add("restart", &CommandHandlersIf::Restart,
+        "stops the service if it runs, starts it and waits until it runs\n"
+        "Waits like stop and start. It ends with 0 if the service runs in the end, also if the stop had to "
+        "end its "
+        "process, which is told; a stop that fails in another way ends it with the exit code of stop, and "
+        "nothing is started.");
+    add("status", &CommandHandlersIf::Status, "shows its state and how it is set up")
+        .Switch("--json", options.json, "as JSON");
+    Command run = add("run", &CommandHandlersIf::Run, "runs as the service; for the service manager only");
+    AddServiceOptions(run, options);
+    run.Hide();
+    return static_cast<ExitCode>(program.Run(arguments));
 }
 
 }  // namespace host

@@ -42,6 +42,7 @@ class CommandHandlersIf {
     virtual ExitCode Uninstall(const Options& options) = 0;
     virtual ExitCode Start(const Options& options) = 0;
     virtual ExitCode Stop(const Options& options) = 0;
+    virtual ExitCode Restart(const Options& options) = 0;
     virtual ExitCode Status(const Options& options) = 0;
     virtual ExitCode Run(const Options& options) = 0;
 };

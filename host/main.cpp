@@ -5,6 +5,7 @@
 #include "command_line.h"
 #include "exception_history.h"
 #include "library_search.h"
+#include "output.h"
 #include "service_control.h"
 
 int wmain(int argc, wchar_t** argv) {
@@ -18,5 +19,5 @@ int wmain(int argc, wchar_t** argv) {
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tessahost: %s\n", error.what());
     }
-    return static_cast<int>(result);
+    return command_line::FinishOutput("tessahost", static_cast<int>(result));
 }

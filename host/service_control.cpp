@@ -105,6 +105,12 @@ DWORD StartType(const Options& options) {
     return options.automaticStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
 }
 
+/// Whether a service runs no more, as the end of a stop tells.
+bool HasEnded(ExitCode stopped) {
+    return stopped == ExitCode::kSuccess || stopped == ExitCode::kNotRunning ||
+           stopped == ExitCode::kEndedByForce;
+}
+
 }  // namespace
 
 std::wstring CommandLineOf(const Options& options) {
@@ -121,6 +127,7 @@ std::optional<Options> OptionsOf(const std::wstring& commandLine) {
         ExitCode Uninstall(const Options& /*options*/) override { return ExitCode::kUsage; }
         ExitCode Start(const Options& /*options*/) override { return ExitCode::kUsage; }
         ExitCode Stop(const Options& /*options*/) override { return ExitCode::kUsage; }
+        ExitCode Restart(const Options& /*options*/) override { return ExitCode::kUsage; }
         ExitCode Status(const Options& /*options*/) override { return ExitCode::kUsage; }
         ExitCode Run(const Options& given) override {
             options = given;
@@ -264,9 +271,7 @@ ExitCode ServiceControl::Uninstall(const Options& options) {
         SERVICE_STATUS_PROCESS status = {};
         if (Query(service, status) && status.dwCurrentState != SERVICE_STOPPED) {
             const ExitCode stopped = StopAndWait(service, options);
-            const bool hasEnded = stopped == ExitCode::kSuccess || stopped == ExitCode::kNotRunning ||
-                                  stopped == ExitCode::kEndedByForce;
-            if (!hasEnded) return stopped;
+            if (!HasEnded(stopped)) return stopped;
         }
         if (!advapi32_->DeleteService(service))
             return Failed(options, L"removing the service", ::GetLastError());
@@ -282,15 +287,39 @@ ExitCode ServiceControl::Start(const Options& options) {
             const ExitCode stopped = StopAndWait(service, options);
             if (stopped != ExitCode::kSuccess && stopped != ExitCode::kEndedByForce) return stopped;
         }
-        if (!advapi32_->StartServiceW(service, 0, nullptr))
-            return Failed(options, L"starting the service", ::GetLastError());
-        return WaitFor(service, SERVICE_RUNNING, options, status);
+        return StartAndWait(service, options);
     });
+}
+
+ExitCode ServiceControl::StartAndWait(SC_HANDLE service, const Options& options, bool mayRunAlready) {
+    if (!advapi32_->StartServiceW(service, 0, nullptr)) {
+        const DWORD error = ::GetLastError();
+        if (!mayRunAlready || error != ERROR_SERVICE_ALREADY_RUNNING)
+            return Failed(options, L"starting the service", error);
+    }
+    SERVICE_STATUS_PROCESS status = {};
+    return WaitFor(service, SERVICE_RUNNING, options, status);
 }
 
 ExitCode ServiceControl::Stop(const Options& options) {
     return WithService(options, SERVICE_STOP | SERVICE_QUERY_STATUS,
                        [&](SC_HANDLE service) { return StopAndWait(service, options); });
+}
+
+ExitCode ServiceControl::Restart(const Options& options) {
+    const DWORD access = SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS;
+    return WithService(options, access, [&](SC_HANDLE service) {
+        SERVICE_STATUS_PROCESS status = {};
+        if (!Query(service, status))
+            return Failed(options, L"asking for the service's state", ::GetLastError());
+        if (status.dwCurrentState != SERVICE_STOPPED) {
+            const ExitCode stopped = StopAndWait(service, options);
+            if (!HasEnded(stopped)) return stopped;
+        }
+        // After an end by force the service manager starts it as well, and may be faster.
+        constexpr bool kMayRunAlready = true;
+        return StartAndWait(service, options, kMayRunAlready);
+    });
 }
 
 ExitCode ServiceControl::StopAndWait(SC_HANDLE service, const Options& options) {

@@ -38,6 +38,7 @@ class ServiceControl : public CommandHandlersIf {
     ExitCode Uninstall(const Options& options) override;
     ExitCode Start(const Options& options) override;
     ExitCode Stop(const Options& options) override;
+    ExitCode Restart(const Options& options) override;
     ExitCode Status(const Options& options) override;
     ExitCode Run(const Options& options) override;
 
@@ -62,6 +63,9 @@ class ServiceControl : public CommandHandlersIf {
     bool Query(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
     /// Stops the service, or waits if it is stopping already, until its process has ended.
     ExitCode StopAndWait(SC_HANDLE service, const Options& options);
+    /// Starts the service and waits until it runs.
+    /// @param mayRunAlready whether that is as good as having been started
+    ExitCode StartAndWait(SC_HANDLE service, const Options& options, bool mayRunAlready = false);
     /// @param status the state that was waited for, or the one it was given up in
     /// @return kTimedOut if neither state nor check point changes for the time-out
     ExitCode WaitFor(SC_HANDLE service, DWORD wanted, const Options& options, SERVICE_STATUS_PROCESS& status);

@@ -1,7 +1,9 @@
 #include "service_report.h"
 
-#include "json_text.h"
+#include <nlohmann/json.hpp>
+
 #include "status_log.h"
+#include "toolbox.h"
 
 namespace host {
 namespace {
@@ -22,25 +24,24 @@ const wchar_t* StartTypeName(const ServiceSettings& settings) {
     }
 }
 
-std::string Json(const std::wstring& text) {
-    return toolbox::JsonText(text);
+using Json = nlohmann::ordered_json;
+
+Json JsonOf(const std::wstring& text) {
+    return toolbox::WstringToString(text, CP_UTF8);
 }
-std::string Json(bool value) {
-    return value ? "true" : "false";
-}
-std::string Json(DWORD value) {
-    return std::to_string(value);
-}
-template <typename T>
-std::string Json(const std::vector<T>& values) {
-    std::string all;
-    for (const T& value : values)
-        all += (all.empty() ? "" : ",") + Json(value);
-    return "[" + all + "]";
+Json JsonOf(const std::vector<std::wstring>& texts) {
+    Json array = Json::array();
+    for (const std::wstring& text : texts)
+        array.push_back(JsonOf(text));
+    return array;
 }
 template <typename T>
-std::string Json(const std::optional<T>& value) {
-    return value ? Json(*value) : "null";
+Json JsonOf(const T& value) {
+    return value;
+}
+template <typename T>
+Json JsonOf(const std::optional<T>& value) {
+    return value ? JsonOf(*value) : nullptr;
 }
 
 std::optional<DWORD> InSeconds(const std::optional<DWORD>& milliseconds) {
@@ -87,26 +88,24 @@ std::wstring PreshutdownText(const ServiceSettings& settings) {
 
 std::string StatusAsJson(const std::wstring& name, const SERVICE_STATUS_PROCESS& status,
                          const ServiceSettings& settings) {
-    const std::pair<const char*, std::string> members[] = {
-        {"name", Json(name)},
-        {"state", Json(std::wstring(StateName(status.dwCurrentState)))},
-        {"processId", Json(status.dwProcessId)},
-        {"exitCode", Json(status.dwWin32ExitCode)},
-        {"serviceExitCode", Json(status.dwServiceSpecificExitCode)},
-        {"checkPoint", Json(status.dwCheckPoint)},
-        {"startType", settings.startType ? Json(std::wstring(StartTypeName(settings))) : "null"},
-        {"dependencies", Json(settings.dependencies)},
-        {"restartAfterSeconds", Json(InSeconds(settings.restartsAfter))},
-        {"restartResetSeconds", Json(settings.resetPeriod)},
-        {"restartOnError", Json(settings.restartsOnError)},
-        {"preshutdownSeconds", Json(InSeconds(settings.preshutdownTimeOut))},
-        {"description", Json(settings.description)},
-        {"commandLine", Json(settings.commandLine)},
+    const Json json = {
+        {"name", JsonOf(name)},
+        {"state", JsonOf(std::wstring(StateName(status.dwCurrentState)))},
+        {"processId", JsonOf(status.dwProcessId)},
+        {"exitCode", JsonOf(status.dwWin32ExitCode)},
+        {"serviceExitCode", JsonOf(status.dwServiceSpecificExitCode)},
+        {"checkPoint", JsonOf(status.dwCheckPoint)},
+        {"startType", settings.startType ? JsonOf(std::wstring(StartTypeName(settings))) : nullptr},
+        {"dependencies", JsonOf(settings.dependencies)},
+        {"restartAfterSeconds", JsonOf(InSeconds(settings.restartsAfter))},
+        {"restartResetSeconds", JsonOf(settings.resetPeriod)},
+        {"restartOnError", JsonOf(settings.restartsOnError)},
+        {"preshutdownSeconds", JsonOf(InSeconds(settings.preshutdownTimeOut))},
+        {"description", JsonOf(settings.description)},
+        {"commandLine", JsonOf(settings.commandLine)},
     };
-    std::string all;
-    for (const auto& [key, value] : members)
-        all += (all.empty() ? "\"" : ",\"") + std::string(key) + "\":" + value;
-    return "{" + all + "}";
+    // A text with half a character in it is told with a replacement.
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::wstring StatusAsText(const std::wstring& name, const SERVICE_STATUS_PROCESS& status,

@@ -324,12 +324,38 @@ TEST_F(Tessactl, RecordingOfMessagesThatTheFormatsLackIsOfAnotherBuild) {
 }
 
 TEST_F(Tessactl, WhatIsNotUnderstoodIsSaid) {
-    for (const auto* arguments :
-         {L"", L"nonsense", L"status x", L"doctor x", L"watch --seconds x", L"trace", L"log x",
-          L"trace start my.etl", L"trace start --level 1", L"trace start --level 5x",
-          L"trace start --flags x", L"trace start --flags 0", L"trace stop now", L"trace status x",
-          L"trace start --size 0", L"trace start --size 5000", L"trace start --size x"})
+    for (const auto* arguments : {L"",
+                                  L"nonsense",
+                                  L"status x",
+                                  L"doctor x",
+                                  L"watch --seconds x",
+                                  L"trace",
+                                  L"log x",
+                                  L"trace start my.etl",
+                                  L"trace start --level 1",
+                                  L"trace start --level 5x",
+                                  L"trace start --flags x",
+                                  L"trace start --flags 0",
+                                  L"trace start --flags -1",
+                                  L"trace stop now",
+                                  L"trace start --flags 0x100000000",
+                                  L"trace decode --format xml",
+                                  L"watch --seconds 5x",
+                                  L"show",
+                                  L"show a b",
+                                  L"dump info",
+                                  L"dump a.dmp",
+                                  L"doctor --timeout 0",
+                                  L"log --source",
+                                  L"trace status x",
+                                  L"trace start --size 0",
+                                  L"trace start --size 5000",
+                                  L"trace start --size x",
+                                  L"probe nobody"})
         EXPECT_EQ(Tool(arguments).exitCode, 2u) << arguments;
+    const CommandResult mistyped = Tool(L"trace strat");
+    EXPECT_EQ(mistyped.output,
+              "tessactl: unknown command strat; did you mean \"start\"?\nTry \"tessactl help trace\".\n");
     const CommandResult help = Tool(L"help");
     EXPECT_EQ(help.exitCode, 0u);
     EXPECT_FALSE(Contains(help, "probe")) << "that is for doctor itself";

@@ -21,12 +21,14 @@ ExitCode Refuse(const std::string& name, const char* why) {
     return ExitCode::kFailed;
 }
 
-ExitCode SetHidden(const Arguments& arguments, bool hidden) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    if (rest.size() != 1) return UsageError(L"the name of one access point, please");
-    const std::string name = toolbox::WstringToString(rest[0]);
-    const std::string shown = Utf8(rest[0]);
+struct Options {
+    std::wstring name;
+    bool json = false;
+};
+
+ExitCode SetHidden(const Options& options, bool hidden) {
+    const std::string name = toolbox::WstringToString(options.name);
+    const std::string shown = Utf8(options.name);
     const auto installed = InstalledLogDevices();
     if (std::ranges::find(installed, name) == installed.end())
         return Refuse(
@@ -46,21 +48,29 @@ ExitCode SetHidden(const Arguments& arguments, bool hidden) {
         std::fprintf(stderr, "tessactl: %s\nRun it as administrator.\n", InWords(error).c_str());
         return ExitCode::kNoRights;
     }
-    if (json)
-        std::printf("%s\n", JsonObject().Add("name", rest[0]).Add("hidden", hidden).Text().c_str());
+    if (options.json)
+        std::printf("%s\n", JsonText({{"name", shown}, {"hidden", hidden}}).c_str());
     else
         std::printf("%s is %s now.\n", shown.c_str(), hidden ? "hidden" : "visible");
     return ExitCode::kSuccess;
 }
 
-}  // namespace
-
-ExitCode ShowAccessPoint(const Arguments& arguments) {
-    return SetHidden(arguments, false);
+void Define(command_line::Command& command, Options& options) {
+    command.Operand("NAME", options.name, "the access point, such as \"NX4120(XLI)\"");
+    command.Switch("--json", options.json, "as JSON");
 }
 
-ExitCode HideAccessPoint(const Arguments& arguments) {
-    return SetHidden(arguments, true);
+}  // namespace
+
+void AddShowAndHide(command_line::Program& program) {
+    AddCommand<Options>(program, "show",
+                        "makes an installed access point visible\n"
+                        "the next plug or unplug of the adapter, or start of the service, overrides it",
+                        &Define, [](const Options& options) { return SetHidden(options, false); });
+    AddCommand<Options>(program, "hide",
+                        "hides an installed access point\n"
+                        "the next plug or unplug of the adapter, or start of the service, overrides it",
+                        &Define, [](const Options& options) { return SetHidden(options, true); });
 }
 
 }  // namespace tessactl

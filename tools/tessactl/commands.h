@@ -1,8 +1,6 @@
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
+#include "program.h"
 
 namespace tessactl {
 
@@ -10,51 +8,48 @@ namespace tessactl {
 enum class ExitCode {
     kSuccess = 0,
     kFailed = 1,
-    kUsage = 2,
+    kUsage = command_line::kUsageExitCode,
     kProblems = 3,  ///< doctor found some
     kNoRights = 5,
 };
 
-/// The arguments behind a command.
-using Arguments = std::vector<std::wstring>;
-
-/// Tells what was wrong with the arguments.
-ExitCode UsageError(const std::wstring& what);
-
-/// Takes "--json" out of the arguments.
-/// @return whether it was there
-bool TakeJson(Arguments& arguments);
-
-/// Takes an option and the value behind it out of the arguments, once.
-/// @return nothing if it is not there; without a value it stays, to be told as not understood
-std::optional<std::wstring> TakeValue(Arguments& arguments, const std::wstring& option);
-
-/// trace start, stop and decode.
-ExitCode Trace(const Arguments& arguments);
-
-/// Entries of the event log as sentences.
-ExitCode Log(const Arguments& arguments);
-
-/// The exceptions that the plug-in of a running service threw last.
-ExitCode Exceptions(const Arguments& arguments);
-
-/// dump info, history, list and prune.
-ExitCode Dump(const Arguments& arguments);
+// Each adds a command, or a family of them, to the tool's command line.
 
 /// What the station is like at this moment.
-ExitCode Status(const Arguments& arguments);
+void AddStatus(command_line::Program& program);
 
 /// What has to be true for an access point to show, and what to do where it is not.
-ExitCode Doctor(const Arguments& arguments);
+void AddDoctor(command_line::Program& program);
 
-/// Asks one partner, which may never answer: run in a process of its own by doctor.
-ExitCode Probe(const Arguments& arguments);
-
-/// Shows or hides one access point.
-ExitCode ShowAccessPoint(const Arguments& arguments);
-ExitCode HideAccessPoint(const Arguments& arguments);
+/// Showing and hiding one access point.
+void AddShowAndHide(command_line::Program& program);
 
 /// What happens, as it happens.
-ExitCode Watch(const Arguments& arguments);
+void AddWatch(command_line::Program& program);
+
+/// Entries of the event log as sentences.
+void AddLog(command_line::Program& program);
+
+/// The exceptions that the plug-in of a running service threw last.
+void AddExceptions(command_line::Program& program);
+
+/// What a memory dump holds.
+void AddDump(command_line::Program& program);
+
+/// Recordings of the plug-in's trace.
+void AddTrace(command_line::Program& program);
+
+/// Asks one partner, which may never answer: run in a process of its own by doctor.
+void AddProbe(command_line::Program& program);
+
+/// Adds a command that is run with its options.
+/// @param define adds the options to the command; they live as long as the command
+template <typename Options, typename Define, typename Run>
+void AddCommand(command_line::Program& program, const char* name, const char* about, Define define, Run run) {
+    const auto options = std::make_shared<Options>();
+    command_line::Command command = program.Add(name, about);
+    define(command, *options);
+    command.Runs([options, run] { return static_cast<int>(run(*options)); });
+}
 
 }  // namespace tessactl

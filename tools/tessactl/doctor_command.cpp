@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cwchar>
 #include <string>
 
 #include "commands.h"
@@ -34,15 +33,6 @@ std::wstring NamesOf(const Models& models) {
     return names;
 }
 
-/// @return false if it is no whole number of seconds between 1 and 3600
-bool ParseSeconds(const std::wstring& text, std::chrono::milliseconds& time) {
-    constexpr unsigned long kMost = 3600;
-    wchar_t* end = nullptr;
-    const unsigned long seconds = std::wcstoul(text.c_str(), &end, 10);
-    time = std::chrono::seconds(seconds);
-    return end != text.c_str() && *end == L'\0' && seconds >= 1 && seconds <= kMost;
-}
-
 void CheckAll(Findings& findings, const Expectations& expectations, Models& models) {
     const QueriedService service(expectations.service);
     CheckService(findings, service);
@@ -65,29 +55,50 @@ bool Expectations::IsExpected(const StationState::Model& model) const {
     return std::ranges::any_of(models, [&](const auto& name) { return IsSameName(model.name, name); });
 }
 
-ExitCode Doctor(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    Models models = SupportedModels();
+namespace {
+
+struct Options {
     Expectations expectations;
-    expectations.service = TakeValue(rest, L"--service").value_or(expectations.service);
-    expectations.plugIn = TakeValue(rest, L"--plugin").value_or(expectations.plugIn);
-    while (const auto model = TakeValue(rest, L"--expect"))
-        expectations.models.push_back(*model);
-    if (const auto seconds = TakeValue(rest, L"--timeout"))
-        if (!ParseSeconds(*seconds, expectations.timeOut))
-            return UsageError(L"the timeout is a number of seconds, 1 to 3600");
-    if (!rest.empty()) return UsageError(L"not understood: " + rest[0]);
+    unsigned long timeOut = 10;  // seconds
+    bool json = false;
+};
+
+ExitCode Doctor(const Options& options) {
+    Models models = SupportedModels();
+    Expectations expectations = options.expectations;
+    expectations.timeOut = std::chrono::seconds(options.timeOut);
     for (const std::wstring& name : expectations.models)
         if (!IsModel(models, name))
-            return UsageError(L"there is no model " + name + L"; those there are: " + NamesOf(models));
+            throw command_line::UsageError(
+                Utf8(L"there is no model " + name + L"; those there are: " + NamesOf(models)));
     Findings findings;
     CheckAll(findings, expectations, models);
-    if (json)
+    if (options.json)
         std::printf("%s\n", findings.Json().c_str());
     else
         findings.Print();
     return findings.HasProblems() ? ExitCode::kProblems : ExitCode::kSuccess;
+}
+
+}  // namespace
+
+void AddDoctor(command_line::Program& program) {
+    const auto define = [](command_line::Command& command, Options& options) {
+        command.Text("--service", options.expectations.service, "NAME",
+                     "the service, tessahost unless told otherwise");
+        command.Text("--plugin", options.expectations.plugIn, "FILE",
+                     "file name of its plug-in, tessaplug.dll unless told otherwise");
+        command.Texts("--expect", options.expectations.models, "MODEL",
+                      "an adapter that has to be there, such as NX4120");
+        command.Number("--timeout", options.timeOut, 1, 3600, "SECONDS",
+                       "how long a partner may take to answer");
+        command.Switch("--json", options.json, "as JSON");
+    };
+    AddCommand<Options>(
+        program, "doctor",
+        "goes through what has to be true for an access point to show\n"
+        "says what is wrong and what to do; a note is worth knowing and may be as it is wanted",
+        define, &Doctor);
 }
 
 }  // namespace tessactl

@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "dump_file.h"
@@ -54,17 +53,15 @@ std::vector<ModuleBuild> BuildsIn(const DumpFile& dump) {
     return builds;
 }
 
-std::string JsonOfBuilds(const std::vector<ModuleBuild>& builds) {
-    std::vector<std::string> elements;
+Json JsonOfBuilds(const std::vector<ModuleBuild>& builds) {
+    Json elements = Json::array();
     for (const auto& [module, build, whyNot] : builds)
-        elements.push_back(JsonObject()
-                               .Add("module", module)
-                               .Add("version", build.version)
-                               .Add("commit", build.commit)
-                               .Add("date", build.date)
-                               .Add("error", whyNot)
-                               .Text());
-    return JsonArray(elements);
+        elements.push_back({{"module", Utf8(module)},
+                            {"version", build.version},
+                            {"commit", build.commit},
+                            {"date", build.date},
+                            {"error", whyNot}});
+    return elements;
 }
 
 std::string InWords(const ModuleBuild& of) {
@@ -84,17 +81,17 @@ ExitCode Info(const DumpFile& dump, bool json) {
     char code[16] = "";
     if (exception) std::snprintf(code, sizeof code, "0x%08lX", exception->code);
     if (json) {
-        JsonObject object;
-        object.Add("bytes", dump.Size())
-            .Add("threads", dump.ThreadCount())
-            .Add("modules", dump.Modules().size())
-            .AddRaw("builds", JsonOfBuilds(BuildsIn(dump)));
-        if (exception)
-            object.Add("exceptionCode", code)
-                .Add("exceptionName", ExceptionName(exception->code))
-                .Add("exceptionPlace", PlaceOf(dump, exception->address))
-                .Add("exceptionThread", exception->threadId);
-        std::printf("%s\n", object.Text().c_str());
+        Json object = {{"bytes", dump.Size()},
+                       {"threads", dump.ThreadCount()},
+                       {"modules", dump.Modules().size()},
+                       {"builds", JsonOfBuilds(BuildsIn(dump))}};
+        if (exception) {
+            object["exceptionCode"] = code;
+            object["exceptionName"] = ExceptionName(exception->code);
+            object["exceptionPlace"] = PlaceOf(dump, exception->address);
+            object["exceptionThread"] = exception->threadId;
+        }
+        std::printf("%s\n", JsonText(object).c_str());
         return ExitCode::kSuccess;
     }
     std::printf("size       %llu MB\nthreads    %llu\nmodules    %llu\n", dump.Size() / 1024 / 1024,
@@ -114,7 +111,7 @@ ExitCode Info(const DumpFile& dump, bool json) {
 
 ExitCode History(const DumpFile& dump, bool json) {
     bool found = false;
-    std::vector<std::string> elements;
+    Json elements = Json::array();
     for (const DumpFile::Module& module : dump.Modules()) {
         const auto records = dump.HistoryOf(module);
         if (!records) continue;
@@ -131,48 +128,76 @@ ExitCode History(const DumpFile& dump, bool json) {
     if (!found)
         throw ToolError(
             "no module of the dump has an exception history; was the dump written with the full memory?");
-    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    if (json) std::printf("%s\n", JsonLines(elements).c_str());
     return ExitCode::kSuccess;
 }
 
-/// A whole number of at most four digits, in decimal.
-bool ParseCount(const std::wstring& text, std::optional<ULONG>& count) {
-    if (text.empty() || text.length() > 4 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
-        return false;
-    count = std::stoul(text);
-    return true;
+struct Options {
+    std::wstring file;
+    bool json = false;
+};
+
+void Define(command_line::Command& command, Options& options) {
+    command.Operand("FILE", options.file, "the memory dump");
+    command.Switch("--json", options.json, "as JSON");
 }
 
-ExitCode OfAFolder(Arguments arguments) {
-    const std::wstring folder = TakeValue(arguments, L"--folder").value_or(ServiceTemporaryFolder());
-    if (arguments[0] == L"list") {
-        const bool json = TakeJson(arguments);
-        return arguments.size() == 1 ? ListDumps(folder, json)
-                                     : UsageError(L"not understood: " + arguments[1]);
+struct FolderOptions {
+    std::wstring folder;
+    unsigned long keep = kNotGiven;
+    unsigned long olderDays = kNotGiven;
+    bool isTry = false;
+    bool json = false;
+
+    static constexpr unsigned long kNotGiven = ULONG_MAX;
+    static std::optional<ULONG> Given(unsigned long number) {
+        return number == kNotGiven ? std::nullopt : std::optional<ULONG>(number);
     }
-    PruneRule rule;
-    const bool isTry = std::erase(arguments, L"--dry-run") > 0;
-    const auto keep = TakeValue(arguments, L"--keep");
-    const auto older = TakeValue(arguments, L"--older");
-    if (arguments.size() > 1) return UsageError(L"not understood: " + arguments[1]);
-    if (keep && !ParseCount(*keep, rule.keep))
-        return UsageError(L"the number of dumps to keep is not understood: " + *keep);
-    if (older && !ParseCount(*older, rule.olderDays))
-        return UsageError(L"the number of days is not understood: " + *older);
-    if (!keep && !older) return UsageError(L"which dumps? --keep N, --older DAYS, or both");
-    return PruneDumps(folder, rule, isTry);
+    std::wstring Folder() const { return folder.empty() ? ServiceTemporaryFolder() : folder; }
+};
+
+void DefineFolder(command_line::Command& command, FolderOptions& options) {
+    command.Text("--folder", options.folder, "FOLDER",
+                 "where the dumps are, the temporary folder of the machine unless told otherwise");
+}
+
+ExitCode Prune(const FolderOptions& options) {
+    const PruneRule rule = {FolderOptions::Given(options.keep), FolderOptions::Given(options.olderDays)};
+    if (!rule.keep && !rule.olderDays)
+        throw command_line::UsageError("it needs to be told which dumps: --keep N, --older DAYS, or both");
+    return PruneDumps(options.Folder(), rule, options.isTry);
 }
 
 }  // namespace
 
-ExitCode Dump(const Arguments& arguments) {
-    Arguments rest = arguments;
-    if (!rest.empty() && (rest[0] == L"list" || rest[0] == L"prune")) return OfAFolder(rest);
-    const bool json = TakeJson(rest);
-    if (rest.size() != 2 || (rest[0] != L"info" && rest[0] != L"history"))
-        return UsageError(L"dump info FILE, dump history FILE, dump list or dump prune?");
-    const DumpFile dump(rest[1]);
-    return rest[0] == L"info" ? Info(dump, json) : History(dump, json);
+void AddDump(command_line::Program& program) {
+    program.AddFamily("dump", "looks into memory dumps, and after them");
+    AddCommand<Options>(program, "dump info",
+                        "shows what a memory dump holds: the build of the plug-in, the captured exception, "
+                        "threads and modules",
+                        &Define,
+                        [](const Options& options) { return Info(DumpFile(options.file), options.json); });
+    AddCommand<Options>(
+        program, "dump history",
+        "prints the exceptions that the plug-in threw last, oldest first, from a memory dump alone", &Define,
+        [](const Options& options) { return History(DumpFile(options.file), options.json); });
+    AddCommand<FolderOptions>(
+        program, "dump list", "lists the plug-in's dumps in a folder, with sizes and ages",
+        [](command_line::Command& command, FolderOptions& options) {
+            DefineFolder(command, options);
+            command.Switch("--json", options.json, "as JSON");
+        },
+        [](const FolderOptions& options) { return ListDumps(options.Folder(), options.json); });
+    AddCommand<FolderOptions>(
+        program, "dump prune", "removes the plug-in's dumps that nobody needs any more from a folder",
+        [](command_line::Command& command, FolderOptions& options) {
+            constexpr unsigned long kMost = 9999;
+            DefineFolder(command, options);
+            command.Number("--keep", options.keep, 0, kMost, "N", "how many of the newest stay");
+            command.Number("--older", options.olderDays, 0, kMost, "DAYS", "how old they have to be");
+            command.Switch("--dry-run", options.isTry, "only tells what would be removed");
+        },
+        &Prune);
 }
 
 }  // namespace tessactl

@@ -28,13 +28,11 @@ std::string Line(const StoredDump& dump, ULONG64 now) {
     return Utf8(dump.name) + size + AgeInWords(dump.writtenAt, now) + " old";
 }
 
-std::string JsonOf(const StoredDump& dump, ULONG64 now) {
-    return JsonObject()
-        .Add("file", dump.Path())
-        .Add("bytes", dump.bytes)
-        .Add("written", WrittenAt(dump))
-        .Add("ageSeconds", now > dump.writtenAt ? (now - dump.writtenAt) / 10'000'000 : 0)
-        .Text();
+Json JsonOf(const StoredDump& dump, ULONG64 now) {
+    return {{"file", Utf8(dump.Path())},
+            {"bytes", dump.bytes},
+            {"written", WrittenAt(dump)},
+            {"ageSeconds", now > dump.writtenAt ? (now - dump.writtenAt) / 10'000'000 : 0}};
 }
 
 }  // namespace
@@ -43,10 +41,10 @@ ExitCode ListDumps(const std::wstring& folder, bool json) {
     const ULONG64 now = Now();
     const auto dumps = DumpsIn(folder);
     if (json) {
-        std::vector<std::string> elements;
+        Json elements = Json::array();
         for (const StoredDump& dump : dumps)
             elements.push_back(JsonOf(dump, now));
-        std::printf("%s\n", JsonArray(elements).c_str());
+        std::printf("%s\n", JsonLines(elements).c_str());
         return ExitCode::kSuccess;
     }
     if (dumps.empty())

@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "history_print.h"
@@ -28,29 +27,43 @@ PlugInHistory HistoryOfService(const std::wstring& name, const std::wstring& plu
     return ReadPlugInHistory(process, *module);
 }
 
-}  // namespace
+struct Options {
+    std::wstring service = kDefaultService;
+    std::wstring plugIn = kDefaultPlugIn;
+    bool json = false;
+};
 
-ExitCode Exceptions(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    const std::wstring service = TakeValue(rest, L"--service").value_or(kDefaultService);
-    const std::wstring plugIn = TakeValue(rest, L"--plugin").value_or(kDefaultPlugIn);
-    if (!rest.empty()) return UsageError(L"not understood: " + rest[0]);
-    const PlugInHistory history = HistoryOfService(service, plugIn);
+ExitCode Exceptions(const Options& options) {
+    const PlugInHistory history = HistoryOfService(options.service, options.plugIn);
     if (!history.isSettled)
         std::fputs("tessactl: the plug-in is just writing; the newest exception may be cut.\n", stderr);
-    if (!json)
+    if (!options.json)
         std::printf("%s: %llu exceptions, oldest first\n", Utf8(history.module).c_str(),
                     static_cast<unsigned long long>(history.records.size()));
-    std::vector<std::string> elements;
+    Json elements = Json::array();
     for (const auto& record : history.records) {
-        if (json)
+        if (options.json)
             elements.push_back(JsonOf(history.module, record));
         else
             Print(record);
     }
-    if (json) std::printf("%s\n", JsonArray(elements).c_str());
+    if (options.json) std::printf("%s\n", JsonLines(elements).c_str());
     return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+void AddExceptions(command_line::Program& program) {
+    const auto define = [](command_line::Command& command, Options& options) {
+        command.Text("--service", options.service, "NAME", "the service, tessahost unless told otherwise");
+        command.Text("--plugin", options.plugIn, "FILE",
+                     "file name of its plug-in, tessaplug.dll unless told otherwise");
+        command.Switch("--json", options.json, "as JSON");
+    };
+    AddCommand<Options>(
+        program, "exceptions",
+        "prints the exceptions that the plug-in of the running service threw last, oldest first", define,
+        &Exceptions);
 }
 
 }  // namespace tessactl

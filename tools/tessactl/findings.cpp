@@ -55,16 +55,14 @@ void Findings::Print() const {
 }
 
 std::string Findings::Json() const {
-    std::vector<std::string> elements;
+    auto elements = tessactl::Json::array();
     for (const Finding& finding : all_)
-        elements.push_back(JsonObject()
-                               .Add("what", finding.what)
-                               .Add("ok", finding.state != Finding::State::kProblem)
-                               .Add("state", NameOf(finding.state))
-                               .Add("found", finding.found)
-                               .Add("advice", finding.advice)
-                               .Text());
-    return JsonArray(elements);
+        elements.push_back({{"what", finding.what},
+                            {"ok", finding.state != Finding::State::kProblem},
+                            {"state", NameOf(finding.state)},
+                            {"found", finding.found},
+                            {"advice", finding.advice}});
+    return JsonLines(elements);
 }
 
 }  // namespace tessactl

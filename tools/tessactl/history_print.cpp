@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "json.h"
 #include "text.h"
 
 namespace tessactl {
@@ -17,18 +16,16 @@ std::string Text(const char (&field)[N]) {
 
 }  // namespace
 
-std::string JsonOf(const std::wstring& module, const modul_exception::ExceptionRecord& record) {
-    JsonObject object;
-    object.Add("module", module.substr(module.rfind(L'\\') + 1))
-        .Add("time", Text(record.timeStamp))
-        .Add("thread", record.threadId)
-        .Add("processor", record.processorNumber)
-        .Add("expression", Text(record.expression))
-        .Add("what", Text(record.what))
-        .Add("file", Text(record.file))
-        .Add("function", Text(record.function))
-        .Add("line", record.line);
-    return object.Text();
+Json JsonOf(const std::wstring& module, const modul_exception::ExceptionRecord& record) {
+    return {{"module", Utf8(module.substr(module.rfind(L'\\') + 1))},
+            {"time", Text(record.timeStamp)},
+            {"thread", record.threadId},
+            {"processor", record.processorNumber},
+            {"expression", Text(record.expression)},
+            {"what", Text(record.what)},
+            {"file", Text(record.file)},
+            {"function", Text(record.function)},
+            {"line", record.line}};
 }
 
 void Print(const modul_exception::ExceptionRecord& record) {

@@ -3,23 +3,21 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "event_messages.h"
 #include "json.h"
+#include "output.h"
 #include "text.h"
 
 namespace tessactl {
 namespace {
 
-std::string JsonOf(const LogEntry& entry, const std::wstring& sentence) {
-    return JsonObject()
-        .Add("time", LocalTimeText(entry.time))
-        .Add("type", TypeName(entry.type))
-        .Add("id", entry.eventId)
-        .Add("text", sentence)
-        .Text();
+Json JsonOf(const LogEntry& entry, const std::wstring& sentence) {
+    return {{"time", LocalTimeText(entry.time)},
+            {"type", TypeName(entry.type)},
+            {"id", entry.eventId},
+            {"text", Utf8(sentence)}};
 }
 
 std::string LineOf(const LogEntry& entry, const std::wstring& sentence) {
@@ -28,18 +26,20 @@ std::string LineOf(const LogEntry& entry, const std::wstring& sentence) {
     return LocalTimeText(entry.time) + head + Utf8(sentence);
 }
 
+void Print(const LogEntry& entry, const std::wstring& sentence, const LogRequest& request) {
+    std::printf("%s\n", (request.json ? JsonText(JsonOf(entry, sentence)) : LineOf(entry, sentence)).c_str());
+}
+
 /// Prints the new entries that pass, one line each.
 void Follow(EventLogFollower& log, const EventMessages& messages, const LogRequest& request) {
     constexpr DWORD kStepMs = 250;
     const ULONGLONG end = ::GetTickCount64() + 1000 * ULONGLONG{request.seconds};
     std::string toldError;
-    while (request.seconds == 0 || ::GetTickCount64() < end) {
+    while ((request.seconds == 0 || ::GetTickCount64() < end) && command_line::OutputIsTaken()) {
         ::Sleep(kStepMs);
         try {
             for (const LogEntry& entry : Filtered(log.ReadNew(), request.filter)) {
-                const std::wstring sentence = messages.Sentence(entry);
-                std::printf("%s\n",
-                            (request.json ? JsonOf(entry, sentence) : LineOf(entry, sentence)).c_str());
+                Print(entry, messages.Sentence(entry), request);
             }
             std::fflush(stdout);
             toldError.clear();
@@ -51,11 +51,45 @@ void Follow(EventLogFollower& log, const EventMessages& messages, const LogReque
     }
 }
 
-bool ParseNumber(const std::wstring& text, ULONG& number) {
-    if (text.empty() || text.length() > 6 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
-        return false;
-    number = std::stoul(text);
-    return true;
+struct Options {
+    LogRequest request;
+    std::wstring since;
+    std::wstring level = L"information";
+    unsigned long count = ULONG_MAX;  // all
+};
+
+ExitCode Log(const Options& options) {
+    LogRequest request = options.request;
+    if (!options.since.empty()) {
+        const auto time = ParseSince(options.since, static_cast<DWORD>(std::time(nullptr)));
+        if (!time)
+            throw command_line::UsageError(
+                "the value of --since is like 2026-11-21T10:11, or how long ago, like 10m, 2h or 3d");
+        request.filter.since = *time;
+    }
+    request.filter.level = TypeNamed(options.level).value_or(request.filter.level);
+    if (options.count != ULONG_MAX) request.count = options.count;
+    if (request.seconds != 0 && !request.follow)
+        throw command_line::UsageError("--seconds belongs to --follow");
+    return ShowLog(request);
+}
+
+void Define(command_line::Command& command, Options& options) {
+    constexpr unsigned long kMost = 999999;
+    command.Text("--source", options.request.source, "NAME",
+                 "whose entries, tessaplug unless told otherwise");
+    command.Text("--log", options.request.logName, "NAME", "of which log, Application unless told otherwise");
+    command.Text("--since", options.since, "TIME",
+                 "the oldest that are shown: local time like 2026-11-21T10:11, UTC with a Z behind it, or "
+                 "how long ago, "
+                 "like 10m, 2h or 3d");
+    command.Choice("--level", options.level, {"error", "warning", "information"},
+                   "the least grave that are shown");
+    command.Number("--count", options.count, 0, kMost, "N", "only the last of them");
+    command.Switch("--follow", options.request.follow,
+                   "also those that are written from now on, until Ctrl+C");
+    command.Number("--seconds", options.request.seconds, 1, kMost, "N", "for how long they are followed");
+    command.Switch("--json", options.request.json, "as JSON; with --follow one object a line");
 }
 
 }  // namespace
@@ -63,55 +97,24 @@ bool ParseNumber(const std::wstring& text, ULONG& number) {
 ExitCode ShowLog(const LogRequest& request) {
     const EventMessages messages(request.logName, request.source);
     EventLogFollower log(request.logName, request.source);
-    std::vector<std::string> elements;
+    Json elements = Json::array();
     for (const LogEntry& entry : Filtered(log.ReadNew(), request.filter, request.count)) {
         const std::wstring sentence = messages.Sentence(entry);
-        elements.push_back(request.json ? JsonOf(entry, sentence) : LineOf(entry, sentence));
+        // What is followed has no end, so it is no array.
+        if (request.json && !request.follow)
+            elements.push_back(JsonOf(entry, sentence));
+        else
+            Print(entry, sentence, request);
     }
-    // What is followed has no end, so it is no array.
-    if (request.json && !request.follow) {
-        std::printf("%s\n", JsonArray(elements).c_str());
-    } else {
-        for (const std::string& element : elements)
-            std::printf("%s\n", element.c_str());
-        std::fflush(stdout);
-    }
+    if (request.json && !request.follow) std::printf("%s\n", JsonLines(elements).c_str());
+    std::fflush(stdout);
     if (request.follow) Follow(log, messages, request);
     return ExitCode::kSuccess;
 }
 
-ExitCode Log(const Arguments& arguments) {
-    LogRequest request;
-    Arguments rest = arguments;
-    request.json = TakeJson(rest);
-    request.follow = std::erase(rest, L"--follow") > 0;
-    request.source = TakeValue(rest, L"--source").value_or(request.source);
-    request.logName = TakeValue(rest, L"--log").value_or(request.logName);
-    const auto since = TakeValue(rest, L"--since");
-    const auto level = TakeValue(rest, L"--level");
-    const auto count = TakeValue(rest, L"--count");
-    const auto seconds = TakeValue(rest, L"--seconds");
-    if (!rest.empty()) return UsageError(L"not understood: " + rest[0]);
-    if (since) {
-        const auto time = ParseSince(*since, static_cast<DWORD>(std::time(nullptr)));
-        if (!time)
-            return UsageError(
-                L"the time is like 2026-11-21T10:11, or how long ago, like 10m, 2h or 3d, not " + *since);
-        request.filter.since = *time;
-    }
-    if (level) {
-        const auto type = TypeNamed(*level);
-        if (!type) return UsageError(L"the level is error, warning or information, not " + *level);
-        request.filter.level = *type;
-    }
-    ULONG number = 0;
-    if (count && !ParseNumber(*count, number))
-        return UsageError(L"the number of entries is not understood: " + *count);
-    if (count) request.count = number;
-    if (seconds && (!ParseNumber(*seconds, request.seconds) || request.seconds == 0))
-        return UsageError(L"the number of seconds is not understood: " + *seconds);
-    if (seconds && !request.follow) return UsageError(L"--seconds belongs to --follow");
-    return ShowLog(request);
+void AddLog(command_line::Program& program) {
+    AddCommand<Options>(program, "log", "shows the plug-in's entries of the Application log as sentences",
+                        &Define, &Log);
 }
 
 }  // namespace tessactl

@@ -93,10 +93,20 @@ std::string ProbeStationManager(std::chrono::milliseconds limit) {
     return Ask(L"station-manager", limit, output);
 }
 
-ExitCode Probe(const Arguments& arguments) {
-    if (arguments == Arguments{L"configuration-library"}) return AskConfigurationLibrary();
-    if (arguments == Arguments{L"station-manager"}) return AskStationManager();
-    return UsageError(L"probe configuration-library or probe station-manager?");
+void AddProbe(command_line::Program& program) {
+    struct Options {
+        std::wstring partner;
+    };
+    const auto define = [](command_line::Command& command, Options& options) {
+        command.Operand("PARTNER", options.partner, "configuration-library or station-manager");
+        command.Hide();
+    };
+    AddCommand<Options>(
+        program, "probe", "asks one partner; for doctor only", define, [](const Options& options) {
+            if (options.partner == L"configuration-library") return AskConfigurationLibrary();
+            if (options.partner == L"station-manager") return AskStationManager();
+            throw command_line::UsageError("probe configuration-library or probe station-manager?");
+        });
 }
 
 }  // namespace tessactl

@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "json.h"
@@ -10,43 +9,35 @@
 namespace tessactl {
 namespace {
 
-std::string JsonOf(const StationState& state) {
-    std::vector<std::string> objects;
+Json JsonOf(const StationState& state) {
+    Json objects = Json::array();
     for (const auto& object : state.interprocess)
-        objects.push_back(JsonObject()
-                              .Add("mutex", object.mutex)
-                              .Add("mutexExists", object.mutexExists)
-                              .Add("sharedMemory", object.sharedMemory)
-                              .Add("sharedMemoryExists", object.sharedMemoryExists)
-                              .Text());
-    std::vector<std::string> models;
+        objects.push_back({{"mutex", Utf8(object.mutex)},
+                           {"mutexExists", object.mutexExists},
+                           {"sharedMemory", Utf8(object.sharedMemory)},
+                           {"sharedMemoryExists", object.sharedMemoryExists}});
+    Json models = Json::array();
     for (const auto& model : state.models) {
-        std::vector<std::string> paths;
+        Json paths = Json::array();
         for (const std::wstring& path : model.devicePaths)
-            paths.push_back(JsonText(path));
-        std::vector<std::string> points;
+            paths.push_back(Utf8(path));
+        Json points = Json::array();
         for (const auto& point : model.accessPoints)
-            points.push_back(JsonObject()
-                                 .Add("name", point.name)
-                                 .Add("installed", point.installed)
-                                 .Add("exists", point.exists)
-                                 .Add("hidden", point.hidden)
-                                 .Text());
-        models.push_back(JsonObject()
-                             .Add("model", model.name)
-                             .AddRaw("devices", JsonArray(paths))
-                             .Add("devicesError", model.devicesError)
-                             .AddRaw("accessPoints", JsonArray(points))
-                             .Text());
+            points.push_back({{"name", Utf8(point.name)},
+                              {"installed", point.installed},
+                              {"exists", point.exists},
+                              {"hidden", point.hidden}});
+        models.push_back({{"model", Utf8(model.name)},
+                          {"devices", paths},
+                          {"devicesError", model.devicesError},
+                          {"accessPoints", points}});
     }
-    return JsonObject()
-        .Add("plugInRuns", state.plugInRuns)
-        .AddRaw("interprocess", JsonArray(objects))
-        .Add("library", state.libraryPath)
-        .Add("libraryOrigin", state.libraryIsRegistered ? "registry" : "default folder")
-        .Add("libraryError", state.libraryError)
-        .AddRaw("models", JsonArray(models))
-        .Text();
+    return {{"plugInRuns", state.plugInRuns},
+            {"interprocess", objects},
+            {"library", Utf8(state.libraryPath)},
+            {"libraryOrigin", state.libraryIsRegistered ? "registry" : "default folder"},
+            {"libraryError", state.libraryError},
+            {"models", models}};
 }
 
 const char* YesNo(bool value) {
@@ -81,18 +72,31 @@ void Print(const StationState& state) {
                 state.libraryIsRegistered ? "the registry" : "the default");
 }
 
-}  // namespace
+struct Options {
+    bool json = false;
+};
 
-ExitCode Status(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    if (!rest.empty()) return UsageError(L"not understood: " + rest[0]);
+ExitCode Status(const Options& options) {
     const StationState state = ReadStation();
-    if (json)
-        std::printf("%s\n", JsonOf(state).c_str());
+    if (options.json)
+        std::printf("%s\n", JsonText(JsonOf(state)).c_str());
     else
         Print(state);
     return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+void AddStatus(command_line::Program& program) {
+    AddCommand<Options>(
+        program, "status",
+        "shows whether the plug-in runs, the adapters and every access point\n"
+        "also the models' mutexes and shared memories, the adapters' device paths, and the configuration "
+        "library",
+        [](command_line::Command& command, Options& options) {
+            command.Switch("--json", options.json, "as JSON");
+        },
+        &Status);
 }
 
 }  // namespace tessactl

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <map>
 
 #include "chrome_trace.h"
 #include "commands.h"
@@ -21,35 +20,6 @@
 namespace tessactl {
 namespace {
 
-using Options = std::map<std::wstring, std::wstring>;
-
-/// Splits "--name value" pairs off; what is left comes back under the empty name.
-bool ParseOptions(const Arguments& arguments, const std::vector<std::wstring>& known, Options& options) {
-    for (std::size_t i = 1; i < arguments.size(); ++i) {
-        if (!arguments[i].starts_with(L"--")) {
-            if (!options[L""].empty()) return UsageError(L"one file only, please"), false;
-            options[L""] = arguments[i];
-            continue;
-        }
-        bool isKnown = false;
-        for (const std::wstring& name : known)
-            isKnown |= arguments[i] == name;
-        if (!isKnown || i + 1 == arguments.size())
-            return UsageError((isKnown ? L"a value is missing behind " : L"unknown option ") + arguments[i]),
-                   false;
-        options[arguments[i]] = arguments[i + 1];
-        ++i;
-    }
-    return true;
-}
-
-/// A whole number, decimal or with 0x.
-bool ParseNumber(const std::wstring& text, ULONG& number) {
-    wchar_t* end = nullptr;
-    number = std::wcstoul(text.c_str(), &end, 0);
-    return end != text.c_str() && *end == L'\0';
-}
-
 std::wstring DefaultFile() {
     return operating_system::ProductDataFolder() + L"\\tessaplug.etl";
 }
@@ -64,27 +34,36 @@ void PrepareDefaultFile() {
     }
 }
 
-ExitCode Start(Arguments arguments) {
+struct RecordingOptions {
+    std::wstring file;
+    unsigned long level = 5;
+    std::wstring flags = L"0xFFFFFFFF";
+    unsigned long megabytes = 0;  // no limit
+    bool isCircular = false;
+};
+
+/// A number that is not 0, decimal or with 0x.
+ULONG ParseFlags(const std::wstring& text) {
+    wchar_t* end = nullptr;
+    const unsigned long long flags = std::wcstoull(text.c_str(), &end, 0);
+    const bool isNumber = text[0] >= L'0' && text[0] <= L'9' && *end == L'\0' && flags <= 0xFFFFFFFF;
+    if (!isNumber || flags == 0)
+        throw command_line::UsageError("the value of --flags is a number, but 0, which would record nothing");
+    return static_cast<ULONG>(flags);
+}
+
+ExitCode Start(const RecordingOptions& options) {
     RecordingRequest request;
-    request.isCircular = std::erase(arguments, L"--circular") > 0;
-    Options options;
-    if (!ParseOptions(arguments, {L"--file", L"--level", L"--flags", L"--size"}, options))
-        return ExitCode::kUsage;
-    if (!options[L""].empty()) return UsageError(L"not understood: " + options[L""]);
-    if (options.contains(L"--level") &&
-        (!ParseNumber(options[L"--level"], request.level) || request.level < 2 || request.level > 5))
-        return UsageError(L"the level is 2, 3, 4 or 5");
-    if (options.contains(L"--flags") &&
-        (!ParseNumber(options[L"--flags"], request.flags) || request.flags == 0))
-        return UsageError(L"the flags are a number, but 0, which would record nothing");
-    if (options.contains(L"--size") && (!ParseNumber(options[L"--size"], request.megabytes) ||
-                                        request.megabytes == 0 || request.megabytes > kMostMegabytes))
-        return UsageError(L"the size is a number of megabytes, 1 to " + std::to_wstring(kMostMegabytes));
+    request.flags = ParseFlags(options.flags);
+    request.level = options.level;
+    request.megabytes = options.megabytes;
+    request.isCircular = options.isCircular;
     if (request.isCircular && request.megabytes == 0)
-        return UsageError(L"a circular recording needs a size, at which it begins again: --size MB");
-    request.file =
-        options.contains(L"--file") ? std::filesystem::absolute(options[L"--file"]).wstring() : DefaultFile();
-    if (!options.contains(L"--file")) PrepareDefaultFile();
+        throw command_line::UsageError(
+            "a circular recording needs a size, at which it begins again: --size MB");
+    // In full: every process that is traced writes into it.
+    request.file = options.file.empty() ? DefaultFile() : std::filesystem::absolute(options.file).wstring();
+    if (options.file.empty()) PrepareDefaultFile();
     StartRecording(request);
     std::printf("Recording into %s\n", Utf8(request.file).c_str());
     return ExitCode::kSuccess;
@@ -102,16 +81,15 @@ ExitCode Stop() {
 ExitCode RecordingStatus(bool json) {
     const auto running = RunningRecording();
     if (json) {
-        JsonObject object;
-        object.Add("running", running.has_value());
+        Json object = {{"running", running.has_value()}};
         if (running)
-            object.Add("file", running->file)
-                .Add("circular", running->isCircular)
-                .Add("sizeLimitMegabytes", running->megabytes)
-                .Add("buffersWritten", running->buffersWritten)
-                .Add("eventsLost", running->eventsLost)
-                .Add("buffersLost", running->buffersLost);
-        std::printf("%s\n", object.Text().c_str());
+            object.update({{"file", Utf8(running->file)},
+                           {"circular", running->isCircular},
+                           {"sizeLimitMegabytes", running->megabytes},
+                           {"buffersWritten", running->buffersWritten},
+                           {"eventsLost", running->eventsLost},
+                           {"buffersLost", running->buffersLost}});
+        std::printf("%s\n", JsonText(object).c_str());
         return ExitCode::kSuccess;
     }
     if (!running) {
@@ -166,19 +144,23 @@ void TellWhatIsMissing(const RecordingHead& head, const FunctionCalls& calls) {
                      calls.ExitsWithoutEntry(), calls.EntriesWithoutExit());
 }
 
-ExitCode DecodeRecording(Arguments arguments) {
-    const bool withFunctions = std::erase(arguments, L"--functions") > 0;
-    Options options;
-    if (!ParseOptions(arguments, {L"--tmf", L"--format", L"--output"}, options)) return ExitCode::kUsage;
-    const std::wstring format = options.contains(L"--format") ? options[L"--format"] : L"text";
-    if (format != L"text" && format != L"chrome") return UsageError(L"the format is text or chrome");
-    const std::wstring file = options[L""].empty() ? DefaultFile() : options[L""];
-    const std::wstring tmfFolder = options.contains(L"--tmf") ? options[L"--tmf"] : DefaultTmfFolder();
+struct DecodingOptions {
+    std::wstring file;
+    std::wstring tmf;
+    std::wstring format = L"text";
+    std::wstring output;
+    bool withFunctions = false;
+};
+
+ExitCode DecodeRecording(const DecodingOptions& options) {
+    const bool isChrome = options.format == L"chrome";
+    const std::wstring file = options.file.empty() ? DefaultFile() : options.file;
+    const std::wstring tmfFolder = options.tmf.empty() ? DefaultTmfFolder() : options.tmf;
     const auto catalog = TmfCatalog::FromFolder(tmfFolder);
     std::ofstream outputFile;
-    if (options.contains(L"--output")) {
-        outputFile.open(std::filesystem::path(options[L"--output"]), std::ios::binary);
-        if (!outputFile) throw ToolError(Utf8(options[L"--output"]) + " cannot be written");
+    if (!options.output.empty()) {
+        outputFile.open(std::filesystem::path(options.output), std::ios::binary);
+        if (!outputFile) throw ToolError(Utf8(options.output) + " cannot be written");
     }
     std::ostream& output = outputFile.is_open() ? outputFile : std::cout;
     ChromeTraceWriter chrome;
@@ -188,38 +170,73 @@ ExitCode DecodeRecording(Arguments arguments) {
     RecordingHead head;
     try {
         ReadRecording(file, head, [&](const RecordedMessage& message) {
+            if (!output) return;  // the disk is full, or the reader has gone
             const DecodedMessage decoded = Decode(catalog, message);
             if (decoded.source.empty()) ++unknown;
             calls.Follow(message, decoded);
-            if (format == L"chrome")
+            if (isChrome)
                 chrome.Add(message, decoded);
             else
-                output << TextLine(message, decoded, withFunctions) << "\n";
+                output << TextLine(message, decoded, options.withFunctions) << "\n";
         });
     } catch (const ToolError& error) {
         // What was read so far is written all the same.
         std::fprintf(stderr, "tessactl: %s\n", error.what());
         result = ExitCode::kFailed;
     }
-    if (format == L"chrome") output << chrome.Finish();
-    if (!output.flush()) throw ToolError("The decoded recording cannot be written whole; is the disk full?");
+    if (isChrome) output << chrome.Finish();
+    output.flush();
+    // Of standard output the program looks after itself: a reader may have seen enough.
+    if (outputFile.is_open() && !outputFile)
+        throw ToolError("The decoded recording cannot be written whole; is the disk full?");
     TellWhatIsMissing(head, calls);
     if (unknown != 0) WarnOfOtherBuild(unknown, tmfFolder);
     return result;
 }
 
+void DefineStart(command_line::Command& command, RecordingOptions& options) {
+    command.Text("--file", options.file, "FILE",
+                 "the recording, %ProgramData%\\Tessaplug\\tessaplug.etl unless told otherwise");
+    command.Number("--level", options.level, 2, 5, "LEVEL",
+                   "2 errors, 3 warnings, 4 information, 5 everything");
+    command.Text("--flags", options.flags, "FLAGS",
+                 "adds up 1 messages, 4 function entry and exit, 8 log-device configuration; all of them "
+                 "unless told otherwise");
+    command.Number("--size", options.megabytes, 1, kMostMegabytes, "MB",
+                   "the size at which the recording ends");
+    command.Switch("--circular", options.isCircular, "at its size the oldest messages go instead");
+}
+
+void DefineDecode(command_line::Command& command, DecodingOptions& options) {
+    command.OptionalOperand("FILE", options.file,
+                            "the recording, the one of trace start unless told otherwise");
+    command.Text("--tmf", options.tmf, "FOLDER",
+                 "the texts of the messages, tmf beside the program unless told otherwise");
+    command.Choice("--format", options.format, {"text", "chrome"},
+                   "lines for people, or a file for Perfetto and chrome://tracing");
+    command.Text("--output", options.output, "FILE", "a file to write to instead of standard output");
+    command.Switch("--functions", options.withFunctions, "names the function of each message");
+}
+
+struct StatusOptions {
+    bool json = false;
+};
+
 }  // namespace
 
-ExitCode Trace(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const std::wstring what = rest.empty() ? L"" : rest[0];
-    if (what == L"start") return Start(rest);
-    if (what == L"decode") return DecodeRecording(rest);
-    const bool json = what == L"status" && TakeJson(rest);
-    if (what != L"stop" && what != L"status")
-        return UsageError(L"trace start, trace status, trace stop or trace decode?");
-    if (rest.size() > 1) return UsageError(L"not understood: " + rest[1]);
-    return what == L"stop" ? Stop() : RecordingStatus(json);
+void AddTrace(command_line::Program& program) {
+    program.AddFamily("trace", "records the plug-in's trace and decodes it");
+    AddCommand<RecordingOptions>(program, "trace start", "starts recording the plug-in's trace", &DefineStart,
+                                 &Start);
+    AddCommand<StatusOptions>(
+        program, "trace status", "shows whether a recording runs, and what it has lost",
+        [](command_line::Command& command, StatusOptions& options) {
+            command.Switch("--json", options.json, "as JSON");
+        },
+        [](const StatusOptions& options) { return RecordingStatus(options.json); });
+    program.Add("trace stop", "ends the recording").Runs([] { return static_cast<int>(Stop()); });
+    AddCommand<DecodingOptions>(program, "trace decode", "prints a recording", &DefineDecode,
+                                &DecodeRecording);
 }
 
 }  // namespace tessactl

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <cwchar>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +14,7 @@
 #include "evlog_check.h"
 #include "json.h"
 #include "log_filter.h"
+#include "output.h"
 #include "station_state.h"
 #include "text.h"
 
@@ -35,13 +35,10 @@ class Printer {
         std::snprintf(time, sizeof time, "%02d:%02d:%02d.%03d", now.wHour, now.wMinute, now.wSecond,
                       now.wMilliseconds);
         if (json_)
-            std::printf("%s\n", JsonObject()
-                                    .Add("time", time)
-                                    .Add("event", event)
-                                    .Add("what", what)
-                                    .Add("text", text)
-                                    .Text()
-                                    .c_str());
+            std::printf(
+                "%s\n",
+                JsonText({{"time", time}, {"event", event}, {"what", Utf8(what)}, {"text", Utf8(text)}})
+                    .c_str());
         else
             std::printf("%s  %-12s  %-28s  %s\n", time, event, Utf8(what).c_str(), Utf8(text).c_str());
         std::fflush(stdout);
@@ -178,21 +175,15 @@ void KeepWhatIsNotKnown(const Models& before, Models& after, bool accessPointsAr
     }
 }
 
-}  // namespace
+struct Options {
+    unsigned long seconds = 0;  // no end
+    bool json = false;
+};
 
-ExitCode Watch(const Arguments& arguments) {
-    Arguments rest = arguments;
-    const bool json = TakeJson(rest);
-    ULONGLONG seconds = 0;
-    if (rest.size() == 2 && rest[0] == L"--seconds") {
-        seconds = std::wcstoul(rest[1].c_str(), nullptr, 10);
-        if (seconds == 0) return UsageError(L"the number of seconds is not understood: " + rest[1]);
-    } else if (!rest.empty()) {
-        return UsageError(L"not understood: " + rest[0]);
-    }
+ExitCode Watch(const Options& options) {
     constexpr DWORD kStepMs = 100;
-    const ULONGLONG end = ::GetTickCount64() + 1000 * seconds;
-    Printer printer(json);
+    const ULONGLONG end = ::GetTickCount64() + 1000ULL * options.seconds;
+    Printer printer(options.json);
     const DriverMessages messages(printer);
     PlugInEntries plugInEntries(printer);
     std::string error;
@@ -200,7 +191,8 @@ ExitCode Watch(const Arguments& arguments) {
     printer.Print("watching", error.empty() ? L"everything" : L"adapters and messages only",
                   Widened(error, CP_UTF8));
     std::string errorBefore = error;
-    while (seconds == 0 || ::GetTickCount64() < end) {
+    const auto isOver = [&] { return options.seconds != 0 && ::GetTickCount64() >= end; };
+    while (!isOver() && command_line::OutputIsTaken()) {
         ::Sleep(kStepMs);
         Models after = ReadModels(error);
         KeepWhatIsNotKnown(before, after, error.empty());
@@ -213,6 +205,21 @@ ExitCode Watch(const Arguments& arguments) {
         before = std::move(after);
     }
     return ExitCode::kSuccess;
+}
+
+}  // namespace
+
+void AddWatch(command_line::Program& program) {
+    constexpr unsigned long kWeek = 7 * 24 * 60 * 60;
+    const auto define = [](command_line::Command& command, Options& options) {
+        command.Number("--seconds", options.seconds, 1, kWeek, "NUMBER",
+                       "how long; until Ctrl+C unless told otherwise");
+        command.Switch("--json", options.json, "a line of JSON for each");
+    };
+    AddCommand<Options>(
+        program, "watch",
+        "prints arrivals, removals, changes of access points and messages of the driver as they happen",
+        define, &Watch);
 }
 
 }  // namespace tessactl

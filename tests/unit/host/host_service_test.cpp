@@ -27,6 +27,18 @@ TEST_F(HostService, StartsReportsAndStopsTwice) {
     EXPECT_EQ(Run(L"uninstall").exitCode, 3u) << "not installed";
 }
 
+TEST_F(HostService, RestartsWhetherItRunsOrNot) {
+    EXPECT_EQ(Run(L"restart").exitCode, 3u) << "not installed";
+    Install(L"plug_in_works.dll");
+    EXPECT_EQ(Run(L"restart").exitCode, 0u) << HostLog();
+    EXPECT_FALSE(LogHas("STOPPED"));
+    const CommandResult again = Run(L"restart");
+    EXPECT_EQ(again.exitCode, 0u) << again.output;
+    EXPECT_LT(again.output.find("STOPPED"), again.output.find("RUNNING")) << again.output;
+    EXPECT_TRUE(LogHas("STOPPED"));
+    EXPECT_NE(Run(L"status").output.find("state      RUNNING"), std::string::npos);
+}
+
 TEST_F(HostService, TakesStopsShutdownsAndPowerEventsWhileItRuns) {
     Install(L"plug_in_works.dll");
     EXPECT_EQ(Run(L"start").exitCode, 0u);

@@ -268,6 +268,60 @@ TEST_F(Control, StartAfterAStopThatTookAnEndByForceStarts) {
     EXPECT_EQ(control_.Start({}), ExitCode::kSuccess);
 }
 
+TEST_F(Control, RestartStopsAndStarts) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_STOPPED))
+        .WillOnce(AnswerState(SERVICE_START_PENDING))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    const testing::InSequence inSequence;
+    EXPECT_CALL(*advapi32_, ControlService(_, SERVICE_CONTROL_STOP, _)).WillOnce(Return(TRUE));
+    EXPECT_CALL(*advapi32_, StartServiceW).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Restart({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, RestartOfAServiceThatDoesNotRunStartsIt) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOPPED))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    EXPECT_CALL(*advapi32_, ControlService).Times(0);
+    EXPECT_CALL(*advapi32_, StartServiceW).WillOnce(Return(TRUE));
+    EXPECT_EQ(control_.Restart({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, RestartAfterAStopThatTookAnEndByForceTellsAndStarts) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_RUNNING))
+        .WillOnce(AnswerState(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 2))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    EXPECT_CALL(*advapi32_, StartServiceW).WillOnce(Return(TRUE));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(control_.Restart({}), ExitCode::kSuccess);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("did not stop in time"), std::string::npos);
+}
+
+TEST_F(Control, RestartIsContentIfTheServiceManagerWasFaster) {
+    EXPECT_CALL(*advapi32_, QueryServiceStatusEx)
+        .WillOnce(AnswerState(SERVICE_STOPPED))
+        .WillOnce(AnswerState(SERVICE_START_PENDING))
+        .WillOnce(AnswerState(SERVICE_RUNNING));
+    ON_CALL(*advapi32_, StartServiceW).WillByDefault(FailWith(ERROR_SERVICE_ALREADY_RUNNING, FALSE));
+    EXPECT_EQ(control_.Restart({}), ExitCode::kSuccess);
+}
+
+TEST_F(Control, RestartDoesNotStartWhatCannotBeStopped) {
+    ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_STOP_PENDING));
+    EXPECT_CALL(*advapi32_, StartServiceW).Times(0);
+    EXPECT_EQ(control_.Restart({}), ExitCode::kTimedOut);
+}
+
+TEST_F(Control, RestartTellsOfAStartThatFails) {
+    ON_CALL(*advapi32_, StartServiceW).WillByDefault(FailWith(ERROR_ACCESS_DENIED, FALSE));
+    EXPECT_EQ(control_.Restart({}), ExitCode::kNoRights);
+}
+
 TEST_F(Control, UninstallOfAServiceThatEndsMeanwhileRemovesIt) {
     ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_RUNNING));
     ON_CALL(*advapi32_, ControlService).WillByDefault(FailWith(ERROR_SERVICE_NOT_ACTIVE, FALSE));

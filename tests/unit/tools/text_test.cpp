@@ -9,6 +9,8 @@
 
 using tessactl::ErrorInWords;
 using tessactl::InWords;
+using tessactl::Json;
+using tessactl::JsonLines;
 using tessactl::JsonText;
 
 TEST(TextInWords, IsOnOneLine) {
@@ -41,8 +43,13 @@ TEST(ErrorInWords, NamesItsNumberAndSubject) {
 }
 
 TEST(JsonText, IsReadableByOthersWhateverTheTextHolds) {
-    EXPECT_EQ(JsonText(std::string("a\"b\\c\x01\n")), R"("a\"b\\c\u0001\u000a")");
-    EXPECT_EQ(JsonText(std::string("\xff")), "\"\xef\xbf\xbd\"") << "no UTF-8";
-    EXPECT_EQ(JsonText(std::wstring(L"\x00fc")), "\"\xc3\xbc\"");
-    EXPECT_EQ(tessactl::JsonObject().Add("na\"me", L"\\").Text(), R"({"na\"me":"\\"})");
+    EXPECT_EQ(JsonText("a\"b\\c\x01\n"), R"("a\"b\\c\u0001\n")");
+    EXPECT_EQ(JsonText("\xff"), "\"\xef\xbf\xbd\"") << "no UTF-8";
+    EXPECT_EQ(JsonText("\xc3\xbc"), "\"\xc3\xbc\"");
+    EXPECT_EQ(JsonText({{"na\"me", "\\"}, {"a", 1}}), R"({"na\"me":"\\","a":1})") << "in their order";
+}
+
+TEST(JsonLines, IsALineForEachElement) {
+    EXPECT_EQ(JsonLines(Json::array()), "[]");
+    EXPECT_EQ(JsonLines({1, {{"a", Json::array({2, 3})}}}), "[1,\n {\"a\":[2,3]}]");
 }

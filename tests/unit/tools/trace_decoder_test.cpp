@@ -68,8 +68,7 @@ TEST_F(Decoder, TextIsUtf8WhateverItWas) {
 }
 
 TEST(Json, TextOfForeignBytesIsUtf8) {
-    EXPECT_EQ(tessactl::JsonText(std::string("a\xFF\"\n")), "\"a\xEF\xBF\xBD\\\"\\u000a\"");
-    EXPECT_EQ(tessactl::JsonText(std::wstring(L"\u03A9")), "\"\xCE\xA9\"");
+    EXPECT_EQ(tessactl::JsonText("a\xFF\"\n"), "\"a\xEF\xBF\xBD\\\"\\n\"");
 }
 
 TEST_F(Decoder, MissingArgumentsAreShownAsSuch) {
