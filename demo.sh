@@ -79,9 +79,13 @@ run stationmgr list
 : >"$WINEPREFIX/points"
 show_points
 
-heading "Installing and starting the service"
-run tessahost install
-run tessahost start
+heading "Installing the product, which starts the service"
+begin=$(date +%s%N)
+product_install build/release || fail "the installation failed: $WINEPREFIX/drive_c/install.log says why"
+echo "$(stat -c %s "$WINEPREFIX/drive_c/tessaplug.msi" | awk '{printf "%.1f MB", $1 / 1048576}'), made and installed in $(((\
+    $(date +%s%N) - begin) / 1000000)) ms:"
+ls "$(product_folder)" | grep -v winegap | sed 's/^/  /'
+run tessactl --version
 log="$WINEPREFIX/drive_c/ProgramData/Tessaplug/tessahost.log"
 echo "as the service reported it:"
 sed 's/^[^ ]* /  /' "$log" | tr -d '\r'
@@ -157,9 +161,11 @@ run tessactl dump history "$dump" | tee "$WINEPREFIX/history"
 grep -q 'thrown by' "$WINEPREFIX/history" || fail "the dump has no exceptions"
 echo "the trace of it:"
 run tessactl trace decode | awk '{ count[$4]++ } END { for (source in count) printf "  %4d messages of %s\n", count[source], source }' | sort -k3 -rn
-run tessactl dump list | tee "$WINEPREFIX/dumps"
+# The installer has started the service, and under Wine a service has the environment of who starts it.
+folder=${dump%\\*}
+run tessactl dump list --folder "$folder" | tee "$WINEPREFIX/dumps"
 grep -qF "${dump##*\\}" "$WINEPREFIX/dumps" || fail "the dump is not where it is looked for"
-run tessactl dump prune --keep 0
+run tessactl dump prune --keep 0 --folder "$folder"
 for number in $(seq 4 33); do
     run stationmgr remove "$number"
 done
@@ -185,7 +191,11 @@ grep -q '0x00000100  The adapter service plug-in has started' "$WINEPREFIX/log.t
     fail "the Application log does not tell of the start"
 
 heading "Removing it"
-run tessahost uninstall
+product_remove || fail "the removal failed: $WINEPREFIX/drive_c/remove.log says why"
+echo "what the installer says:"
+tr -d '\r' <"$WINEPREFIX/drive_c/remove.log" | grep -A1 '^Tessaplug: ' | grep -v '^Action\|^--'
+[ "$(ls "$(product_folder)" | grep -vc winegap)" -eq 0 ] || fail "files are left in $(product_folder)"
+(run tessahost status 2>&1 || true) | grep 'is not installed' || fail "the service is still there"
 run adapterctl uninstall
 
 heading "Everything happened as it should."

@@ -4,7 +4,8 @@
 usage: make_msi.py BIN_FOLDER VERSION OUTPUT.msi
 
 BIN_FOLDER holds the shipped binaries, signed already if they are to be, and the trace formats. The same files make the
-same installer, but for what wixl itself writes. What is wrong ends the program with a message, and no installer stays.
+same installer to the bit if SOURCE_DATE_EPOCH is set. What is wrong ends the program with a message, and no installer
+stays.
 """
 
 import hashlib
@@ -49,6 +50,8 @@ ACTIONS = (
 ORDER = {"InstallExecute": 6550, "RemoveExistingProducts": 6560, "RegisterUser": 6561, "RegisterProduct": 6562,
          "PublishFeatures": 6563, "PublishProduct": 6564, "RemoveEnvironmentStrings": 3300,
          "WriteEnvironmentStrings": 5200}
+FILETIME_PROPERTY = 64  # type of a summary's property
+
 MIGRATES_FEATURES, UP_TO_THIS_VERSION = 0x1, 0x200  # of a row of the table Upgrade
 
 PROPERTIES = ("SERVICESTART", "LOGFOLDER", "STARTSERVICE")  # that a user may give
@@ -197,6 +200,23 @@ def add_what_wixl_cannot(msi, programs, version, identity):
         "{" + guid(f"package {identity}") + "}", folder=msi.parent)
 
 
+def set_dates(msi, time):
+    """In place of the time at which it was made, which wixl writes into the summary twice as a FILETIME."""
+    content = msi.read_bytes()
+    dates = re.compile(re.escape(struct.pack("<L", FILETIME_PROPERTY)) + rb"(.{8})", re.S)
+    now = filetime(msi.stat().st_mtime)
+    written = {match.group(1) for match in dates.finditer(content)
+               if abs(struct.unpack("<Q", match.group(1))[0] - now) < filetime(60) - filetime(0)}
+    for date in written:
+        content = content.replace(date, struct.pack("<Q", filetime(time)))
+    msi.write_bytes(content)
+
+
+def filetime(seconds):
+    """100 ns since 1601, of seconds since 1970."""
+    return int((seconds + 11644473600) * 10_000_000)
+
+
 def make(programs, version, output):
     if not re.fullmatch(r"\d{1,2}\.\d{1,2}\.\d{1,2}", version):
         raise PackageError(f'"{version}" is no version: three numbers up to 99 are needed, such as 21.0.1')
@@ -214,9 +234,15 @@ def make(programs, version, output):
             digest.update(file.name.encode() + file.read_bytes())
         identity = digest.hexdigest()
         (tree / "tessaplug.wxs").write_text(wxs(files, version, identity), encoding="utf-8")
+        epoch = os.environ.get("SOURCE_DATE_EPOCH")
+        if epoch is not None:
+            for path in files:
+                os.utime(tree / path, (int(epoch), int(epoch)))
         msi = work / output.name
         run("wixl", "-a", "x64", "-o", msi, "tessaplug.wxs", folder=tree)
         add_what_wixl_cannot(msi, programs, version, identity)
+        if epoch is not None:
+            set_dates(msi, int(epoch))
         os.replace(msi, output)
 
 

@@ -2,9 +2,27 @@
 # the adapters installed. Sourced after machine.sh.
 #
 #   station_new BUILD_FOLDER
-#   run PROGRAM ARGUMENT...   runs a program of C:\tessaplug
+#   product_install BUILD_FOLDER   makes the installer and installs the product, as an operator does
+#   product_remove
+#   run PROGRAM ARGUMENT...   runs a program of the installed product, or else of C:\tessaplug
 
-run() { machine "C:\\tessaplug\\$1.exe" "${@:2}" | tr -d '\r'; }
+product_folder() { echo "$WINEPREFIX/drive_c/Program Files/Tessaplug"; }
+
+run() {
+    local folder='C:\tessaplug\'
+    [ ! -e "$(product_folder)/$1.exe" ] || folder='C:\Program Files\Tessaplug\'
+    machine "$folder$1.exe" "${@:2}" | tr -d '\r'
+}
+
+product_install() {
+    mkdir -p "$(product_folder)"
+    # What Wine lacks, beside the programs.
+    cp "$1"/bin/{winegap.dll,winegapbox.exe} "$(product_folder)"
+    installer/make_msi.py "$1/bin" "$(cat VERSION)" "$WINEPREFIX/drive_c/tessaplug.msi"
+    machine msiexec /i 'C:\tessaplug.msi' /qn /l 'C:\install.log'
+}
+
+product_remove() { machine msiexec /x 'C:\tessaplug.msi' /qn /l 'C:\remove.log'; }
 
 station_new() {
     local folder="$WINEPREFIX/drive_c/tessaplug" library="$WINEPREFIX/drive_c/korvane/bin"

@@ -467,6 +467,17 @@ class MakeMsi(unittest.TestCase):
         for version in ("21", "21.0", "21.0.0.0", "latest", "21.0.100", ""):
             self.assertIn("is no version", self.make(build / "bin", version))
 
+    def test_same_files_make_the_same_installer(self):
+        installers = []
+        for name in ("one", "two"):
+            output = WORK / f"{name}.msi"
+            subprocess.run([sys.executable, SOURCES / "installer" / "make_msi.py", build / "bin", "21.0.0", output],
+                           env={**os.environ, "SOURCE_DATE_EPOCH": "1700000000"}, check=True)
+            installers.append(output.read_bytes())
+            output.unlink()
+            time.sleep(2.1)  # the times of files in a cabinet are even seconds
+        self.assertEqual(installers[0], installers[1])
+
     def test_missing_file_is_named(self):
         self.assertIn("tessaplug.dll is missing", self.make(WORK, "21.0.0"))
 
