@@ -50,6 +50,8 @@ ACTIONS = (
 ORDER = {"InstallExecute": 6550, "RemoveExistingProducts": 6560, "RegisterUser": 6561, "RegisterProduct": 6562,
          "PublishFeatures": 6563, "PublishProduct": 6564, "RemoveEnvironmentStrings": 3300,
          "WriteEnvironmentStrings": 5200}
+# How a version resource begins; what follows is the structure's version and the two halves of the file's.
+VERSION_RESOURCE = "VS_VERSION_INFO".encode("utf-16-le") + bytes(4) + struct.pack("<L", 0xFEEF04BD)
 FILETIME_PROPERTY = 64  # type of a summary's property
 
 MIGRATES_FEATURES, UP_TO_THIS_VERSION = 0x1, 0x200  # of a row of the table Upgrade
@@ -152,10 +154,10 @@ class Table:
 def file_version(file):
     """The number in a binary's version resource, such as "21.0.0.0"."""
     content = file.read_bytes()
-    at = content.find(struct.pack("<L", 0xFEEF04BD))  # begins the resource's fixed part
+    at = content.find(VERSION_RESOURCE)
     if at < 0:
         raise PackageError(f"{file} has no version resource")
-    high, low = struct.unpack_from("<LL", content, at + 8)
+    high, low = struct.unpack_from("<LL", content, at + len(VERSION_RESOURCE) + 4)
     return f"{high >> 16}.{high & 0xffff}.{low >> 16}.{low & 0xffff}"
 
 

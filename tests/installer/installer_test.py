@@ -63,8 +63,8 @@ def msiexec(verb, target, *arguments):
 def version_set(file, patch):
     """Gives a binary's version resource another third number."""
     content = bytearray(file.read_bytes())
-    at = content.find(struct.pack("<L", 0xFEEF04BD))
-    struct.pack_into("<L", content, at + 12, patch << 16)
+    head = "VS_VERSION_INFO".encode("utf-16-le") + bytes(4) + struct.pack("<L", 0xFEEF04BD)
+    struct.pack_into("<L", content, content.index(head) + len(head) + 8, patch << 16)
     file.write_bytes(content)
 
 

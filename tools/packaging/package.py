@@ -103,7 +103,7 @@ def make(output, programs, version, date, signer, kit):
     if signer:
         for binary in product_binaries(programs):
             signer.sign(binary, "tessaplug", date)
-    msi = named(".msi")
+    msi = named("-x64.msi")
     run(sys.executable, MAKE_MSI, programs, version, msi)
     if signer:
         signer.sign(msi, f"tessaplug {version}", date)

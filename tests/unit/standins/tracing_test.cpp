@@ -19,8 +19,11 @@ test_support::CommandResult Decoded() {
 int DecodedLines() {
     const auto decoded = Decoded();
     if (decoded.exitCode != 0) return -1;
-    const auto lines = std::ranges::count(decoded.output, '\n');
-    return static_cast<int>(lines) - (decoded.output.find("tessactl: ") != std::string::npos ? 1 : 0);
+    int count = 0;
+    std::istringstream lines(decoded.output);
+    for (std::string line; std::getline(lines, line);)
+        count += line.starts_with("tessactl: ") ? 0 : 1;
+    return count;
 }
 
 }  // namespace
