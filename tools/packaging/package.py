@@ -104,7 +104,7 @@ def make(output, programs, version, date, signer, kit):
         for binary in product_binaries(programs):
             signer.sign(binary, "tessaplug", date)
     msi = named("-x64.msi")
-    run(sys.executable, MAKE_MSI, programs, version, msi)
+    run("env", f"SOURCE_DATE_EPOCH={date}", sys.executable, MAKE_MSI, programs, version, msi)
     if signer:
         signer.sign(msi, f"tessaplug {version}", date)
 
