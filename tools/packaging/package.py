@@ -26,7 +26,6 @@ from signing import Signer
 from sources import ROOT, Refused
 
 MAKE_MSI = ROOT / "installer" / "make_msi.py"
-INSTALLER_LIBRARY = "tessasetup.dll"  # called by the installer; a build may be without it
 
 
 def parse(arguments):
@@ -64,8 +63,7 @@ def check_build(programs, version):
 
 
 def product_binaries(programs):
-    names = [*check_binaries.SHIPPED, INSTALLER_LIBRARY]
-    return [programs / name for name in names if name != INSTALLER_LIBRARY or (programs / name).exists()]
+    return [programs / name for name in check_binaries.SHIPPED]
 
 
 def stand_in_entries(programs):
