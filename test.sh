@@ -21,10 +21,19 @@ check=$!
 echo "== Tests"
 machine_new "$PWD/build/machine-test"
 trap 'kill -- "-$check" 2>/dev/null || true; machine_end' EXIT
-failed=0
+failed=0 check_failed=0
+failed_tests=build/release/Testing/Temporary/LastTestsFailed.log
+rm -f "$failed_tests"
 ctest --preset release "$@" || failed=1
 
 echo "== Format and static analysis"
-wait "$check" || failed=1
+wait "$check" || check_failed=1
 cat build/check.log
-exit "$failed"
+
+# The tests wait for things of a real machine, and each has a time that it waits. One or two that were too slow beside all
+# else are run once more, alone; what fails then has failed, and so have more than that.
+if [ "$failed" -eq 1 ] && [ "$(wc -l <"$failed_tests")" -le 2 ]; then
+    echo "== Once more, on a quiet machine: $(cut -d: -f2 "$failed_tests" | paste -sd' ')"
+    ctest --preset release --rerun-failed && failed=0
+fi
+exit "$((failed | check_failed))"

@@ -23,7 +23,8 @@ WINDOWS_FOLDER = "C:\\Program Files\\Tessaplug\\"
 STATION = "C:\\tessaplug\\"
 LOCAL_MACHINE = ("SYSTEM\\CurrentControlSet\\Services", "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall",
                  "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Installer\\UserData",
-                 "SOFTWARE\\Classes\\Installer", "SYSTEM\\CurrentControlSet\\Control\\Session Manager")
+                 "SOFTWARE\\Classes\\Installer", "SYSTEM\\CurrentControlSet\\Control\\Session Manager",
+                 "SOFTWARE\\Tessaplug")
 # Exit codes of msiexec, of which Wine hands on the low byte.
 FATAL, UNKNOWN = 1603 & 0xFF, 1605 & 0xFF
 PROGRAMS = ("tessaplug.dll", "tessahost.exe", "tessactl.exe")
@@ -290,6 +291,20 @@ class Installer(unittest.TestCase):
         self.second.install()
         self.assertEqual(points("NX4120"), {"visible"})
 
+    def test_update_stays_in_the_folder_that_was_chosen(self):
+        other = DRIVE / "other place"
+        self.addCleanup(shutil.rmtree, other, ignore_errors=True)
+        self.assertEqual(self.first.install("INSTALLDIR=C:\\other place")[0], 0)
+        self.assertTrue((other / "tessaplug.dll").exists())
+        code, log = self.second.install()
+        self.assertEqual(code, 0, log)
+        self.assertEqual((other / "tessaplug.dll").read_bytes(), (self.second.files / "tessaplug.dll").read_bytes())
+        self.assertEqual(tree(FOLDER), WINE_GAP)
+        self.assertIn('"C:\\other place\\tessahost.exe" run', wine(
+            "reg", "query", "HKLM\\" + LOCAL_MACHINE[0] + "\\tessahost", "/v", "ImagePath")[1])
+        self.assertEqual(self.second.remove()[0], 0)
+        self.assertFalse(other.exists())
+
     def test_update_leaves_a_stopped_service_stopped(self):
         self.first.install()
         host("stop")
@@ -333,6 +348,7 @@ class Installer(unittest.TestCase):
         # Wine does not tell why a launch condition failed where nothing is shown.
         conditions = subprocess.run(["msiinfo", "export", self.first.file, "LaunchCondition"], capture_output=True, text=True)
         self.assertIn("NOT WIX_DOWNGRADE_DETECTED\tA newer version of Tessaplug is installed.", conditions.stdout)
+        self.assertIn("Privileged\tTessaplug is installed by an administrator", conditions.stdout)
         self.assertTrue(self.second.is_installed())
         self.assertEqual(state(), "RUNNING")
 

@@ -13,11 +13,14 @@ namespace {
 
 constexpr wchar_t kFolder[] = L"C:\\Program Files\\Tessaplug\\";
 
-host::InstalledService OwnService() {
+host::InstalledService OwnService(bool automaticStart = false, bool delayedStart = false) {
     host::InstalledService service;
     service.commandLine =
         L"\"C:\\PROGRAM FILES\\Tessaplug\\tessahost.exe\" run --stop-timeout 45 --log \"D:\\l\\h.log\"";
-    service.options = host::OptionsOf(service.commandLine);
+    host::Options options = host::OptionsOf(service.commandLine).value_or(host::Options());
+    options.automaticStart = automaticStart;
+    options.delayedStart = delayedStart;
+    service.options = options;
     return service;
 }
 
@@ -48,11 +51,9 @@ TEST(SetupPlan, NewServiceStartsWithTheMachineAndAtOnce) {
 }
 
 TEST(SetupPlan, InstalledServiceKeepsItsSettings) {
-    host::InstalledService service = OwnService();
-    service.options->delayedStart = service.options->automaticStart = true;
+    const host::InstalledService service = OwnService(true, true);
     const SetupPlan plan = MakePlan(kFolder, service, {});
-    ASSERT_TRUE(plan.previous);
-    EXPECT_EQ(plan.previous->commandLine, service.commandLine);
+    EXPECT_EQ(plan.previous.value_or(installer::ServiceSetUp()).commandLine, service.commandLine);
     const host::Options options = OptionsOf(plan.wanted);
     EXPECT_EQ(options.stopTimeOut, 45u);
     EXPECT_EQ(options.log, L"D:\\l\\h.log");
@@ -105,8 +106,7 @@ TEST(SetupPlan, ServiceOfAnotherProgramIsRefused) {
 }
 
 TEST(SetupPlan, IsReadBackAsItWas) {
-    host::InstalledService service = OwnService();
-    service.options->automaticStart = true;
+    host::InstalledService service = OwnService(true);
     service.isRunning = true;
     for (const auto& found : {std::optional<host::InstalledService>(), std::optional(service)}) {
         const SetupPlan plan = MakePlan(kFolder, found, {L"delayed", L"", L"0"});
@@ -117,11 +117,11 @@ TEST(SetupPlan, IsReadBackAsItWas) {
         EXPECT_EQ(read.wanted.commandLine, plan.wanted.commandLine);
         EXPECT_TRUE(read.wanted.automaticStart);
         EXPECT_TRUE(read.wanted.delayedStart);
-        ASSERT_EQ(read.previous.has_value(), plan.previous.has_value());
-        if (!read.previous) continue;
-        EXPECT_EQ(read.previous->commandLine, plan.previous->commandLine);
-        EXPECT_TRUE(read.previous->automaticStart);
-        EXPECT_FALSE(read.previous->delayedStart);
+        EXPECT_EQ(read.previous.has_value(), plan.previous.has_value());
+        const auto previous = read.previous.value_or(installer::ServiceSetUp());
+        EXPECT_EQ(previous.commandLine, found ? service.commandLine : L"");
+        EXPECT_EQ(previous.automaticStart, found.has_value());
+        EXPECT_FALSE(previous.delayedStart);
     }
 }
 
