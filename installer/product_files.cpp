@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -90,6 +91,10 @@ void CopyFileOver(const fs::path& from, const fs::path& to) {
     if (!::CopyFileW(from.c_str(), to.c_str(), FALSE)) Fail(L"Copying", from.native());
 }
 
+bool HasProduct(const fs::path& folder) {
+    return std::ranges::any_of(kHeldFiles, [&](const wchar_t* name) { return fs::exists(folder / name); });
+}
+
 void CopyProduct(const fs::path& from, const fs::path& to) {
     fs::create_directories(to);
     for (const wchar_t* name : kHeldFiles)
@@ -106,6 +111,7 @@ void CopyProduct(const fs::path& from, const fs::path& to) {
 
 void KeepFiles(const std::wstring& folder) {
     ForgetFiles(folder);
+    if (!HasProduct(folder)) return;
     try {
         CopyProduct(folder, CopiesOf(folder));
     } catch (...) {

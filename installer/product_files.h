@@ -6,8 +6,8 @@
 /// The product's files on the machine, beyond what the installer itself knows of them.
 namespace installer {
 
-/// Copies the product's files into a folder beside theirs, for RestoreFiles. Windows Installer takes back
-/// what it did with files by itself; this is for one that does not.
+/// Copies the product's files, if there are any, into a folder beside theirs, for RestoreFiles. Windows
+/// Installer takes back what it did with files by itself; this is for one that does not.
 /// @param folder the product's folder, with a backslash at its end
 /// @throws std::runtime_error with the reason; no copy stays then
 void KeepFiles(const std::wstring& folder);

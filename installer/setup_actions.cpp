@@ -178,7 +178,6 @@ using installer::SetupPlan;
 /// Looks at the machine, refuses what cannot go well, and makes the plan of everything that follows.
 extern "C" UINT WINAPI PrepareSetup(MSIHANDLE handle) {
     return Run(handle, [](Session& session) {
-        installer::RequireWindows();
         Service service(session);
         const auto found = service->Find(host::Options().name);
         if (!service.Complaints().empty()) service.Require(host::ExitCode::kFailed);
@@ -186,6 +185,7 @@ extern "C" UINT WINAPI PrepareSetup(MSIHANDLE handle) {
         const bool isRemoval = session.Property(L"REMOVE") == L"ALL";
         SetupPlan plan;
         if (isRemoval && installer::IsReplaced(session)) return;
+        if (!isRemoval) installer::RequireWindows();
         try {
             plan = installer::MakePlan(folder, found,
                                        {session.Property(L"SERVICESTART"), session.Property(L"LOGFOLDER"),
@@ -205,9 +205,8 @@ extern "C" UINT WINAPI PrepareSetup(MSIHANDLE handle) {
 /// Stops the service and makes its files free, before any of them is replaced or removed.
 extern "C" UINT WINAPI ReleaseProductFiles(MSIHANDLE handle) {
     return RunPlanned(handle, [](Session& session, const SetupPlan& plan) {
-        if (!plan.previous) return;
         Service service(session);
-        service.Stop(OptionsOf(*plan.previous));
+        if (plan.previous) service.Stop(OptionsOf(*plan.previous));
         installer::KeepFiles(plan.folder);
         installer::ReleaseFiles(plan.folder);
     });
@@ -216,8 +215,8 @@ extern "C" UINT WINAPI ReleaseProductFiles(MSIHANDLE handle) {
 /// Takes ReleaseProductFiles back, when everything else has been.
 extern "C" UINT WINAPI PutProductBack(MSIHANDLE handle) {
     return RunPlanned(handle, [](Session& session, const SetupPlan& plan) {
-        if (!plan.previous) return;
         installer::RestoreFiles(plan.folder);
+        if (!plan.previous) return;
         Service service(session);
         const host::Options options = OptionsOf(*plan.previous);
         if (service->Find(options.name))

@@ -458,6 +458,14 @@ class Installer(unittest.TestCase):
         finally:
             library.with_suffix(".away").rename(library)
 
+    def test_service_that_was_removed_by_hand_comes_back_with_the_update(self):
+        self.first.install()
+        self.assertEqual(host("uninstall")[0], 0)
+        code, log = self.second.install()
+        self.assertEqual(code, 0, log)
+        self.assertTrue(self.second.is_installed())
+        self.assertEqual(state(), "RUNNING")
+
     def test_damaged_installer_is_refused(self):
         damaged = DRIVE / "damaged.msi"
         self.addCleanup(damaged.unlink)

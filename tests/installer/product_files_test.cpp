@@ -59,6 +59,12 @@ TEST_F(ProductFiles, AreCopiedAndPutBack) {
     EXPECT_FALSE(fs::exists(copies_));
 }
 
+TEST_F(ProductFiles, ThatAreNotThereAreNotCopied) {
+    fs::remove_all(root_);
+    installer::KeepFiles(folder_);
+    EXPECT_FALSE(fs::exists(root_));
+}
+
 TEST_F(ProductFiles, ThatWereNeverCopiedAreNotPutBack) {
     installer::RestoreFiles(folder_);
     EXPECT_EQ(Read(folder_ + L"tessaplug.dll"), "old");
