@@ -1,6 +1,8 @@
 #include "service_report.h"
 
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
 
 #include "status_log.h"
 #include "toolbox.h"
@@ -11,7 +13,7 @@ namespace {
 constexpr DWORD kSecond = 1000;
 constexpr wchar_t kUnknown[] = L"not told by this system";
 
-const wchar_t* StartTypeName(const ServiceSettings& settings) {
+std::optional<std::wstring> StartTypeName(const ServiceSettings& settings) {
     switch (settings.startType.value_or(SERVICE_NO_CHANGE)) {
         case SERVICE_AUTO_START:
             return settings.delayedStart.value_or(false) ? L"automatic (delayed)" : L"automatic";
@@ -20,7 +22,7 @@ const wchar_t* StartTypeName(const ServiceSettings& settings) {
         case SERVICE_DISABLED:
             return L"disabled";
         default:
-            return kUnknown;
+            return std::nullopt;
     }
 }
 
@@ -89,13 +91,14 @@ std::wstring PreshutdownText(const ServiceSettings& settings) {
 std::string StatusAsJson(const std::wstring& name, const SERVICE_STATUS_PROCESS& status,
                          const ServiceSettings& settings) {
     const Json json = {
+        {"schema", 1},
         {"name", JsonOf(name)},
         {"state", JsonOf(std::wstring(StateName(status.dwCurrentState)))},
         {"processId", JsonOf(status.dwProcessId)},
         {"exitCode", JsonOf(status.dwWin32ExitCode)},
         {"serviceExitCode", JsonOf(status.dwServiceSpecificExitCode)},
         {"checkPoint", JsonOf(status.dwCheckPoint)},
-        {"startType", settings.startType ? JsonOf(std::wstring(StartTypeName(settings))) : nullptr},
+        {"startType", JsonOf(StartTypeName(settings))},
         {"dependencies", JsonOf(settings.dependencies)},
         {"restartAfterSeconds", JsonOf(InSeconds(settings.restartsAfter))},
         {"restartResetSeconds", JsonOf(settings.resetPeriod)},
@@ -116,7 +119,7 @@ std::wstring StatusAsText(const std::wstring& name, const SERVICE_STATUS_PROCESS
         {L"process    ", std::to_wstring(status.dwProcessId)},
         {L"exit code  ", std::to_wstring(status.dwWin32ExitCode) + L" (its own: " +
                              std::to_wstring(status.dwServiceSpecificExitCode) + L")"},
-        {L"start      ", StartTypeName(settings)},
+        {L"start      ", StartTypeName(settings).value_or(kUnknown)},
         {L"depends on ", settings.dependencies ? Joined(*settings.dependencies) : kUnknown},
         {L"restart    ", RestartText(settings)},
         {L"  on error ", RestartOnErrorText(settings)},

@@ -376,11 +376,12 @@ TEST_F(Doctor, ConfigurationLibraryThatHangsHoldsItNoLongerThanTheTimeout) {
     const CommandResult doctor = Tool(L"doctor --timeout 1 --json");
     EXPECT_LT(::GetTickCount64() - start, 20000u);
     EXPECT_EQ(doctor.exitCode, 3u);
-    EXPECT_TRUE(Contains(doctor, R"j({"what":"configuration library loadable","ok":false,"state":"problem",)j"
-                                 R"j("found":"no answer within 1 seconds",)j"))
+    EXPECT_TRUE(Contains(
+        doctor, R"j({"schema":1,"what":"configuration library loadable","ok":false,"state":"problem",)j"
+                R"j("found":"no answer within 1 seconds",)j"))
         << doctor.output;
-    EXPECT_TRUE(
-        Contains(doctor, R"j({"what":"NX4120: adapter present and active","ok":true,"state":"ok",)j"));
+    EXPECT_TRUE(Contains(
+        doctor, R"j({"schema":1,"what":"NX4120: adapter present and active","ok":true,"state":"ok",)j"));
     EXPECT_FALSE(Contains(doctor, "access points visible")) << "it cannot know\n" << doctor.output;
     EXPECT_FALSE(ProcessRuns(L"tessactl.exe"));
 }
@@ -474,8 +475,9 @@ TEST_F(DoctorOfBuilds, PlugInThatWasReplacedWithoutARestartIsAProblemUntilIt) {
     EXPECT_NE(finding.find(" runs; its file is " TESSA_VERSION_TEXT ", commit "), std::string::npos)
         << finding;
     EXPECT_NE(finding.find("-> restart the service: "), std::string::npos) << finding;
-    EXPECT_TRUE(Contains(Tool(L"doctor --json"),
-                         R"j({"what":"build of the plug-in","ok":false,"state":"problem","found":"V)j"));
+    EXPECT_TRUE(
+        Contains(Tool(L"doctor --json"),
+                 R"j({"schema":1,"what":"build of the plug-in","ok":false,"state":"problem","found":"V)j"));
     EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
     StartService();
     const CommandResult restarted = Tool(L"doctor");
@@ -531,11 +533,13 @@ TEST_F(Doctor, JsonTellsNotesFromProblems) {
     StartService();
     const CommandResult doctor = Tool(L"doctor --json");
     EXPECT_EQ(doctor.exitCode, 0u) << doctor.output;
-    EXPECT_TRUE(Contains(doctor, R"j({"what":"NX4120: adapter present and active","ok":true,"state":"note",)j"
-                                 R"j("found":"none",)j"))
+    EXPECT_TRUE(Contains(
+        doctor, R"j({"schema":1,"what":"NX4120: adapter present and active","ok":true,"state":"note",)j"
+                R"j("found":"none",)j"))
         << doctor.output;
-    EXPECT_TRUE(Contains(doctor, R"j({"what":"service running","ok":true,"state":"ok","found":"running",)j"
-                                 R"j("advice":""})j"))
+    EXPECT_TRUE(Contains(doctor,
+                         R"j({"schema":1,"what":"service running","ok":true,"state":"ok","found":"running",)j"
+                         R"j("advice":""})j"))
         << doctor.output;
     const CommandResult named = Tool(L"doctor --json --service \"a\\\"b\\c\u00fc\"");
     EXPECT_TRUE(Contains(named, "\"found\":\"\\\"a\\\"b\\\\c\u00fc\\\" cannot be opened")) << named.output;

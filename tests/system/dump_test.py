@@ -3,7 +3,6 @@
 operator's tool from the file alone. Arguments: the emulator, the folder of the programs, and the header that tells
 their build."""
 
-import json
 import os
 import pathlib
 import re
@@ -18,10 +17,12 @@ import unittest
 emulator, programs, header = sys.argv[1:4]
 programs_folder = pathlib.Path(programs)
 packaging = pathlib.Path(__file__).resolve().parents[2] / "tools" / "packaging"
-sys.path[:0] = [str(packaging), str(packaging.parents[1] / "scripts")]
+sources = packaging.parents[1]
+sys.path[:0] = [str(packaging), str(sources / "scripts"), str(sources / "tests" / "support")]
 
 import archive
 import symbol_store
+from json_forms import check
 
 
 def run(program, *arguments):
@@ -89,7 +90,7 @@ class Dump(unittest.TestCase):
         self.assertEqual(code, 0, output)
         self.assertEqual(re.findall(r"exception number (\d)$", output, re.M), ["3", "4", "5", "6", "7"])
         code, output = run("tessactl.exe", "dump", "history", self.path, "--json")
-        records = json.loads(output)
+        records = check("exceptions", output)
         self.assertEqual([record["what"] for record in records], [f"exception number {i}" for i in range(3, 8)])
         self.assertEqual(records[0]["file"], "asserts_and_dumps")
         self.assertEqual(records[0]["module"], "asserts_and_dumps.exe")
@@ -100,7 +101,7 @@ class Dump(unittest.TestCase):
         self.assertEqual(code, 0, output)
         self.assertRegex(output, r"exception  0xC0000005 access violation at asserts_and_dumps\.exe\+0x")
         code, output = run("tessactl.exe", "dump", "info", self.path, "--json")
-        info = json.loads(output)
+        info = check("dump_info", output)
         threads = re.findall(r"thread #\d+", self.debugger("thread list"))
         self.assertGreaterEqual(len(threads), 2)
         self.assertEqual(info["threads"], len(threads))
@@ -112,7 +113,7 @@ class Dump(unittest.TestCase):
         self.assertIn(f"build      asserts_and_dumps.exe: {version}, commit {commit} of {date}\n", output)
         self.assertEqual(output.count("build  "), 1, output)
         code, output = run("tessactl.exe", "dump", "info", self.path, "--json")
-        self.assertEqual(json.loads(output)["builds"], [{"module": "asserts_and_dumps.exe", "version": version,
+        self.assertEqual(check("dump_info", output)["builds"], [{"module": "asserts_and_dumps.exe", "version": version,
                                                          "commit": commit, "date": date, "error": ""}])
 
     def test_info_warns_of_what_a_dump_holds(self):
@@ -204,7 +205,7 @@ class Dump(unittest.TestCase):
         self.assertEqual(re.findall(r"dll_20260101-0000(\d\d)\.dmp      0\.0 MB  (\d+ days?) old", output),
                          [("01", "1 day"), ("07", "7 days"), ("30", "30 days")], output)
         code, output = run("tessactl.exe", "dump", "list", "--json", "--folder", folder)
-        first = json.loads(output)[0]
+        first = check("dump_list", output)[0]
         self.assertEqual(first["file"], folder + "\\tessaplug.dll_20260101-000001.dmp")
         self.assertEqual(first["bytes"], 8192)
         self.assertAlmostEqual(first["ageSeconds"], 24 * 3600, delta=600)

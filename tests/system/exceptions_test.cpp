@@ -46,7 +46,8 @@ TEST_F(Exceptions, OfTheRunningServiceArePrinted) {
     EXPECT_TRUE(Contains(printed, " in tessaplug_orvix(")) << printed.output;
     const CommandResult json = Tool(L"exceptions --json --service tessahost --plugin TESSAPLUG.DLL");
     EXPECT_EQ(json.exitCode, 0u) << json.output;
-    EXPECT_TRUE(json.output.starts_with("[{\"module\":\"tessaplug.dll\",\"time\":\"")) << json.output;
+    EXPECT_TRUE(json.output.starts_with("[{\"schema\":1,\"module\":\"tessaplug.dll\",\"time\":\""))
+        << json.output;
     EXPECT_TRUE(Contains(json, "\"file\":\"tessaplug_orvix\",\"function\":\"quelm::TvorPanel::"))
         << json.output;
     const CommandResult doctor = Tool(L"doctor");

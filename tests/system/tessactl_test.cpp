@@ -71,7 +71,7 @@ TEST_F(Tessactl, StatusTellsWhatIsNotInstalledAndWhatIsMissing) {
     EXPECT_TRUE(
         Contains(status, R"j({"name":"NX4120(XLI)","installed":true,"exists":false,"hidden":false})j"))
         << status.output;
-    EXPECT_TRUE(Contains(status, R"j({"plugInRuns":false,)j"));
+    EXPECT_TRUE(Contains(status, R"j({"schema":1,"plugInRuns":false,)j"));
 }
 
 TEST_F(Tessactl, ShowsAndHidesOneAccessPoint) {
@@ -80,7 +80,8 @@ TEST_F(Tessactl, ShowsAndHidesOneAccessPoint) {
     EXPECT_EQ(State(L"NX4120.AUTO.1"), L"hidden");
     EXPECT_EQ(Tool(L"hide NX4120(XLI)").output, "NX4120(XLI) is hidden now.\n");
     EXPECT_EQ(State(L"NX4120.XLI.1"), L"hidden");
-    EXPECT_EQ(Tool(L"show NX4120(XLI) --json").output, "{\"name\":\"NX4120(XLI)\",\"hidden\":false}\n");
+    EXPECT_EQ(Tool(L"show NX4120(XLI) --json").output,
+              "{\"schema\":1,\"name\":\"NX4120(XLI)\",\"hidden\":false}\n");
 }
 
 TEST_F(Tessactl, RefusesAccessPointsThatAreNotThere) {
@@ -184,7 +185,7 @@ TEST_F(Tessactl, WorksWithoutTheService) {
 
 TEST_F(Tessactl, RecordingThatRunsIsToldWithItsLimitWhoeverStartedIt) {
     EXPECT_EQ(Tool(L"trace status").output, "No recording is running.\n");
-    EXPECT_EQ(Tool(L"trace status --json").output, "{\"running\":false}\n");
+    EXPECT_EQ(Tool(L"trace status --json").output, "{\"schema\":1,\"running\":false}\n");
     EXPECT_EQ(Tool(L"trace start --size 3 --circular --file " + kFile).exitCode, 0u);
     const CommandResult circular = Tool(L"trace status");
     EXPECT_TRUE(Contains(circular, "recording into   " + NarrowFile())) << circular.output;

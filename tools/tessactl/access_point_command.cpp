@@ -49,7 +49,7 @@ ExitCode SetHidden(const Options& options, bool hidden) {
         return ExitCode::kNoRights;
     }
     if (options.json)
-        std::printf("%s\n", JsonText({{"name", shown}, {"hidden", hidden}}).c_str());
+        std::printf("%s\n", JsonText({{"schema", 1}, {"name", shown}, {"hidden", hidden}}).c_str());
     else
         std::printf("%s is %s now.\n", shown.c_str(), hidden ? "hidden" : "visible");
     return ExitCode::kSuccess;

@@ -81,7 +81,8 @@ ExitCode Info(const DumpFile& dump, bool json) {
     char code[16] = "";
     if (exception) std::snprintf(code, sizeof code, "0x%08lX", exception->code);
     if (json) {
-        Json object = {{"bytes", dump.Size()},
+        Json object = {{"schema", 1},
+                       {"bytes", dump.Size()},
                        {"threads", dump.ThreadCount()},
                        {"modules", dump.Modules().size()},
                        {"builds", JsonOfBuilds(BuildsIn(dump))}};

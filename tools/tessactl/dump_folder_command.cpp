@@ -29,7 +29,8 @@ std::string Line(const StoredDump& dump, ULONG64 now) {
 }
 
 Json JsonOf(const StoredDump& dump, ULONG64 now) {
-    return {{"file", Utf8(dump.Path())},
+    return {{"schema", 1},
+            {"file", Utf8(dump.Path())},
             {"bytes", dump.bytes},
             {"written", WrittenAt(dump)},
             {"ageSeconds", now > dump.writtenAt ? (now - dump.writtenAt) / 10'000'000 : 0}};

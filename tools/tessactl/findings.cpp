@@ -57,7 +57,8 @@ void Findings::Print() const {
 std::string Findings::Json() const {
     auto elements = tessactl::Json::array();
     for (const Finding& finding : all_)
-        elements.push_back({{"what", finding.what},
+        elements.push_back({{"schema", 1},
+                            {"what", finding.what},
                             {"ok", finding.state != Finding::State::kProblem},
                             {"state", NameOf(finding.state)},
                             {"found", finding.found},

@@ -17,7 +17,8 @@ std::string Text(const char (&field)[N]) {
 }  // namespace
 
 Json JsonOf(const std::wstring& module, const modul_exception::ExceptionRecord& record) {
-    return {{"module", Utf8(module.substr(module.rfind(L'\\') + 1))},
+    return {{"schema", 1},
+            {"module", Utf8(module.substr(module.rfind(L'\\') + 1))},
             {"time", Text(record.timeStamp)},
             {"thread", record.threadId},
             {"processor", record.processorNumber},

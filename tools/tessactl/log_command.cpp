@@ -14,7 +14,8 @@ namespace tessactl {
 namespace {
 
 Json JsonOf(const LogEntry& entry, const std::wstring& sentence) {
-    return {{"time", LocalTimeText(entry.time)},
+    return {{"schema", 1},
+            {"time", LocalTimeText(entry.time)},
             {"type", TypeName(entry.type)},
             {"id", entry.eventId},
             {"text", Utf8(sentence)}};

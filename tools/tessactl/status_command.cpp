@@ -32,7 +32,8 @@ Json JsonOf(const StationState& state) {
                           {"devicesError", model.devicesError},
                           {"accessPoints", points}});
     }
-    return {{"plugInRuns", state.plugInRuns},
+    return {{"schema", 1},
+            {"plugInRuns", state.plugInRuns},
             {"interprocess", objects},
             {"library", Utf8(state.libraryPath)},
             {"libraryOrigin", state.libraryIsRegistered ? "registry" : "default folder"},

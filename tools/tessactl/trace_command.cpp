@@ -81,7 +81,7 @@ ExitCode Stop() {
 ExitCode RecordingStatus(bool json) {
     const auto running = RunningRecording();
     if (json) {
-        Json object = {{"running", running.has_value()}};
+        Json object = {{"schema", 1}, {"running", running.has_value()}};
         if (running)
             object.update({{"file", Utf8(running->file)},
                            {"circular", running->isCircular},

@@ -35,10 +35,12 @@ class Printer {
         std::snprintf(time, sizeof time, "%02d:%02d:%02d.%03d", now.wHour, now.wMinute, now.wSecond,
                       now.wMilliseconds);
         if (json_)
-            std::printf(
-                "%s\n",
-                JsonText({{"time", time}, {"event", event}, {"what", Utf8(what)}, {"text", Utf8(text)}})
-                    .c_str());
+            std::printf("%s\n", JsonText({{"schema", 1},
+                                          {"time", time},
+                                          {"event", event},
+                                          {"what", Utf8(what)},
+                                          {"text", Utf8(text)}})
+                                    .c_str());
         else
             std::printf("%s  %-12s  %-28s  %s\n", time, event, Utf8(what).c_str(), Utf8(text).c_str());
         std::fflush(stdout);

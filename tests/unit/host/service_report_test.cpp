@@ -38,7 +38,7 @@ ServiceSettings Complete() {
 
 TEST(StatusAsJson, HoldsStateAndSettings) {
     const std::string expected =
-        R"j({"name":"n","state":"STOPPED","processId":4,"exitCode":1066,"serviceExitCode":2,)j"
+        R"j({"schema":1,"name":"n","state":"STOPPED","processId":4,"exitCode":1066,"serviceExitCode":2,)j"
         R"j("checkPoint":3,"startType":"automatic (delayed)","dependencies":["EventLog","RpcSs"],)j"
         R"j("restartAfterSeconds":[5,30],"restartResetSeconds":86400,"restartOnError":false,)j"
         R"j("preshutdownSeconds":70,"description":"It \"runs\"",)j"
@@ -48,16 +48,24 @@ TEST(StatusAsJson, HoldsStateAndSettings) {
 
 TEST(StatusAsJson, WhatIsNotToldIsNull) {
     const std::string expected =
-        R"j({"name":"n","state":"UNKNOWN","processId":0,"exitCode":0,"serviceExitCode":0,)j"
+        R"j({"schema":1,"name":"n","state":"UNKNOWN","processId":0,"exitCode":0,"serviceExitCode":0,)j"
         R"j("checkPoint":0,"startType":null,"dependencies":null,"restartAfterSeconds":null,)j"
         R"j("restartResetSeconds":null,"restartOnError":null,"preshutdownSeconds":null,)j"
         R"j("description":null,"commandLine":null})j";
     EXPECT_EQ(StatusAsJson(L"n", {}, {}), expected);
 }
 
+TEST(StatusAsJson, StartTypeOfADriverIsNotTold) {
+    ServiceSettings settings;
+    settings.startType = SERVICE_BOOT_START;
+    EXPECT_NE(StatusAsJson(L"n", {}, settings).find("\"startType\":null,"), std::string::npos);
+    EXPECT_NE(StatusAsText(L"n", {}, settings).find(L"start      not told by this system\n"),
+              std::wstring::npos);
+}
+
 TEST(StatusAsJson, NameIsEscapedAndUtf8) {
     const std::string json = StatusAsJson(L"\"\\\n\x65E5", {}, {});
-    EXPECT_TRUE(json.starts_with("{\"name\":\"\\\"\\\\\\n\xE6\x97\xA5\",")) << json;
+    EXPECT_TRUE(json.starts_with("{\"schema\":1,\"name\":\"\\\"\\\\\\n\xE6\x97\xA5\",")) << json;
 }
 
 TEST(StatusAsText, IsALineForEach) {

@@ -33,7 +33,7 @@ std::string Told(const StationBuilds& builds, const std::string& what) {
     Findings findings;
     TellBuilds(findings, builds);
     const std::string json = findings.Json();
-    const std::size_t at = json.find("{\"what\":\"build of " + what + "\"");
+    const std::size_t at = json.find("\"what\":\"build of " + what + "\"");
     if (at == std::string::npos) return "";
     const auto member = [&](const std::string& name) {
         const std::string head = "\"" + name + "\":\"";
