@@ -17,12 +17,6 @@ std::string FullName(const ProgramParts& program, const CLI::App& app) {
     return program.app.get_name() + (name.empty() ? "" : " " + name);
 }
 
-/// What stands in a list of commands.
-std::string Summary(const CLI::App& app) {
-    const std::string about = app.get_description();
-    return about.substr(0, about.find('\n'));
-}
-
 std::string Sentence(std::string text) {
     text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
     return text.ends_with('.') ? text : text + ".";
@@ -73,10 +67,6 @@ std::string Form(const CLI::Option& option) {
         names += (names.empty() ? "--" : ", --") + name;
     const bool hasValue = option.get_expected_max() > 0;
     return hasValue ? names + " " + option.get_type_name() : names;
-}
-
-std::vector<const CLI::Option*> VisibleOptions(const CLI::App& app) {
-    return app.get_options([](const CLI::Option* option) { return !IsHidden(*option); });
 }
 
 /// How a command is called, "tessactl show NAME [--json]", on as many lines as it takes.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "completion.h"
 #include "help.h"
 #include "nearest.h"
 #include "program_parts.h"
@@ -284,14 +285,16 @@ Command& Command::Number(const char* name, unsigned long& value, unsigned long l
 Command& Command::Choice(const char* name, std::wstring& value, const std::vector<std::string>& words,
                          const char* about) {
     const std::string listed = Listed(words);
-    AddOption(parts_, name, "WORD",
-              std::string(about) + ": " + listed + ", " + Narrow(value) + " unless told otherwise",
-              [=, &value](const Values& given) {
-                  const std::string word = OnlyValue(name, given);
-                  if (std::ranges::find(words, word) == words.end())
-                      throw UsageError(std::string("the value of ") + name + " is " + listed);
-                  value = Wide(word);
-              });
+    const CLI::Option& option =
+        AddOption(parts_, name, "WORD",
+                  std::string(about) + ": " + listed + ", " + Narrow(value) + " unless told otherwise",
+                  [=, &value](const Values& given) {
+                      const std::string word = OnlyValue(name, given);
+                      if (std::ranges::find(words, word) == words.end())
+                          throw UsageError(std::string("the value of ") + name + " is " + listed);
+                      value = Wide(word);
+                  });
+    parts_.choices.emplace_back(&option, words);
     return *this;
 }
 
@@ -333,6 +336,10 @@ Program::Program(const char* name, const char* about, std::span<const ExitCodeMe
     Add("help", "prints the help of the program or of a command")
         .Operands("COMMAND", parts_->helpWords, "the command, also of two words")
         .Runs([this] { return PrintHelp(*parts_); });
+    Add("completion", "prints a script by which PowerShell completes commands and options").Runs([this] {
+        Print(CompletionScript(*parts_));
+        return 0;
+    });
     // For scripts/commands.sh.
     Add("manual", "prints the help of all commands in Markdown").Hide().Runs([this] {
         Print(Manual(*parts_));

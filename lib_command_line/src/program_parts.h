@@ -18,6 +18,7 @@ struct CommandParts {
 
     CLI::App* app = nullptr;
     std::vector<std::pair<const CLI::Option*, Taker>> takers;
+    std::vector<std::pair<const CLI::Option*, std::vector<std::string>>> choices;  ///< words they take
     std::function<int()> action;
 };
 
@@ -48,6 +49,17 @@ inline bool IsHidden(const CLI::Option& option) {
 /// The commands of a program, or of a family, that everybody may know of.
 inline std::vector<const CLI::App*> VisibleCommands(const CLI::App& app) {
     return app.get_subcommands([](const CLI::App* command) { return !IsHidden(*command); });
+}
+
+/// The options and operands that everybody may know of.
+inline std::vector<const CLI::Option*> VisibleOptions(const CLI::App& app) {
+    return app.get_options([](const CLI::Option* option) { return !IsHidden(*option); });
+}
+
+/// What stands in a list of commands.
+inline std::string Summary(const CLI::App& app) {
+    const std::string about = app.get_description();
+    return about.substr(0, about.find('\n'));
 }
 
 }  // namespace command_line

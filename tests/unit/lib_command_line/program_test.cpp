@@ -35,7 +35,7 @@ class Tool : public testing::Test {
         paint.Texts("--with", with_, "TOOL", "what with");
         paint.Number("--coats", coats_, 1, 9, "NUMBER", "how many coats");
         paint.Choice("--finish", finish_, {"dull", "silk", "gloss"}, "what it looks like");
-        paint.Switch("--dry", dry_, "waits until it is dry");
+        paint.Switch("--dry", dry_, "waits until it's dry");
         paint.Runs([this] { return Called("paint"); });
         program_.Add("look", "looks").OptionalOperand("THING", thing_, "what at").Runs([this] {
             return Called("look");
@@ -198,6 +198,7 @@ TEST_F(Tool, HelpListsWhatIsThereForPeople) {
         "tool: paints walls\n"
         "\n"
         "  help        prints the help of the program or of a command\n"
+        "  completion  prints a script by which PowerShell completes commands and options\n"
         "  paint       paints a thing\n"
         "  look        looks\n"
         "  wall build  builds one\n"
@@ -230,7 +231,7 @@ TEST_F(Tool, HelpOfACommandTellsItsOptionsWithRangesAndDefaults) {
         "  --with TOOL      what with\n"
         "  --coats NUMBER   how many coats: 1 to 9, 2 unless told otherwise\n"
         "  --finish WORD    what it looks like: dull, silk or gloss, silk unless told otherwise\n"
-        "  --dry            waits until it is dry\n"
+        "  --dry            waits until it's dry\n"
         "\n"
         "Exit codes:\n"
         "  0  done\n"
@@ -277,4 +278,53 @@ TEST_F(Tool, ManualHoldsEveryCommandAndWhatToDoForEachExitCode) {
               std::string::npos);
     EXPECT_TRUE(manual.ends_with("| 2 | not understood | read the help |\n"));
     EXPECT_EQ(manual.find("secret"), std::string::npos);
+}
+
+TEST_F(Tool, CompletionOffersCommandsOptionsAndWords) {
+    const Result result = Run({L"completion"});
+    EXPECT_EQ(result.exitCode, 0);
+    for (const auto* table : {R"(
+        '' = [ordered]@{
+            'help' = 'prints the help of the program or of a command'
+            'completion' = 'prints a script by which PowerShell completes commands and options'
+            'paint' = 'paints a thing'
+            'look' = 'looks'
+            'wall' = 'walls'
+            '--help' = 'prints this help'
+            '--version' = 'prints version, commit and date of the build'
+        }
+)",
+                              R"(
+        'paint' = [ordered]@{
+            '--help' = 'prints this help'
+            '--colour' = 'its colour'
+            '--with' = 'what with'
+            '--coats' = 'how many coats: 1 to 9, 2 unless told otherwise'
+            '--finish' = 'what it looks like: dull, silk or gloss, silk unless told otherwise'
+            '--dry' = 'waits until it''s dry'
+        }
+        'paint --colour' = [ordered]@{
+        }
+)",
+                              R"(
+        'paint --finish' = [ordered]@{
+            'dull' = 'dull'
+            'silk' = 'silk'
+            'gloss' = 'gloss'
+        }
+)",
+                              R"(
+        'wall' = [ordered]@{
+            'build' = 'builds one'
+            'break' = 'breaks one'
+            '--help' = 'prints this help'
+        }
+        'wall build' = [ordered]@{
+            '--help' = 'prints this help'
+        }
+)"})
+        EXPECT_NE(result.output.find(table), std::string::npos) << table << result.output;
+    EXPECT_TRUE(result.output.starts_with("# Has PowerShell complete tool's ")) << result.output;
+    for (const auto* absent : {"secret", "manual", "'help' = [", "'paint --dry'", "THING"})
+        EXPECT_EQ(result.output.find(absent), std::string::npos) << absent;
 }

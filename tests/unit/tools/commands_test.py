@@ -4,6 +4,7 @@ the emulator, the folder of the programs, the script that prints the document, a
 
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import unittest
@@ -24,6 +25,65 @@ class Document(unittest.TestCase):
         self.maxDiff = None
         self.assertEqual(pathlib.Path(document).read_text(), told,
                          "run scripts/commands.sh >docs/commands.md")
+
+
+class Completion(unittest.TestCase):
+    """The script's structure; there is no PowerShell here that would run it."""
+
+    def tables(self, script):
+        """What is offered, by the words behind which it is."""
+        self.assertEqual(re.findall(r"[^ -~\n]", script), [], "PowerShell takes other characters in its own code page")
+        lines = iter(script.splitlines())
+        tables = {}
+        literal = "'((?:[^']|'')*)'"
+        for line in lines:
+            if not (head := re.fullmatch(rf" {{8}}{literal} = \[ordered\]@{{", line)):
+                continue
+            self.assertNotIn(head.group(1), tables)
+            tables[head.group(1)] = offered = {}
+            while (line := next(lines)) != " " * 8 + "}":
+                text, about = re.fullmatch(rf" {{12}}{literal} = {literal}", line).groups()
+                self.assertNotIn(text, offered)
+                self.assertTrue(about, "PowerShell refuses an empty one")
+                offered[text] = about
+        for keys in tables, *tables.values():
+            self.assertEqual(len({key.lower() for key in keys}), len(keys), "PowerShell refuses a key in both cases")
+        return tables
+
+    def manual(self, text):
+        """The same, as the document tells it."""
+        tables = {"": {"--help", "--version"}}
+        for command, chapter in re.findall(r"^### tessa\w+ (.*?)\n(.*?)(?=^##)", text, re.M | re.S):
+            *family, word = command.split(" ")
+            for above in family:
+                tables[""].add(above)
+                tables.setdefault(above, {"--help"}).add(word)
+            if not family:
+                tables[""].add(word)
+            options = re.findall(r"^\| `(--[\w-]+)( \w+)?` \| (.*) \|$", chapter, re.M)
+            if command == "help":
+                continue
+            tables[command] = {"--help"} | {name for name, _, _ in options}
+            for name, value, about in options:
+                if value:
+                    words = re.search(r": ((?:\w+, )*\w+ or \w+), ", about) if value == " WORD" else None
+                    tables[f"{command} {name}"] = set(re.split(", | or ", words.group(1))) if words else set()
+        return tables
+
+    def test_offers_what_the_document_tells_and_nothing_else(self):
+        chapters = re.split(r"^## (tessa\w+)\n", pathlib.Path(document).read_text(), flags=re.M)[1:]
+        self.assertEqual(chapters[::2], ["tessahost", "tessactl"])
+        for program, text in zip(chapters[::2], chapters[1::2]):
+            done = subprocess.run([emulator, os.path.join(programs, program + ".exe"), "completion"],
+                                  stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True, timeout=60)
+            script = done.stdout
+            self.assertIn(f"\nRegister-ArgumentCompleter -Native -CommandName '{program}' -ScriptBlock {{\n", script)
+            tables = self.tables(script)
+            self.assertEqual({behind: set(offered) for behind, offered in tables.items()}, self.manual(text))
+            bare = re.sub("'(?:[^']|'')*'", "", re.sub("^#.*", "", script, flags=re.M))
+            for opening, closing in "{}", "()", "[]":
+                self.assertEqual(bare.count(opening), bare.count(closing), opening)
+            self.assertNotIn("'", bare)
 
 
 class Output(unittest.TestCase):
