@@ -39,6 +39,9 @@ void AddDump(command_line::Program& program);
 /// Recordings of the plug-in's trace.
 void AddTrace(command_line::Program& program);
 
+/// The station's numbers, for a monitoring system.
+void AddMetrics(command_line::Program& program);
+
 /// Asks one partner, which may never answer: run in a process of its own by doctor.
 void AddProbe(command_line::Program& program);
 

@@ -6,9 +6,9 @@
 #include "doctor_checks.h"
 #include "event_log_entries.h"
 #include "history_print.h"
+#include "monitor_end.h"
 #include "plug_in_history.h"
 #include "running_process.h"
-#include "tessaplug.h"
 #include "text.h"
 
 namespace tessactl {
@@ -45,15 +45,11 @@ void TellLock(Findings& findings, bool lockExists, bool isLoaded, const std::str
         findings.Problem(kWhat, "nobody holds the instance lock", "start the service that hosts it");
 }
 
-/// The monitor is a thread that cannot be seen from here: it says in the log when it ends before its time.
 void CheckMonitor(Findings& findings) {
     constexpr char kWhat[] = "messages of the driver are shown";
     std::optional<DWORD> ended;
     try {
-        for (const LogEntry& entry : ReadEntries(L"Application", L"tessaplug")) {
-            if (entry.eventId == TESSAPLUG_EVENT_STARTED) ended.reset();
-            if (entry.eventId == TESSAPLUG_EVENT_MONITOR_ENDED) ended = entry.time;
-        }
+        ended = MonitorEnd(ReadEntries(L"Application", L"tessaplug"));
     } catch (const ToolError& error) {
         findings.Note(kWhat, error.what());
         return;

@@ -57,6 +57,17 @@ void TakeOutput(HANDLE pipe, std::string& output) {
 
 }  // namespace
 
+std::wstring Quoted(const std::wstring& text) {
+    std::wstring quoted = L"\"";
+    std::size_t backslashes = 0;  // in a row; they count double before a quotation mark
+    for (const wchar_t c : text) {
+        if (c == L'"') quoted.append(backslashes + 1, L'\\');
+        backslashes = c == L'\\' ? backslashes + 1 : 0;
+        quoted += c;
+    }
+    return quoted.append(backslashes, L'\\') + L'"';
+}
+
 LimitedResult RunThisProgram(const std::wstring& arguments, std::chrono::milliseconds limit) {
     constexpr DWORD kStepMs = 20;          // how long a full pipe may hold the process up
     constexpr DWORD kLongestEndMs = 5000;  // a process in a driver's hands ends late

@@ -31,6 +31,7 @@ int Run(const std::vector<std::wstring>& arguments) {
     AddExceptions(program);
     AddDump(program);
     AddTrace(program);
+    AddMetrics(program);
     AddProbe(program);
     return program.Run(arguments);
 }

@@ -1,0 +1,194 @@
+#include "metrics_sources.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <map>
+
+#include "dump_folder.h"
+#include "event_log_entries.h"
+#include "log_filter.h"
+#include "monitor_end.h"
+#include "plug_in_history.h"
+#include "running_process.h"
+#include "station_state.h"
+#include "tessaplug.h"
+#include "text.h"
+
+namespace tessactl {
+namespace {
+
+void ReadService(const MetricsRequest& request, Samples& samples) {
+    const QueriedService service(request.service);
+    if (!service.IsInstalled() && service.OpenError() != ERROR_SERVICE_DOES_NOT_EXIST)
+        throw ToolError("the service " + Utf8(request.service) +
+                        " cannot be opened: " + ErrorInWords(service.OpenError()));
+    samples.push_back(SampleLine("tessaplug_service_up", {{"service", Utf8(request.service)}},
+                                 service.Status().dwCurrentState == SERVICE_RUNNING));
+}
+
+void ReadPlugIn(const MetricsRequest&, Samples& samples) {
+    samples.push_back(SampleLine("tessaplug_plugin_running", {}, InstanceLockExists()));
+}
+
+/// Seconds since 1970 of a record's time; 0 if it is none.
+double SecondsOf(const modul_exception::ExceptionRecord& record) {
+    const std::string text(record.timeStamp, ::strnlen(record.timeStamp, sizeof record.timeStamp));
+    tm time = {};
+    if (std::sscanf(text.c_str(), "%2d.%2d.%4d;%2d:%2d:%2d", &time.tm_mday, &time.tm_mon, &time.tm_year,
+                    &time.tm_hour, &time.tm_min, &time.tm_sec) != 6)
+        return 0;
+    time.tm_mon -= 1;
+    time.tm_year -= 1900;
+    return static_cast<double>(std::max<__time64_t>(::_mkgmtime64(&time), 0));
+}
+
+void ReadExceptions(const MetricsRequest& request, Samples& samples) {
+    const DWORD id = QueriedService(request.service).Status().dwProcessId;
+    if (id == 0) return;  // what has ended has none any more
+    const RunningProcess process(id);
+    const auto module = process.FindModule(request.plugIn);
+    if (!module)
+        throw ToolError("the service " + Utf8(request.service) + " has not loaded " + Utf8(request.plugIn));
+    const auto records = ReadPlugInHistory(process, *module).records;
+    samples.push_back(
+        SampleLine("tessaplug_recent_exceptions", {}, static_cast<double>(records.size())));
+    if (!records.empty())
+        samples.push_back(SampleLine("tessaplug_last_exception_timestamp_seconds", {},
+                                     SecondsOf(records.back())));
+}
+
+/// @throws ToolError if one of the models is not known, behind all that are
+void RequireDevices(const std::vector<StationState::Model>& models) {
+    for (const auto& model : models)
+        if (!model.devicesError.empty()) throw ToolError(Utf8(model.name) + ": " + model.devicesError);
+}
+
+void ReadAdapterNumbers(const MetricsRequest&, Samples& samples) {
+    auto models = SupportedModels();
+    ReadAdapters(models);
+    for (const auto& model : models)
+        if (model.devicesError.empty())
+            samples.push_back(SampleLine("tessaplug_adapters_present", {{"model", Utf8(model.name)}},
+                                         static_cast<double>(model.devicePaths.size())));
+    RequireDevices(models);
+}
+
+/// What the plug-in would change at the next event of the adapter.
+bool IsMismatched(const StationState::AccessPoint& point, bool adapterIsPresent) {
+    if (!point.installed) return false;
+    return adapterIsPresent ? !point.exists || point.hidden : point.exists && !point.hidden;
+}
+
+void ReadAccessPointNumbers(const MetricsRequest&, Samples& samples) {
+    auto models = SupportedModels();
+    const std::string error = ReadAccessPoints(models);
+    if (!error.empty()) throw ToolError(error);
+    ReadAdapters(models);
+    for (const auto& model : models) {
+        const std::string name = Utf8(model.name);
+        for (const char* state : {"visible", "hidden", "missing", "not installed"}) {
+            const auto count = std::ranges::count_if(
+                model.accessPoints, [&](const auto& point) { return state == std::string(point.State()); });
+            samples.push_back(SampleLine("tessaplug_access_points", {{"model", name}, {"state", state}},
+                                         static_cast<double>(count)));
+        }
+        if (!model.devicesError.empty()) continue;
+        const auto mismatched = std::ranges::count_if(model.accessPoints, [&](const auto& point) {
+            return IsMismatched(point, !model.devicePaths.empty());
+        });
+        samples.push_back(SampleLine("tessaplug_access_points_mismatched", {{"model", name}},
+                                     static_cast<double>(mismatched)));
+    }
+    RequireDevices(models);
+}
+
+/// Number of entries of one kind, and when the last of them was written.
+struct Tally {
+    double count = 0;
+    DWORD last = 0;
+    void Add(const LogEntry& entry) {
+        ++count;
+        last = std::max(last, entry.time);
+    }
+};
+
+/// The metrics PREFIX_entries and PREFIX_last_entry_timestamp_seconds of each kind.
+void AddTallies(Samples& samples, const std::string& prefix, const std::string& label,
+                const std::map<std::string, Tally>& tallies, const MetricLabels& more = {}) {
+    for (const auto& [kind, tally] : tallies) {
+        MetricLabels labels = more;
+        labels.emplace_back(label, kind);
+        samples.push_back(SampleLine(prefix + "_entries", labels, tally.count));
+        if (tally.count > 0)
+            samples.push_back(SampleLine(prefix + "_last_entry_timestamp_seconds", labels, tally.last));
+    }
+}
+
+void ReadDriverLog(const MetricsRequest&, Samples& samples) {
+    constexpr wchar_t kDriver[] = L"fenlu3";  // the only one that reports errors there
+    std::map<std::string, Tally> tallies = {{"error", {}}, {"warning", {}}, {"information", {}}};
+    for (const LogEntry& entry : ReadEntries(L"System", kDriver))
+        tallies[TypeName(entry.type)].Add(entry);
+    AddTallies(samples, "tessaplug_driver_log", "severity", tallies, {{"driver", Utf8(kDriver)}});
+}
+
+/// Anybody may write entries in the plug-in's name: what it does not write itself is one kind, so that nobody
+/// can make series without end.
+std::string KindOf(DWORD eventId) {
+    constexpr std::array kKnown = {TESSAPLUG_EVENT_STARTED, TESSAPLUG_EVENT_NOT_RUNNING,
+                                   TESSAPLUG_EVENT_MONITOR_ENDED, TESSAPLUG_EVENT_START_FAILED};
+    if (std::ranges::find(kKnown, eventId) == kKnown.end()) return "other";
+    char text[16] = {};
+    std::snprintf(text, sizeof text, "0x%08lX", eventId);
+    return text;
+}
+
+void ReadPlugInLog(const MetricsRequest&, Samples& samples) {
+    std::map<std::string, Tally> tallies;
+    for (const DWORD id : {DWORD{TESSAPLUG_EVENT_STARTED}, DWORD{TESSAPLUG_EVENT_NOT_RUNNING},
+                           DWORD{TESSAPLUG_EVENT_MONITOR_ENDED}, DWORD{TESSAPLUG_EVENT_START_FAILED}})
+        tallies[KindOf(id)];
+    const auto entries = ReadEntries(L"Application", L"tessaplug");
+    for (const LogEntry& entry : entries)
+        tallies[KindOf(entry.eventId)].Add(entry);
+    AddTallies(samples, "tessaplug_log", "event_id", tallies);
+    samples.push_back(SampleLine("tessaplug_monitor_ended", {}, MonitorEnd(entries).has_value()));
+}
+
+void ReadDumps(const MetricsRequest& request, Samples& samples) {
+    constexpr ULONG64 kFrom1601To1970 = 11'644'473'600;  // seconds
+    constexpr ULONG64 kSecond = 10'000'000;
+    const auto dumps = DumpsIn(request.dumps.empty() ? ServiceTemporaryFolder() : request.dumps);
+    double bytes = 0;
+    for (const StoredDump& dump : dumps)
+        bytes += static_cast<double>(dump.bytes);
+    samples.push_back(SampleLine("tessaplug_dumps", {}, static_cast<double>(dumps.size())));
+    samples.push_back(SampleLine("tessaplug_dump_bytes", {}, bytes));
+    if (!dumps.empty())
+        samples.push_back(SampleLine("tessaplug_last_dump_timestamp_seconds", {},
+                                     static_cast<double>(dumps.front().writtenAt / kSecond) -
+                                         static_cast<double>(kFrom1601To1970)));
+}
+
+constexpr MetricsSource kSources[] = {
+    {"service", &ReadService},
+    {"plug_in", &ReadPlugIn},
+    {"exceptions", &ReadExceptions},
+    {"adapters", &ReadAdapterNumbers},
+    {"access_points", &ReadAccessPointNumbers},
+    {"system_log", &ReadDriverLog},
+    {"application_log", &ReadPlugInLog},
+    {"dumps", &ReadDumps},
+};
+
+}  // namespace
+
+std::span<const MetricsSource> MetricsSources() {
+    return kSources;
+}
+
+}  // namespace tessactl
