@@ -19,7 +19,8 @@
 #include "text.h"
 
 // Each source is read in a process of its own, which runs the hidden command "metrics-source": one that hangs
-// or ends its caller takes nothing with it. They run side by side, so all together take as long as the slowest.
+// or ends its caller takes nothing with it. They run side by side, so all together take as long as the
+// slowest.
 namespace tessactl {
 namespace {
 

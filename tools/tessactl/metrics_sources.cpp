@@ -54,11 +54,10 @@ void ReadExceptions(const MetricsRequest& request, Samples& samples) {
     if (!module)
         throw ToolError("the service " + Utf8(request.service) + " has not loaded " + Utf8(request.plugIn));
     const auto records = ReadPlugInHistory(process, *module).records;
-    samples.push_back(
-        SampleLine("tessaplug_recent_exceptions", {}, static_cast<double>(records.size())));
+    samples.push_back(SampleLine("tessaplug_recent_exceptions", {}, static_cast<double>(records.size())));
     if (!records.empty())
-        samples.push_back(SampleLine("tessaplug_last_exception_timestamp_seconds", {},
-                                     SecondsOf(records.back())));
+        samples.push_back(
+            SampleLine("tessaplug_last_exception_timestamp_seconds", {}, SecondsOf(records.back())));
 }
 
 /// @throws ToolError if one of the models is not known, behind all that are
@@ -169,9 +168,9 @@ void ReadDumps(const MetricsRequest& request, Samples& samples) {
     samples.push_back(SampleLine("tessaplug_dumps", {}, static_cast<double>(dumps.size())));
     samples.push_back(SampleLine("tessaplug_dump_bytes", {}, bytes));
     if (!dumps.empty())
-        samples.push_back(SampleLine("tessaplug_last_dump_timestamp_seconds", {},
-                                     static_cast<double>(dumps.front().writtenAt / kSecond) -
-                                         static_cast<double>(kFrom1601To1970)));
+        samples.push_back(SampleLine(
+            "tessaplug_last_dump_timestamp_seconds", {},
+            static_cast<double>(dumps.front().writtenAt / kSecond) - static_cast<double>(kFrom1601To1970)));
 }
 
 constexpr MetricsSource kSources[] = {

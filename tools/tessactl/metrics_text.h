@@ -10,8 +10,8 @@ namespace tessactl {
 
 using MetricLabels = std::vector<std::pair<std::string, std::string>>;
 
-/// One sample: `name{label="value"} 1`. Line ends, quotes and backslashes in values are escaped; other control
-/// characters, which a file of lines had better not hold, become question marks.
+/// One sample: `name{label="value"} 1`. Line ends, quotes and backslashes in values are escaped; other
+/// control characters, which a file of lines had better not hold, become question marks.
 std::string SampleLine(const std::string& name, const MetricLabels& labels, double value);
 
 /// Everything that is told at one moment.
