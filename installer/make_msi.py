@@ -22,8 +22,8 @@ import xml.sax.saxutils
 
 HERE = pathlib.Path(__file__).parent
 SOURCES = HERE.parent
-DOCUMENTS = ("docs/operators.md", "docs/host_writers.md", "docs/commands.md", "docs/json.md", "CHANGELOG.md",
-             "SECURITY.md", "THIRD_PARTY_NOTICES.md")
+DOCUMENTS = ("docs/operators.md", "docs/many_stations.md", "docs/host_writers.md", "docs/commands.md", "docs/json.md",
+             "CHANGELOG.md", "SECURITY.md", "THIRD_PARTY_NOTICES.md")
 PROGRAMS = ("tessaplug.dll", "tessahost.exe", "tessactl.exe")
 # Identifiers of the product in every version, and where those of its parts come from.
 UPGRADE_CODE = "8A2F6C1E-5D37-4B90-A4C8-0E9B7F13D25A"

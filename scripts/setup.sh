@@ -8,6 +8,7 @@ packages=(
     ninja-build cmake googletest libcli11-dev nlohmann-json3-dev python3 git yamllint
     wine64 xvfb xdotool imagemagick lldb-19
     msitools wixl openssl osslsigncode ca-certificates python3-jsonschema
+    prometheus prometheus-node-exporter
 )
 
 missing=()
@@ -22,4 +23,17 @@ sudo=()
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${sudo[@]}" apt-get update -qq
+# Some packages start a service, which the tests do not need: they run its program themselves. Nothing is started where
+# this file says so, which packages ask for, and the services are not started with the machine either.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+    trap '"${sudo[@]}" rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${sudo[@]}" tee "$policy" >/dev/null
+    "${sudo[@]}" chmod 755 "$policy"
+fi
 "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+for service in prometheus prometheus-node-exporter; do
+    case " ${missing[*]} " in
+    *" $service "*) "${sudo[@]}" systemctl disable "$service" || "${sudo[@]}" update-rc.d "$service" disable || true ;;
+    esac
+done >/dev/null 2>&1

@@ -39,8 +39,8 @@ class Metrics : public system_tests::Station {
     }
     ~Metrics() override { std::filesystem::remove_all(folder_); }
 
-    /// Metrics of this station, with dumps of its own. The backslash that ends their folder has to be told to the
-    /// processes of the sources as well.
+    /// Metrics of this station, with dumps of its own. The backslash that ends their folder has to be told to
+    /// the processes of the sources as well.
     CommandResult Run(const std::wstring& arguments = L"") const {
         return Tool(L"metrics --dumps \"" + folder_.wstring() + L"\\\\\" " + arguments);
     }
@@ -95,7 +95,10 @@ TEST_F(Metrics, FollowServiceAndAdapter) {
     EXPECT_EQ(Down(running), Names{}) << running.output;
     EXPECT_EQ(Value(running, "tessaplug_service_up{service=\"tessahost\"}"), 1);
     EXPECT_EQ(Value(running, "tessaplug_plugin_running"), 1);
-    EXPECT_GE(Value(running, "tessaplug_recent_exceptions"), 0);
+    EXPECT_EQ(Value(running, "tessaplug_recent_exceptions") > 0,
+              Value(running, "tessaplug_last_exception_timestamp_seconds") >=
+                  static_cast<double>(std::time(nullptr)) - 60)
+        << running.output;
     EXPECT_EQ(Value(running, OfModel("adapters_present")), 1);
     EXPECT_EQ(Value(running, OfModel("access_points", ",state=\"visible\"")), 5);
     EXPECT_EQ(Value(running, OfModel("access_points", ",state=\"hidden\"")), 0);
@@ -132,10 +135,11 @@ TEST_F(Metrics, DriversRecordsAreCountedBySeverity) {
     EXPECT_TRUE(Eventually([&] { return Value(Run(), errors) == Value(before, errors) + 1; }));
     const CommandResult after = Run();
     for (const auto* severity : {"error", "warning"})
-        EXPECT_NEAR(Value(after, std::string("tessaplug_driver_log_last_entry_timestamp_seconds{driver=\"fenlu3\""
-                                             ",severity=\"") +
-                                     severity + "\"}"),
-                    static_cast<double>(std::time(nullptr)), 30)
+        EXPECT_NEAR(
+            Value(after, std::string("tessaplug_driver_log_last_entry_timestamp_seconds{driver=\"fenlu3\""
+                                     ",severity=\"") +
+                             severity + "\"}"),
+            static_cast<double>(std::time(nullptr)), 30)
             << severity;
 }
 
@@ -228,5 +232,6 @@ TEST_F(Metrics, OutputIsAFileThatIsReplacedWithUnixLineEnds) {
 TEST_F(Metrics, FileThatCannotBeWrittenEndsTheRepetition) {
     const CommandResult result = Run(L"--every 1 --output \"C:\\no such folder\\x.prom\"");
     EXPECT_EQ(result.exitCode, 1u);
-    EXPECT_TRUE(Contains(result, "tessactl: C:\\no such folder\\x.prom.new cannot be opened: ")) << result.output;
+    EXPECT_TRUE(Contains(result, "tessactl: C:\\no such folder\\x.prom.new cannot be opened: "))
+        << result.output;
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <map>
@@ -34,15 +35,20 @@ void ReadPlugIn(const MetricsRequest&, Samples& samples) {
     samples.push_back(SampleLine("tessaplug_plugin_running", {}, InstanceLockExists()));
 }
 
-/// Seconds since 1970 of a record's time; 0 if it is none.
+/// Seconds since 1970 of a record's time, which is "dd.mm.yyyy;hh:mm:ss:mmm"; 0 if it is none.
 double SecondsOf(const modul_exception::ExceptionRecord& record) {
-    const std::string text(record.timeStamp, ::strnlen(record.timeStamp, sizeof record.timeStamp));
+    const auto field = [&record](std::size_t at, std::size_t length) {
+        int value = 0;
+        std::from_chars(record.timeStamp + at, record.timeStamp + at + length, value);
+        return value;
+    };
     tm time = {};
-    if (std::sscanf(text.c_str(), "%2d.%2d.%4d;%2d:%2d:%2d", &time.tm_mday, &time.tm_mon, &time.tm_year,
-                    &time.tm_hour, &time.tm_min, &time.tm_sec) != 6)
-        return 0;
-    time.tm_mon -= 1;
-    time.tm_year -= 1900;
+    time.tm_mday = field(0, 2);
+    time.tm_mon = field(3, 2) - 1;
+    time.tm_year = field(6, 4) - 1900;
+    time.tm_hour = field(11, 2);
+    time.tm_min = field(14, 2);
+    time.tm_sec = field(17, 2);
     return static_cast<double>(std::max<__time64_t>(::_mkgmtime64(&time), 0));
 }
 

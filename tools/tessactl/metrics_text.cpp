@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 namespace tessactl {
 namespace {
@@ -49,10 +48,8 @@ std::string Escaped(const std::string& value) {
 
 bool EndsInANumber(const std::string& line) {
     const std::size_t at = line.rfind(' ');
-    if (at == std::string::npos || at + 1 == line.length()) return false;
-    char* end = nullptr;
-    std::strtod(line.c_str() + at + 1, &end);
-    return *end == '\0';
+    return at != std::string::npos && at + 1 < line.length() &&
+           line.find_first_not_of("0123456789.e+-", at + 1) == std::string::npos;
 }
 
 }  // namespace
