@@ -164,19 +164,19 @@ void ReadPlugInLog(const MetricsRequest&, Samples& samples) {
     samples.push_back(SampleLine("tessaplug_monitor_ended", {}, MonitorEnd(entries).has_value()));
 }
 
+constexpr ULONG64 kFileTimeSecond = 10'000'000;
+constexpr LONG64 kFrom1601To1970 = 11'644'473'600;  // seconds
+
 void ReadDumps(const MetricsRequest& request, Samples& samples) {
-    constexpr ULONG64 kFrom1601To1970 = 11'644'473'600;  // seconds
-    constexpr ULONG64 kSecond = 10'000'000;
     const auto dumps = DumpsIn(request.dumps.empty() ? ServiceTemporaryFolder() : request.dumps);
     double bytes = 0;
     for (const StoredDump& dump : dumps)
         bytes += static_cast<double>(dump.bytes);
     samples.push_back(SampleLine("tessaplug_dumps", {}, static_cast<double>(dumps.size())));
     samples.push_back(SampleLine("tessaplug_dump_bytes", {}, bytes));
-    if (!dumps.empty())
-        samples.push_back(SampleLine(
-            "tessaplug_last_dump_timestamp_seconds", {},
-            static_cast<double>(dumps.front().writtenAt / kSecond) - static_cast<double>(kFrom1601To1970)));
+    if (dumps.empty()) return;
+    const auto written = static_cast<LONG64>(dumps.front().writtenAt / kFileTimeSecond) - kFrom1601To1970;
+    samples.push_back(SampleLine("tessaplug_last_dump_timestamp_seconds", {}, static_cast<double>(written)));
 }
 
 constexpr MetricsSource kSources[] = {
