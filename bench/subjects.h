@@ -1,0 +1,25 @@
+#pragma once
+
+/// What can be measured, each in a file of its own: the plug-in's side and its bare counterpart. All print
+/// what they found, and throw std::exception if there is nothing to be found.
+namespace bench {
+
+void MeasureTracing();
+void MeasureControlHandler();
+/// Needs the service to be installed, and the station manager to be registered with the list of "stationmgr
+/// init".
+void MeasurePlugEvents();
+/// Handles the adapter's plug events instead of the service, until it is told to stop (bare_station.h).
+void RunBareStation();
+/// Needs the Fennlink U3's driver to be installed.
+void MeasureDriverMessages();
+void MeasureForeignRecords();
+void MeasureStartAndStop();
+void MeasureMemoryDump();
+void MeasureTraceDecoding();
+/// One init in a process of its own; prints one line: its time, the bare one's, the kilobytes it adds.
+void MeasureInitOnce();
+/// Reads such lines from the standard input and prints what comes of them.
+void SummariseInits();
+
+}  // namespace bench
