@@ -27,6 +27,8 @@ using UniqueServiceHandle = UniqueHandle<SC_HANDLE, [](SC_HANDLE handle) { ::Clo
 /// The service runs for as long as this lives.
 class RunningService {
   public:
+    static constexpr char kName[] = "service";
+
     RunningService()
         : manager_(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
           service_(::OpenServiceW(manager_.get(), L"tessahost",
@@ -63,6 +65,8 @@ class RunningService {
 /// The bare station runs for as long as this lives.
 class RunningBareStation {
   public:
+    static constexpr char kName[] = "bare station";
+
     RunningBareStation()
         : ready_(::CreateEventW(nullptr, FALSE, FALSE, kBareStationIsReady)),
           stop_(::CreateEventW(nullptr, TRUE, FALSE, kBareStationShallStop)) {
@@ -103,10 +107,10 @@ bool AllAre(const wchar_t* hidden) {
 }
 
 /// Until all access points are so.
-void WaitUntilAllAre(const wchar_t* hidden) {
+void WaitUntilAllAre(const wchar_t* hidden, const char* station) {
     const ULONGLONG end = ::GetTickCount64() + kTimeOutMs;
     while (!AllAre(hidden)) {
-        if (::GetTickCount64() > end) throw std::runtime_error("the access points do not change");
+        if (::GetTickCount64() > end) throw std::runtime_error("the access points do not change, with the " + std::string(station));
         ::Sleep(0);
     }
 }
@@ -117,17 +121,17 @@ struct PlugTimes {
 };
 
 /// One plug and one unplug, with what makes the station manager's components run again before.
-PlugTimes PlugAndUnplug(const std::function<void()>& prepare) {
+PlugTimes PlugAndUnplug(const std::function<void()>& prepare, const char* station) {
     const auto* nx4120 = adapter_control::FindModel(L"NX4120");
     PlugTimes times;
     times.visible = MillisecondsOf([&] {
         adapter_control::Plug(*nx4120);
-        WaitUntilAllAre(L"false");
+        WaitUntilAllAre(L"false", station);
     });
     prepare();
     times.hidden = MillisecondsOf([&] {
         adapter_control::Unplug(*nx4120);
-        WaitUntilAllAre(L"true");
+        WaitUntilAllAre(L"true", station);
     });
     return times;
 }
@@ -136,11 +140,11 @@ PlugTimes PlugAndUnplug(const std::function<void()>& prepare) {
 template <typename Station>
 PlugTimes TimesWith(const std::function<void()>& prepare, int count) {
     const Station station;
-    PlugAndUnplug(prepare);
+    PlugAndUnplug(prepare, Station::kName);
     std::vector<double> visible;
     std::vector<double> hidden;
     for (int i = 0; i < count; ++i) {
-        const PlugTimes times = PlugAndUnplug(prepare);
+        const PlugTimes times = PlugAndUnplug(prepare, Station::kName);
         visible.push_back(times.visible);
         hidden.push_back(times.hidden);
     }

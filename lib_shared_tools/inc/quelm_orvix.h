@@ -10,6 +10,9 @@
 
 namespace quelm {
 
+/// File name of the configuration library.
+inline constexpr wchar_t kConfigurationLibraryName[] = L"q5orvix64x.dll";
+
 /// Return codes of the configuration library.
 enum LdcfCode : DWORD {
     LDCF_OK = 0,

@@ -27,7 +27,6 @@ using modul_exception::CWindowsApiExcp;
 namespace quelm {
 namespace {
 
-constexpr wchar_t kFileName[] = L"q5orvix64x.dll";
 constexpr wchar_t kBaseFolderKey[] = L"SOFTWARE\\Valdorn\\Shared Tools\\QUELM64";
 constexpr wchar_t kBaseFolderValue[] = L"Korvane_Oam";
 constexpr wchar_t kDefaultBaseFolder[] = L"Valdorn\\Automation\\Korvane OAM";
@@ -151,12 +150,12 @@ DWORD CallLibrary(const char* method, const std::string& operation, std::initial
 std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     FUNCTION_TRACE();
     if (isRegistered != nullptr) *isRegistered = false;
-    if (IsEmulated32BitProcess()) return kFileName;
+    if (IsEmulated32BitProcess()) return kConfigurationLibraryName;
     std::wstring folder = RegisteredBaseFolder();
     if (isRegistered != nullptr) *isRegistered = !folder.empty();
     if (folder.empty()) folder = DefaultBaseFolder();
     if (folder.empty()) return {};
-    return folder + L"\\bin\\" + kFileName;
+    return folder + L"\\bin\\" + kConfigurationLibraryName;
 }
 
 std::wstring ConfigurationLibraryFolder() {
@@ -186,7 +185,7 @@ void Q5orvix::LoadLib() {
         !operating_system::Completes([&] { module_ = kernel32_->LoadLibraryW(path.c_str()); }))
         ::SetLastError(ERROR_DLL_INIT_FAILED);
     if (module_ == nullptr)
-        MODUL_THROW(CWindowsApiExcp("LoadLibraryW()", toolbox::WstringToString(kFileName)));
+        MODUL_THROW(CWindowsApiExcp("LoadLibraryW()", toolbox::WstringToString(kConfigurationLibraryName)));
     TRACE_INFO(10, "%S loaded", path);
     try {
         ResolveExports();
@@ -229,9 +228,9 @@ void Q5orvix::FreeLib() {
     if (!operating_system::Completes([&] { isFreed = kernel32_->FreeLibrary(module_); }))
         ::SetLastError(ERROR_DLL_INIT_FAILED);
     if (isFreed)
-        TRACE_VERBOSE(12, "%S freed", kFileName);
+        TRACE_VERBOSE(12, "%S freed", kConfigurationLibraryName);
     else
-        TRACE_ERROR(13, "FreeLibrary(%S) failed, LE(%u)", kFileName, ::GetLastError());
+        TRACE_ERROR(13, "FreeLibrary(%S) failed, LE(%u)", kConfigurationLibraryName, ::GetLastError());
 }
 
 const char* Q5orvix::GetReturnCodeName(DWORD code) const {

@@ -87,6 +87,18 @@ std::string DeviceContainer::Print() const {
     return text + "]";
 }
 
+DeviceNotifier::KeepLibraries::KeepLibraries(DeviceNotifier& notifier) : notifier_(notifier) {
+    FUNCTION_TRACE();
+    ++notifier_.keepers_;
+}
+
+DeviceNotifier::KeepLibraries::~KeepLibraries() {
+    FUNCTION_TRACE();
+    if (--notifier_.keepers_ > 0) return;
+    notifier_.configurationLibrary_.Release();
+    notifier_.setupApi_.Release();
+}
+
 DeviceNotifier::DeviceNotifier(DeviceNotifierCollaborators collaborators)
     : collaborators_(std::move(collaborators)) {
     FUNCTION_TRACE();
@@ -196,6 +208,7 @@ void DeviceNotifier::OnPnpEvent(const GUID& guid, bool arrival) {
             return;
         }
         const ModelRecord model = devices_.get_device_from(guid);
+        const KeepLibraries keep(*this);
         operating_system::CallForeign([&] {
             // First, so that the processor is released before its access points disappear.
             if (!arrival) StopDeviceInStationManager(model);
@@ -226,7 +239,7 @@ void DeviceNotifier::StopDeviceInStationManager(const ModelRecord& model) const 
     }
 }
 
-void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel) const {
+void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel) {
     FUNCTION_TRACE();
     std::vector<std::wstring> filtered;
     RemoveNotInstalledProfiles(filtered, model->SupportedLogDevices());
@@ -237,6 +250,8 @@ void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool 
             TRACE_WARNING(21, "Log device %S does not exist", name);
             if (!panelMayRun) continue;
             panelMayRun = false;  // one run makes all that are missing
+            // What it makes is looked for by a library that is loaded after it.
+            configurationLibrary_.Release();
             collaborators_.panel->CallSilent();
             TRACE_INFO(36, "The interface-setup panel has run");
         } else if (arrival) {
@@ -252,9 +267,9 @@ void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool 
 void DeviceNotifier::UpdateLogDeviceStateToDeviceState(const ModelRecord& model) {
     FUNCTION_TRACE();
     try {
+        const KeepLibraries keep(*this);
         operating_system::CallForeign([&] {
-            const bool plugged =
-                collaborators_.deviceInterfaces->create_from(model->DeviceInterfaceGuid())->IsPresent();
+            const bool plugged = IsPresent(model->DeviceInterfaceGuid());
             TRACE_INFO(24, "%S: %s", model->DisplayedDeviceName(), plugged ? "PluggedIn" : "UnPlugged");
             ShowOrHideAll(model, plugged, false);
         });
@@ -265,18 +280,34 @@ void DeviceNotifier::UpdateLogDeviceStateToDeviceState(const ModelRecord& model)
     }
 }
 
-std::shared_ptr<korvane::LogDeviceDatabaseIf> DeviceNotifier::OpenLogDevice(const std::wstring& name) const {
+bool DeviceNotifier::IsPresent(const GUID& guid) {
     FUNCTION_TRACE();
-    return collaborators_.logDevices->create_from_log_device(
+    const auto device = collaborators_.deviceInterfaces->create_from(guid);
+    setupApi_.KeepIfLoaded();
+    return device->IsPresent();
+}
+
+std::shared_ptr<korvane::LogDeviceDatabaseIf> DeviceNotifier::OpenLogDevice(const std::wstring& name) {
+    FUNCTION_TRACE();
+    auto logDevice = collaborators_.logDevices->create_from_log_device(
         std::make_shared<korvane::LogDeviceName>(toolbox::WstringToString(name)));
+    configurationLibrary_.KeepIfLoaded();
+    return logDevice;
+}
+
+std::vector<std::string> DeviceNotifier::InstalledLogDevices() {
+    FUNCTION_TRACE();
+    const auto defaults = collaborators_.createDefaultLogDevices();
+    configurationLibrary_.KeepIfLoaded();
+    return defaults->Installed();
 }
 
 void DeviceNotifier::RemoveNotInstalledProfiles(std::vector<std::wstring>& filtered,
-                                                const std::vector<std::wstring>& names) const {
+                                                const std::vector<std::wstring>& names) {
     FUNCTION_TRACE();
     filtered.clear();
     std::vector<std::wstring> installed;
-    for (const std::string& name : collaborators_.createDefaultLogDevices()->Installed())
+    for (const std::string& name : InstalledLogDevices())
         installed.push_back(toolbox::StringToWstring(name));
     std::ranges::copy_if(names, std::back_inserter(filtered), [&installed](const std::wstring& name) {
         return std::ranges::find(installed, name) != installed.end();

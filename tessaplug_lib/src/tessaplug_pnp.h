@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "kept_library.h"
 #include "logdevice_db.h"
+#include "quelm_orvix.h"
 #include "statmgr_wrapper.h"
 #include "tessaplug_database.h"
 #include "tessaplug_orvix.h"
@@ -79,6 +81,20 @@ struct DeviceNotifierCollaborators {
 /// last Register and Cleanup. Nothing is locked.
 class DeviceNotifier {
   public:
+    /// As long as one lives, the libraries that the notifier's work has loaded stay loaded for what it does
+    /// next. Without one nothing is held: a library's file can be replaced between two events. For the thread
+    /// on which the notifier works.
+    class KeepLibraries {
+      public:
+        explicit KeepLibraries(DeviceNotifier& notifier);
+        ~KeepLibraries();
+        KeepLibraries(const KeepLibraries&) = delete;
+        KeepLibraries& operator=(const KeepLibraries&) = delete;
+
+      private:
+        DeviceNotifier& notifier_;
+    };
+
     explicit DeviceNotifier(DeviceNotifierCollaborators collaborators = {});
     virtual ~DeviceNotifier();
     DeviceNotifier(const DeviceNotifier&) = delete;
@@ -109,15 +125,20 @@ class DeviceNotifier {
     void OnPnpEvent(const GUID& guid, bool arrival);
     void UpdateLogDeviceStateToDeviceState(const ModelRecord& model);
     void RemoveNotInstalledProfiles(std::vector<std::wstring>& filtered,
-                                    const std::vector<std::wstring>& names) const;
-    std::shared_ptr<korvane::LogDeviceDatabaseIf> OpenLogDevice(const std::wstring& name) const;
+                                    const std::vector<std::wstring>& names);
+    std::vector<std::string> InstalledLogDevices();
+    std::shared_ptr<korvane::LogDeviceDatabaseIf> OpenLogDevice(const std::wstring& name);
+    bool IsPresent(const GUID& guid);
     void StopDeviceInStationManager(const ModelRecord& model) const;
     /// @param runPanel whether the first missing log device has the interface-setup panel run
-    void ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel) const;
+    void ShowOrHideAll(const ModelRecord& model, bool arrival, bool runPanel);
 
     SERVICE_STATUS_HANDLE serviceHndl_ = nullptr;
     DeviceContainer devices_;
     DeviceNotifierCollaborators collaborators_;
+    int keepers_ = 0;  // how many KeepLibraries there are
+    operating_system::KeptLibrary configurationLibrary_{quelm::kConfigurationLibraryName};
+    operating_system::KeptLibrary setupApi_{L"setupapi.dll"};
 };
 
 /// One device event on its way from the control handler to the worker. The notifier outlives it.
