@@ -5,8 +5,8 @@
 #include <cwchar>
 #include <cwctype>
 #include <limits>
-#include <regex>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "exception_history.h"
@@ -22,6 +22,7 @@ namespace korvane {
 namespace {
 
 constexpr std::size_t kMaxNameLength = 128;
+constexpr char kDigits[] = "0123456789";
 
 std::string Trimmed(const std::string& text) {
     FUNCTION_TRACE();
@@ -30,16 +31,27 @@ std::string Trimmed(const std::string& text) {
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-bool IsClassicLogName(const std::string& normalised) {
+/// Names and entries of two lines are of no known format.
+template <typename Char>
+bool IsOneLine(const std::basic_string<Char>& text) {
     FUNCTION_TRACE();
-    static const std::regex kClassic(R"(^.*\(.*\)$)");
-    return std::regex_match(normalised, kClassic);
+    constexpr Char kLineEnds[] = {'\n', '\r', '\0'};
+    return text.find_first_of(kLineEnds) == std::basic_string<Char>::npos;
 }
 
+/// Anything, an opening parenthesis, anything, a closing one.
+bool IsClassicLogName(const std::string& normalised) {
+    FUNCTION_TRACE();
+    return IsOneLine(normalised) && normalised.ends_with(')') &&
+           normalised.find('(') < normalised.length() - 1;
+}
+
+/// Anything, a dot, anything, a dot, a digit.
 bool IsNewLogName(const std::string& normalised) {
     FUNCTION_TRACE();
-    static const std::regex kNew(R"(^.*\..*\.\d$)");
-    return std::regex_match(normalised, kNew);
+    const std::size_t length = normalised.length();
+    return length >= 3 && IsOneLine(normalised) && normalised.find_last_of(kDigits) == length - 1 &&
+           normalised[length - 2] == '.' && normalised.find('.') < length - 2;
 }
 
 /// Each 8-bit character widened.
@@ -96,10 +108,12 @@ std::string LogDeviceName::PreProcessValue(const std::string& name) {
 
 bool LogDeviceName::IsTemporaryLogName(const std::string& normalised) {
     FUNCTION_TRACE();
-    static const std::regex kTemporary(R"(^LDCF_TEMP_LOG_DEVICE.*$)");
-    static const std::regex kStrictTemporary(R"(^(LDCF_TEMP_LOG_DEVICE____)(\d*)$)");
-    if (!std::regex_match(normalised, kTemporary)) return false;
-    if (!std::regex_match(normalised, kStrictTemporary)) {
+    constexpr std::string_view kTemporary = "LDCF_TEMP_LOG_DEVICE";
+    constexpr std::string_view kSeparator = "____";
+    if (!normalised.starts_with(kTemporary) || !IsOneLine(normalised)) return false;
+    const std::string number = normalised.substr(kTemporary.length());
+    if (!number.starts_with(kSeparator) ||
+        number.find_first_not_of(kDigits, kSeparator.length()) != std::string::npos) {
         TRACE_ERROR(15, "%s is no valid temporary name", normalised);
         MODUL_THROW(std::invalid_argument("Invalid temporary LogDevName"));
     }
@@ -290,13 +304,17 @@ std::vector<std::string> DefaultLogDeviceDatabaseOrvix::Installed() {
 
 bool DefaultLogDeviceDatabaseOrvix::PostProcess(const std::wstring& entry, std::string& name) {
     FUNCTION_TRACE();
-    static const std::wregex kTemplateEntry(LR"(^.*LDT-(.*)\.(.*)$)");
+    constexpr std::wstring_view kMark = L"LDT-";
     const std::wstring text = entry.substr(0, entry.find(L'\0'));
-    std::wsmatch match;
-    if (!std::regex_match(text, match, kTemplateEntry)) return false;
-    std::wstring kind = match[2];
+    // The last mark that has a dot behind it, and the last dot.
+    const std::size_t dot = text.rfind(L'.');
+    if (dot == std::wstring::npos || dot < kMark.length() || !IsOneLine(text)) return false;
+    const std::size_t mark = text.rfind(kMark, dot - kMark.length());
+    if (mark == std::wstring::npos) return false;
+    const std::size_t begin = mark + kMark.length();
+    std::wstring kind = text.substr(dot + 1);
     std::ranges::transform(kind, kind.begin(), [](wchar_t c) { return std::towupper(c); });
-    name = toolbox::WstringToString(match[1].str() + L"(" + kind + L")");
+    name = toolbox::WstringToString(text.substr(begin, dot - begin) + L"(" + kind + L")");
     return true;
 }
 

@@ -1,6 +1,6 @@
 #include "win_interprocess.h"
 
-#include <sstream>
+#include <cwchar>
 #include <stdexcept>
 
 #include "exception_history.h"
@@ -22,9 +22,10 @@ namespace {
 
 std::wstring Widened(const std::string& name) {
     FUNCTION_TRACE();
-    std::wostringstream wide;
-    wide << name.c_str();
-    return wide.str();
+    std::wstring wide;
+    for (const char* c = name.c_str(); *c != '\0'; ++c)
+        wide += static_cast<wchar_t>(std::btowc(static_cast<unsigned char>(*c)));
+    return wide;
 }
 
 void CloseObject(HANDLE handle) {

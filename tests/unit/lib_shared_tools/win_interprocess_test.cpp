@@ -1,6 +1,7 @@
 #include "win_interprocess.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -76,6 +77,20 @@ TEST(SystemMutex, NewEventIsNotSignalled) {
     CSystemMutex objects;
     const UniqueKernelHandle event(objects.CreateEventInstance(UniqueName()));
     EXPECT_EQ(::WaitForSingleObject(event.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST(SystemMutex, NarrowNamesAreWidenedAsAWideStreamDoes) {
+    CSystemMutex objects;
+    const std::wstring prefix = UniqueName();
+    for (int byte = 1; byte < 256; ++byte) {
+        if (byte == '\\') continue;  // separates folders of names
+        const std::string narrow = Narrow(prefix) + static_cast<char>(byte);
+        std::wostringstream wide;
+        wide << narrow.c_str();
+        const UniqueKernelHandle event(objects.CreateEventInstance(narrow));
+        EXPECT_TRUE(event);
+        EXPECT_TRUE(UniqueKernelHandle(::OpenEventW(SYNCHRONIZE, FALSE, wide.str().c_str()))) << byte;
+    }
 }
 
 TEST(SystemMutex, NarrowNamesEndAtTheirFirstZero) {
