@@ -4,6 +4,7 @@
 #include <dbt.h>
 
 #include <atomic>
+#include <cstdio>
 #include <initializer_list>
 #include <stdexcept>
 #include <thread>
@@ -64,8 +65,13 @@ void Work() {
         ::WaitForSingleObject(lastEvent.wake.get(), INFINITE);
         const WPARAM type = lastEvent.type;
         if (type == 0) return;
-        if (type == DBT_DEVICEREMOVECOMPLETE) StopComponentsBare();
-        BareLibrary().ShowOrHide(L"NX4120", type == DBT_DEVICEARRIVAL ? L"false" : L"true");
+        try {
+            if (type == DBT_DEVICEREMOVECOMPLETE) StopComponentsBare();
+            BareLibrary().ShowOrHide(L"NX4120", type == DBT_DEVICEARRIVAL ? L"false" : L"true");
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "tessabench: bare station: %s\n", error.what());
+            ::ExitProcess(1);
+        }
     }
 }
 
@@ -93,6 +99,7 @@ void RunBareStation() {
     if (notification == nullptr || stop == nullptr || !ready)
         throw std::runtime_error("the bare station is run by the measurement only");
     std::thread worker(&Work);
+    ::Sleep(500);  // Wine registers on a thread of its own; what happens before that is lost
     ::SetEvent(ready.get());
     while (::MsgWaitForMultipleObjects(1, &stop, FALSE, INFINITE, QS_ALLINPUT) == WAIT_OBJECT_0 + 1) {
         MSG message = {};

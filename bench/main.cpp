@@ -13,11 +13,11 @@ constexpr struct {
     std::wstring_view name;
     void (*measure)();
 } kSubjects[] = {
-    {L"trace", &bench::MeasureTracing},          {L"handler", &bench::MeasureControlHandler},
-    {L"plug", &bench::MeasurePlugEvents},        {L"bare-station", &bench::RunBareStation},
+    {L"trace", &bench::MeasureTracing},           {L"handler", &bench::MeasureControlHandler},
+    {L"plug", &bench::MeasurePlugEvents},         {L"bare-station", &bench::RunBareStation},
     {L"messages", &bench::MeasureDriverMessages}, {L"records", &bench::MeasureForeignRecords},
-    {L"lifecycle", &bench::MeasureStartAndStop}, {L"dump", &bench::MeasureMemoryDump},
-    {L"decode", &bench::MeasureTraceDecoding},   {L"init-once", &bench::MeasureInitOnce},
+    {L"lifecycle", &bench::MeasureStartAndStop},  {L"dump", &bench::MeasureMemoryDump},
+    {L"decode", &bench::MeasureTraceDecoding},    {L"init-once", &bench::MeasureInitOnce},
     {L"inits", &bench::SummariseInits},
 };
 
