@@ -5,6 +5,12 @@ function(tessa_warnings target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Werror)
 endfunction()
 
+# Data is reached directly, not through a pointer that the linker would need were it in a DLL: no DLL is asked for data
+# without saying so.
+function(tessa_own_data target)
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-auto-import>)
+endfunction()
+
 # A static library of the project, with its public headers in INC.
 function(tessa_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;INCLUDES;LIBRARIES")

@@ -7,12 +7,12 @@ TRACE_SOURCE("lib_shared_tools\\src\\function_trace", "6c1f2f5e-0b0f-4f6e-9f0c-3
 
 namespace trace {
 
-void FunctionTrace::TraceEntry() const noexcept {
-    TRACE_VERBOSE(10, "%s: Entry %s", fileName_, functionName_);
+void TraceEntry(const char* sourcePath, const char* functionName) noexcept {
+    TRACE_VERBOSE(10, "%s: Entry %s", BaseName(sourcePath), functionName);
 }
 
-void FunctionTrace::TraceExit() const noexcept {
-    TRACE_VERBOSE(11, "%s: Exit %s", fileName_, functionName_);
+void TraceExit(const char* sourcePath, const char* functionName) noexcept {
+    TRACE_VERBOSE(11, "%s: Exit %s", BaseName(sourcePath), functionName);
 }
 
 }  // namespace trace

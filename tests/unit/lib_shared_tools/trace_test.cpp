@@ -219,6 +219,18 @@ TEST_F(Trace, FunctionEntryNeedsLevelVerbose) {
     EXPECT_TRUE(TakeTraceRecords().empty());
 }
 
+TEST_F(Trace, FunctionInWhichTracingIsSwitchedOnWritesItsExit) {
+    const auto traced = [] {
+        FUNCTION_TRACE();
+        test_support::EnableTracing(kModuleGuid, trace::kVerbose, trace::kFunction, kLogger);
+    };
+    traced();
+    const auto records = TakeTraceRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].number, 11);
+    EXPECT_EQ(records[0].Text(0), "trace_test");
+}
+
 TEST_F(Trace, FunctionTraceThatIsOffAllocatesNothing) {
     const int before = allocations;
     for (int i = 0; i < 10; ++i)
