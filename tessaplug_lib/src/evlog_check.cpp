@@ -132,6 +132,11 @@ std::size_t EventLogRecord::GetDataPosition() const {
 
 std::wstring EventLogRecord::GetSourceName() const {
     FUNCTION_TRACE();
+    return std::wstring(SourceName());
+}
+
+std::wstring_view EventLogRecord::SourceName() const {
+    FUNCTION_TRACE();
     const std::size_t position = std::min(GetDataPosition(), rawData_.size());
     const std::byte* name = rawData_.data() + position;
     const std::size_t length = LengthWithZero(name, rawData_.size() - position);
@@ -323,7 +328,7 @@ std::unique_ptr<MessageRessource> Fenlu3::DriverMessages() {
 
 bool Fenlu3::Validate(const EventLogRecord& record) {
     FUNCTION_TRACE();
-    const bool isOurs = record.GetSourceName() == L"fenlu3";
+    const bool isOurs = record.SourceName() == L"fenlu3";
     if (isOurs) TRACE_VERBOSE(40, "A record of the driver");
     return isOurs;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "win_api.h"
@@ -109,6 +110,8 @@ class EventLogRecord {
     WORD GetNumberOfSoundStrings() const;
     /// Empty if it does not end within the record.
     std::wstring GetSourceName() const;
+    /// The same, not copied: valid as long as the record.
+    std::wstring_view SourceName() const;
     /// TimeGenerated in local time, "day.month.year hh:mm:ss".
     /// @throws modul_exception::CWindowsApiExcp if it cannot be converted
     std::wstring GetTimeStampFromRecord() const;

@@ -140,6 +140,9 @@ TEST(EventLogRecord, GivesItsFieldsFromACopy) {
     EXPECT_EQ(record.GetNumberOfSoundStrings(), 2);
     EXPECT_STREQ(record.GetVariableStringArray(), L"one");
     EXPECT_EQ(record.GetSourceName(), L"fenlu3");
+    EXPECT_EQ(record.SourceName(), L"fenlu3");
+    EXPECT_EQ(static_cast<const void*>(record.SourceName().data()), record.GetEventLogPtr() + 1)
+        << "not copied once more";
 }
 
 TEST(EventLogRecord, NamesItsType) {
@@ -224,6 +227,7 @@ TEST(EventLogRecord, SourceNameWithoutAnEndIsNone) {
     bytes.resize(sizeof(EVENTLOGRECORD) + 6 * sizeof(wchar_t));  // "fenlu3" and no zero
     FieldsOf(bytes)->Length = static_cast<DWORD>(bytes.size());
     EXPECT_EQ(RecordFrom(bytes).GetSourceName(), L"");
+    EXPECT_TRUE(RecordFrom(bytes).SourceName().empty());
 }
 
 TEST(EventLogRecord, StringsOutsideOfItAreNone) {
