@@ -99,7 +99,6 @@ void RunBareStation() {
     if (notification == nullptr || stop == nullptr || !ready)
         throw std::runtime_error("the bare station is run by the measurement only");
     std::thread worker(&Work);
-    ::Sleep(500);  // Wine registers on a thread of its own; what happens before that is lost
     ::SetEvent(ready.get());
     while (::MsgWaitForMultipleObjects(1, &stop, FALSE, INFINITE, QS_ALLINPUT) == WAIT_OBJECT_0 + 1) {
         MSG message = {};

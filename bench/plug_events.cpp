@@ -140,6 +140,7 @@ PlugTimes PlugAndUnplug(const std::function<void()>& prepare, const char* statio
 template <typename Station>
 PlugTimes TimesWith(const std::function<void()>& prepare, int count) {
     const Station station;
+    ::Sleep(1000);  // Wine registers for notifications on a thread of its own; what comes before that is lost
     PlugAndUnplug(prepare, Station::kName);
     std::vector<double> visible;
     std::vector<double> hidden;

@@ -270,8 +270,8 @@ bool Service::CheckSingleInstanceAndRegisterDeviceNotification() {
     BeginStep();
     deviceNotifier_->Initialize(StatusHandle());
     MODUL_ASSERT_AT(517, !cps_.empty());
-    const DeviceNotifier::KeepLibraries keep(
-        *deviceNotifier_);  // for the second model what the first one needed
+    // The second model needs the libraries that the first one has loaded.
+    const DeviceNotifier::KeepLibraries keep(*deviceNotifier_);
     for (const ModelRecord& model : cps_) {
         TRACE_INFO(17, "Registering %s", toolbox::GuidToString(&model->DeviceInterfaceGuid()));
         deviceNotifier_->Register(model);
