@@ -25,6 +25,7 @@ constexpr struct {
 
 int wmain(int argc, wchar_t** argv) {
     modul_exception::InitializeExceptionHistory();
+    std::setvbuf(stdout, nullptr, _IONBF, 0);  // each number as soon as it is there, also into a file
     const std::wstring_view name = argc == 2 ? argv[1] : L"";
     try {
         for (const auto& subject : kSubjects) {
