@@ -110,7 +110,8 @@ bool AllAre(const wchar_t* hidden) {
 void WaitUntilAllAre(const wchar_t* hidden, const char* station) {
     const ULONGLONG end = ::GetTickCount64() + kTimeOutMs;
     while (!AllAre(hidden)) {
-        if (::GetTickCount64() > end) throw std::runtime_error("the access points do not change, with the " + std::string(station));
+        if (::GetTickCount64() > end)
+            throw std::runtime_error("the access points do not change, with the " + std::string(station));
         ::Sleep(0);
     }
 }

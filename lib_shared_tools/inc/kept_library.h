@@ -5,8 +5,8 @@
 namespace operating_system {
 
 /// A second reference to a library that somebody else has loaded: whoever loads it again while this is held
-/// finds it loaded, which costs next to nothing. It loads nothing by itself, so that a library that is missing
-/// or refuses to be loaded fails where it is needed. For one thread.
+/// finds it loaded, which costs next to nothing. It loads nothing by itself, so that a library that is
+/// missing or refuses to be loaded fails where it is needed. For one thread.
 class KeptLibrary {
   public:
     /// @param fileName the library's, without its folder; not copied

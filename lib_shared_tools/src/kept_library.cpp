@@ -6,7 +6,8 @@
 #include "structured_exception.h"
 #include "trace_point.h"
 
-TRACE_SOURCE("lib_shared_tools\\src\\kept_library", "d2a9f04b-6c35-4e71-8b1f-93e07c5a4d68", trace::kSharedTools);
+TRACE_SOURCE("lib_shared_tools\\src\\kept_library", "d2a9f04b-6c35-4e71-8b1f-93e07c5a4d68",
+             trace::kSharedTools);
 
 namespace operating_system {
 

@@ -119,8 +119,8 @@ TEST_F(RealLibrary, IsLoadedOnceWhenTheServiceStarts) {
     collaborators.sleep = [](DWORD) {};
     tessaplug::Service service(std::move(collaborators));
     const test_support::LibraryLoads loads(L"q5orvix64x.dll");
-    ASSERT_EQ(service.init(TESSAPLUG_API_VERSION, kServiceHandle, [](void*, SERVICE_STATUS*) {}, nullptr, 0),
-              1u);
+    ASSERT_EQ(
+        service.init(TESSAPLUG_API_VERSION, kServiceHandle, [](void*, SERVICE_STATUS*) {}, nullptr, 0), 1u);
     EXPECT_EQ(loads.Loaded(), 1) << "for all models";
     EXPECT_EQ(loads.Unloaded(), 1);
     service.cleanup();
