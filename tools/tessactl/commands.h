@@ -39,6 +39,11 @@ void AddDump(command_line::Program& program);
 /// Recordings of the plug-in's trace.
 void AddTrace(command_line::Program& program);
 
+/// One page with everything that support asks for.
+void AddReport(command_line::Program& program);
+/// One part of it: run in a process of its own by report.
+void AddReportPart(command_line::Program& program);
+
 /// Asks one partner, which may never answer: run in a process of its own by doctor.
 void AddProbe(command_line::Program& program);
 

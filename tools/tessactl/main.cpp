@@ -31,6 +31,8 @@ int Run(const std::vector<std::wstring>& arguments) {
     AddExceptions(program);
     AddDump(program);
     AddTrace(program);
+    AddReport(program);
+    AddReportPart(program);
     AddProbe(program);
     return program.Run(arguments);
 }
