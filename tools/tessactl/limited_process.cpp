@@ -48,8 +48,8 @@ UniqueKernelHandle Start(const std::wstring& arguments, HANDLE output, HANDLE er
 void TakeOutput(HANDLE pipe, std::string& output) {
     char buffer[4096];
     DWORD available = 0;
-    while (output.size() < kMostOutput &&
-           ::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+    while (output.size() < kMostOutput && ::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) &&
+           available > 0) {
         DWORD read = 0;
         if (!::ReadFile(pipe, buffer, std::min<DWORD>(available, sizeof buffer), &read, nullptr)) return;
         output.append(buffer, read);

@@ -141,8 +141,7 @@ Anonymiser::Anonymiser(PrivateNames names) {
     for (std::wstring& name : names.users)
         if (!name.empty()) names_.push_back({std::move(name), kUser});
     // "STATION.plant" before "STATION".
-    std::ranges::sort(names_, std::ranges::greater(),
-                             [](const Name& name) { return name.text.length(); });
+    std::ranges::sort(names_, std::ranges::greater(), [](const Name& name) { return name.text.length(); });
 }
 
 std::wstring Anonymiser::WithoutNames(const std::wstring& text) const {

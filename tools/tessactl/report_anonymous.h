@@ -20,8 +20,8 @@ PrivateNames NamesOnThisMachine();
 /// names.
 void AddAccount(PrivateNames& names, const std::wstring& account);
 
-/// Takes names of users and computers out of texts: those that are known, whole words in any case; what stands
-/// where a profile's folder or a server has its name; security identifiers of accounts.
+/// Takes names of users and computers out of texts: those that are known, whole words in any case; what
+/// stands where a profile's folder or a server has its name; security identifiers of accounts.
 class Anonymiser {
   public:
     explicit Anonymiser(PrivateNames names);

@@ -30,9 +30,8 @@ std::string PagePart(const wchar_t* name) {
 std::wstring RegistryText(const wchar_t* value) {
     wchar_t text[256] = {};
     DWORD size = sizeof text;
-    const bool isRead =
-        ::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", value,
-                       RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS;
+    const bool isRead = ::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
+                                       value, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS;
     return isRead ? text : L"";
 }
 
@@ -100,8 +99,8 @@ std::wstring DefaultFile(bool isAnonymous) {
 /// old page or the new one, never a part.
 void WriteWhole(const std::wstring& path, const std::string& text) {
     const std::wstring part = path + L"." + std::to_wstring(::GetCurrentProcessId()) + L".part";
-    UniqueKernelHandle file(
-        ::CreateFileW(part.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueKernelHandle file(::CreateFileW(part.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                          FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) FailToWrite(path, ::GetLastError());
     DWORD written = 0;
     bool isWritten =

@@ -19,10 +19,11 @@ std::pair<Json::json_pointer, std::size_t> LargestList(const Json& json, const J
 
 void DropOlderHalf(Json& data, const Json::json_pointer& at) {
     Json& list = data[at];
-    const std::size_t before = list.size();
-    list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>((before + 1) / 2));
-    Json& lost = data["shortened"][at.to_string()];
-    lost = (lost.is_number() ? lost.get<std::size_t>() : 0) + before - list.size();
+    const std::size_t lost = (list.size() + 1) / 2;
+    list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(lost));
+    // A new member moves the others: the list is not touched any more.
+    Json& sum = data["shortened"][at.to_string()];
+    sum = (sum.is_number() ? sum.get<std::size_t>() : 0) + lost;
 }
 
 void ReplaceOnce(std::string& text, const std::string& mark, const std::string& by) {
@@ -60,7 +61,9 @@ void LimitTexts(Json& json, std::size_t most) {
         auto& text = json.get_ref<std::string&>();
         if (text.length() <= most) return;
         std::size_t end = most;
-        const auto isInsideACharacter = [&] { return (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; };
+        const auto isInsideACharacter = [&] {
+            return (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80;
+        };
         while (end > 0 && isInsideACharacter())
             --end;
         text = text.substr(0, end) + "...";

@@ -213,12 +213,14 @@ void AddFiles(Json& files, const std::wstring& pattern) {
     const std::wstring folder = pattern.substr(0, pattern.rfind(L'\\') + 1);
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) continue;
-        const ULONG64 written = Joined(found.ftLastWriteTime.dwHighDateTime, found.ftLastWriteTime.dwLowDateTime);
+        const ULONG64 written =
+            Joined(found.ftLastWriteTime.dwHighDateTime, found.ftLastWriteTime.dwLowDateTime);
         const ULONG64 age = (Joined(now.dwHighDateTime, now.dwLowDateTime) - written) / kSecond;
-        files.push_back({{"file", Utf8(folder + found.cFileName)},
-                         {"bytes", Joined(found.nFileSizeHigh, found.nFileSizeLow)},
-                         {"written", LocalTimeText(static_cast<DWORD>((written - kFrom1601To1970) / kSecond))},
-                         {"ageSeconds", age}});
+        files.push_back(
+            {{"file", Utf8(folder + found.cFileName)},
+             {"bytes", Joined(found.nFileSizeHigh, found.nFileSizeLow)},
+             {"written", LocalTimeText(static_cast<DWORD>((written - kFrom1601To1970) / kSecond))},
+             {"ageSeconds", age}});
     } while (files.size() < kMost && ::FindNextFileW(search.get(), &found));
 }
 
@@ -284,8 +286,8 @@ struct Part {
 };
 
 constexpr Part kParts[] = {
-    {L"station", &StationPart}, {L"components", &ComponentsPart}, {L"service", &ServicePart},
-    {L"host-log", &HostLogPart}, {L"files", &FilesPart},          {L"recording", &RecordingPart},
+    {L"station", &StationPart},  {L"components", &ComponentsPart}, {L"service", &ServicePart},
+    {L"host-log", &HostLogPart}, {L"files", &FilesPart},           {L"recording", &RecordingPart},
 };
 
 }  // namespace

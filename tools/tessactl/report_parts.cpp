@@ -47,9 +47,9 @@ Json Ask(const std::wstring& command, milliseconds limit, Clock::time_point dead
     const milliseconds allowed = std::min(limit, left);
     const LimitedResult result = RunThisProgram(command, allowed);
     if (!result.ended)
-        return Failed(
-            "no answer within " +
-            std::to_string(std::chrono::duration_cast<std::chrono::seconds>(allowed).count()) + " seconds");
+        return Failed("no answer within " +
+                      std::to_string(std::chrono::duration_cast<std::chrono::seconds>(allowed).count()) +
+                      " seconds");
     const std::string words = WordsOf(result.errors);
     Json data = Json::parse(result.output, nullptr, false);
     if (data.is_discarded()) return Failed(words.empty() ? EndInWords(result.exitCode) : words);

@@ -14,8 +14,8 @@
 
 namespace tessactl {
 
-/// The calls of a recording for a flame chart: the newest of them, and the newest warnings and errors. Times are
-/// microseconds since the recording's first message.
+/// The calls of a recording for a flame chart: the newest of them, and the newest warnings and errors. Times
+/// are microseconds since the recording's first message.
 class RecordedCalls {
   public:
     RecordedCalls(std::size_t mostCalls, std::size_t mostWarnings);

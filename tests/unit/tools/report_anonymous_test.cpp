@@ -11,7 +11,8 @@ using tessactl::PrivateNames;
 namespace {
 
 const Anonymiser& Plant() {
-    static const Anonymiser anonymiser({{L"anna", L"J\u00f6rg", L""}, {L"STATION7", L"STATION7.plant.example"}});
+    static const Anonymiser anonymiser(
+        {{L"anna", L"J\u00f6rg", L""}, {L"STATION7", L"STATION7.plant.example"}});
     return anonymiser;
 }
 

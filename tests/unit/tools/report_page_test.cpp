@@ -12,9 +12,14 @@ using tessactl::ScriptSafe;
 namespace {
 
 const std::string kHostile[] = {
-    "</script><script>alert(1)</script>",     "<!--<script>",        "line\nend\r\n\t",
-    "\xe2\x80\xae right to left \xe2\x80\x8f", "\xe2\x80\xa8\xe2\x80\xa9", "\"}]}; alert(1); //",
-    "&lt;b&gt; & <b>", "{\"data\":0} /*SCRIPT*/",
+    "</script><script>alert(1)</script>",
+    "<!--<script>",
+    "line\nend\r\n\t",
+    "\xe2\x80\xae right to left \xe2\x80\x8f",
+    "\xe2\x80\xa8\xe2\x80\xa9",
+    "\"}]}; alert(1); //",
+    "&lt;b&gt; & <b>",
+    "{\"data\":0} /*SCRIPT*/",
 };
 
 TEST(ReportPage, HostileTextsAreNeitherHtmlNorAnythingBeyondAscii) {
@@ -33,8 +38,8 @@ TEST(ReportPage, BytesThatAreNoUtf8AreReplaced) {
 }
 
 TEST(ReportPage, DataStandsInThePageAndIsNotSearchedForMarks) {
-    const tessactl::PageParts parts = {"<style>/*STYLE*/</style><script>/*SCRIPT*/</script><p>{\"data\":0}</p>",
-                                       "s{}", "run()"};
+    const tessactl::PageParts parts = {
+        "<style>/*STYLE*/</style><script>/*SCRIPT*/</script><p>{\"data\":0}</p>", "s{}", "run()"};
     EXPECT_EQ(PageOf(parts, {{"a", "/*SCRIPT*/ {\"data\":0}"}}),
               "<style>s{}</style><script>run()</script><p>{\"a\":\"/*SCRIPT*/ {\\\"data\\\":0}\"}</p>");
 }

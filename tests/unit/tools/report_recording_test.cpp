@@ -17,9 +17,15 @@ class Script {
   public:
     explicit Script(std::size_t mostCalls = 100, std::size_t mostWarnings = 100)
         : calls_(mostCalls, mostWarnings) {}
-    Script& Enter(const std::string& function) { return Add(kEntry, {"function_trace", 5, "", {"f", function}, ""}); }
-    Script& Leave(const std::string& function) { return Add(kExit, {"function_trace", 5, "", {"f", function}, ""}); }
-    Script& Say(unsigned int level, const std::string& text) { return Add(kEntry, {"name", level, text, {}, ""}); }
+    Script& Enter(const std::string& function) {
+        return Add(kEntry, {"function_trace", 5, "", {"f", function}, ""});
+    }
+    Script& Leave(const std::string& function) {
+        return Add(kExit, {"function_trace", 5, "", {"f", function}, ""});
+    }
+    Script& Say(unsigned int level, const std::string& text) {
+        return Add(kEntry, {"name", level, text, {}, ""});
+    }
     Script& SayUnknown() { return Add(kEntry, {"", 0, "?", {}, ""}); }
     Json Finish() const { return calls_.Finish(); }
 
