@@ -190,6 +190,17 @@ run tessactl log | tee "$WINEPREFIX/log.txt"
 grep -q '0x00000100  The adapter service plug-in has started' "$WINEPREFIX/log.txt" ||
     fail "the Application log does not tell of the start"
 
+heading "A report for whoever cannot come"
+run tessactl report 'C:\tessaplug-report.html'
+cp "$WINEPREFIX/drive_c/tessaplug-report.html" build/demo-report.html
+echo "the page: build/demo-report.html"
+if command -v chromium >/dev/null; then
+    chromium --headless --no-sandbox --disable-gpu --user-data-dir="$WINEPREFIX/browser" --window-size=1400,3000 \
+        --screenshot="$PWD/build/demo-report.png" "file://$PWD/build/demo-report.html" >/dev/null 2>&1 ||
+        fail "the browser does not show the report"
+    echo "its picture: build/demo-report.png"
+fi
+
 heading "Removing it"
 product_remove || fail "the removal failed: $WINEPREFIX/drive_c/remove.log says why"
 echo "what the installer says:"

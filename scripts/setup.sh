@@ -6,7 +6,7 @@ packages=(
     clang-19 lld-19 clang-tidy-19 clang-format-19
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
     ninja-build cmake googletest libcli11-dev nlohmann-json3-dev python3 git yamllint
-    wine64 xvfb xdotool imagemagick lldb-19
+    wine64 xvfb xdotool imagemagick chromium lldb-19
     msitools wixl openssl osslsigncode ca-certificates python3-jsonschema
     prometheus prometheus-node-exporter
 )

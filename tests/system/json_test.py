@@ -125,6 +125,11 @@ class Nothing(unittest.TestCase):
         self.assertEqual(check("dump_list", must("tessactl", "dump", "list", "--json", "--folder", rf"C:\{folder.name}")),
                          [])
 
+    def test_report_has_every_part_or_why_not(self):
+        told = check("report", must("tessactl", "report", "--json", "--service", "no such"))
+        self.assertIn("error", told["parts"]["service"])
+        self.assertIn("data", told["parts"]["findings"])
+
     def test_no_recording(self):
         self.assertEqual(check("trace_status", must("tessactl", "trace", "status", "--json")),
                          {"schema": 1, "running": False})

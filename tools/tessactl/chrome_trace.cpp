@@ -4,26 +4,10 @@
 #include <set>
 
 #include "json.h"
+#include "thread_roles.h"
 
 namespace tessactl {
 namespace {
-
-/// What a thread is for is known by the functions that run on no other. A circular recording may have lost
-/// those that run once, so those that come again and again count too.
-constexpr struct {
-    const char* function;
-    const char* role;
-} kRoles[] = {
-    {"tessaplug_init", "main"},
-    {"tessaplug_cleanup", "main"},
-    {"tessaplug_service_ctrl_handler", "service controls"},
-    {"tessaplug::DeviceMonitor::RequestHandler", "worker"},
-    {"tessaplug::DeviceMonitor::WaitForRequests", "worker"},
-    {"tessaplug::DeviceMonitor::ServeRequests", "worker"},
-    {"tessaplug::EventLogMonitor::Run", "monitor"},
-    {"tessaplug::EventLogMonitor::Watch", "monitor"},
-    {"operating_system::EventLog::WaitForChangesInEventLog", "monitor"},
-};
 
 std::string Joined(const std::vector<std::string>& events, bool reversed = false) {
     std::string all;
@@ -52,8 +36,7 @@ std::string ChromeTraceWriter::Event(const FunctionCalls::Function& function, ch
 void ChromeTraceWriter::LearnRole(const Place& place, const std::string& function) {
     // The first one stays: a host may call all exports on one thread.
     std::string& role = roles_[place.thread];
-    for (const auto& known : kRoles)
-        if (role.empty() && function == known.function) role = known.role;
+    if (role.empty()) role = ThreadRole(function);
 }
 
 void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage& decoded) {

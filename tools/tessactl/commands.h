@@ -42,6 +42,11 @@ void AddTrace(command_line::Program& program);
 /// The station's numbers, for a monitoring system.
 void AddMetrics(command_line::Program& program);
 
+/// One page with everything that support asks for.
+void AddReport(command_line::Program& program);
+/// One part of it: run in a process of its own by report.
+void AddReportPart(command_line::Program& program);
+
 /// Asks one partner, which may never answer: run in a process of its own by doctor.
 void AddProbe(command_line::Program& program);
 

@@ -1,8 +1,6 @@
 #include <windows.h>
-#include <shellapi.h>
 
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,22 +16,6 @@
 
 namespace tessactl {
 namespace {
-
-/// The program and arguments that the service is started with; none if that is not known.
-std::vector<std::wstring> CommandLineOf(const QueriedService& service) {
-    std::vector<BYTE> buffer(8192);  // what the service manager needs at most
-    auto* settings = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-    DWORD needed = 0;
-    if (!service.IsInstalled() ||
-        !::QueryServiceConfigW(service.get(), settings, static_cast<DWORD>(buffer.size()), &needed) ||
-        settings->lpBinaryPathName == nullptr || *settings->lpBinaryPathName == L'\0')
-        return {};
-    int count = 0;
-    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(
-        ::CommandLineToArgvW(settings->lpBinaryPathName, &count), &::LocalFree);
-    if (!words) return {};
-    return {words.get(), words.get() + count};
-}
 
 bool IsMissing(const std::wstring& path) {
     if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) return false;
@@ -76,7 +58,7 @@ ServedFile Loaded(const RunningProcess& process, const RunningProcess::Module& m
 }
 
 void ReadFiles(StationBuilds& builds, const QueriedService& service, const std::wstring& plugIn) {
-    const auto commandLine = CommandLineOf(service);
+    const auto commandLine = service.CommandLine();
     if (commandLine.empty()) {
         builds.host.file.whyNot = builds.plugIn.file.whyNot = "the service's command line cannot be read";
         return;

@@ -32,6 +32,8 @@ int Run(const std::vector<std::wstring>& arguments) {
     AddDump(program);
     AddTrace(program);
     AddMetrics(program);
+    AddReport(program);
+    AddReportPart(program);
     AddProbe(program);
     return program.Run(arguments);
 }

@@ -82,7 +82,7 @@ LimitedResult Ask(const MetricsSource& source, const Options& options) {
         return RunThisProgram(ArgumentsFor(source, options.request), std::chrono::seconds(options.timeOut));
     } catch (const ToolError& error) {
         std::fprintf(stderr, "tessactl: %s: %s\n", source.name, error.what());
-        return {.ended = true, .exitCode = static_cast<DWORD>(ExitCode::kFailed), .output = {}};
+        return {.ended = true, .exitCode = static_cast<DWORD>(ExitCode::kFailed), .output = {}, .errors = {}};
     }
 }
 

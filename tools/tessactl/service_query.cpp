@@ -1,5 +1,9 @@
 #include "service_query.h"
 
+#include <shellapi.h>
+
+#include <memory>
+
 namespace tessactl {
 
 QueriedService::QueriedService(const std::wstring& name) : name_(name) {
@@ -19,6 +23,21 @@ SERVICE_STATUS_PROCESS QueriedService::Status() const {
     status = {};
     status.dwCurrentState = SERVICE_STOPPED;
     return status;
+}
+
+std::vector<std::wstring> QueriedService::CommandLine() const {
+    std::vector<BYTE> buffer(8192);  // what the service manager needs at most
+    auto* settings = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+    DWORD needed = 0;
+    if (!IsInstalled() ||
+        !::QueryServiceConfigW(get(), settings, static_cast<DWORD>(buffer.size()), &needed) ||
+        settings->lpBinaryPathName == nullptr || *settings->lpBinaryPathName == L'\0')
+        return {};
+    int count = 0;
+    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(
+        ::CommandLineToArgvW(settings->lpBinaryPathName, &count), &::LocalFree);
+    if (!words) return {};
+    return {words.get(), words.get() + count};
 }
 
 }  // namespace tessactl

@@ -4,6 +4,7 @@
 #include <winsvc.h>
 
 #include <string>
+#include <vector>
 
 #include "unique_handle.h"
 
@@ -24,6 +25,9 @@ class QueriedService {
 
     /// State and process at this moment; SERVICE_STOPPED and 0 if it is not known.
     SERVICE_STATUS_PROCESS Status() const;
+
+    /// The program and arguments that it is started with; none if that is not known.
+    std::vector<std::wstring> CommandLine() const;
 
   private:
     std::wstring name_;

@@ -115,22 +115,33 @@ std::vector<StationState::Model> ReadModels(std::string& libraryError) {
     auto models = SupportedModels();
     ReadAdapters(models);
     libraryError = ReadAccessPoints(models);
-    if (!libraryError.empty())
-        for (auto& model : models)
-            model.accessPoints.clear();
+    if (!libraryError.empty()) ForgetAccessPoints(models);
     return models;
+}
+
+void ForgetAccessPoints(std::vector<StationState::Model>& models) {
+    for (auto& model : models)
+        model.accessPoints.clear();
 }
 
 bool InstanceLockExists() {
     return MutexExists(kGlobal + tessaplug::ServiceDbIf::create_database()->GlobalInstanceLockName());
 }
 
-StationState ReadStation() {
+StationState ReadStationWithoutLibrary() {
     StationState state;
     state.plugInRuns = InstanceLockExists();
     state.interprocess = ReadInterprocessObjects();
     state.libraryPath = quelm::ConfigurationLibraryPath(&state.libraryIsRegistered);
-    state.models = ReadModels(state.libraryError);
+    state.models = SupportedModels();
+    ReadAdapters(state.models);
+    return state;
+}
+
+StationState ReadStation() {
+    StationState state = ReadStationWithoutLibrary();
+    state.libraryError = ReadAccessPoints(state.models);
+    if (!state.libraryError.empty()) ForgetAccessPoints(state.models);
     return state;
 }
 

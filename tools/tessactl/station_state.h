@@ -41,6 +41,10 @@ struct StationState {
 /// Looks at everything. What cannot be had is missing in the result; nothing is thrown for it.
 StationState ReadStation();
 
+/// The same without asking the configuration library, which may never answer: how the access points stand is
+/// not known.
+StationState ReadStationWithoutLibrary();
+
 /// The default log devices that are installed.
 /// @throws std::exception if the configuration library cannot tell
 std::vector<std::string> InstalledLogDevices();
@@ -54,6 +58,9 @@ std::vector<StationState::Model> SupportedModels();
 void ReadAdapters(std::vector<StationState::Model>& models);
 /// @return why the access points are not known, in UTF-8; empty if they are
 std::string ReadAccessPoints(std::vector<StationState::Model>& models);
+
+/// Takes out the access points, of which nothing is known.
+void ForgetAccessPoints(std::vector<StationState::Model>& models);
 
 /// Whether somebody holds the plug-in's instance lock.
 bool InstanceLockExists();

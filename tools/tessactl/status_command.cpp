@@ -1,13 +1,12 @@
+#include "status_command.h"
+
 #include <cstdio>
 #include <string>
 
 #include "commands.h"
-#include "json.h"
-#include "station_state.h"
 #include "text.h"
 
 namespace tessactl {
-namespace {
 
 Json JsonOf(const StationState& state) {
     Json objects = Json::array();
@@ -40,6 +39,8 @@ Json JsonOf(const StationState& state) {
             {"libraryError", state.libraryError},
             {"models", models}};
 }
+
+namespace {
 
 const char* YesNo(bool value) {
     return value ? "yes" : "no";

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "json.h"
+#include "service_query.h"
+
+namespace tessactl {
+
+/// What a report is made of, and how much of it.
+struct ReportRequest {
+    std::wstring service = kDefaultService;
+    std::wstring plugIn = kDefaultPlugIn;
+    std::wstring recording;  ///< empty: the one of "trace start"
+    std::wstring tmf;        ///< empty: beside the program
+    std::wstring dumps;      ///< folder; empty: the one of "dump list"
+};
+
+/// How much of each list is told; of more the newest.
+inline constexpr std::size_t kMostRecords = 2000;
+inline constexpr std::size_t kMostCalls = 6000;
+inline constexpr std::size_t kMostWarnings = 500;
+inline constexpr std::size_t kMostDumps = 5;
+
+/// Asks every source, each in a process of its own, which may crash, hang or be refused: that costs its part
+/// and nothing else.
+/// @return for each part its "data", or an "error" in words; beside the data there may be a "note"
+Json GatherParts(const ReportRequest& request, std::chrono::steady_clock::time_point deadline);
+
+}  // namespace tessactl
