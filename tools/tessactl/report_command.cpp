@@ -70,7 +70,8 @@ Json Gather(const ReportRequest& request, bool isAnonymous) {
     constexpr auto kLimit = std::chrono::seconds(13);
     constexpr std::size_t kMostText = 2000;      // bytes of one text
     constexpr std::size_t kMostData = 12 << 20;  // of the whole
-    Json data = {{"schema", 1}, {"report", HeadOfReport(isAnonymous)},
+    Json data = {{"schema", 1},
+                 {"report", HeadOfReport(isAnonymous)},
                  {"parts", GatherParts(request, std::chrono::steady_clock::now() + kLimit)}};
     if (isAnonymous) {
         PrivateNames names = NamesOnThisMachine();
