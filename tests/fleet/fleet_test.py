@@ -234,7 +234,8 @@ class Fleet(unittest.TestCase):
             replace(simulated / f"{i}.prom", of_station((idle, plugged)[i % 2], f"station-{i}"))
         writer = start("tessactl.exe", "metrics", "--every", "1", "--dumps", windows_path(self.folder), "--output",
                        windows_path(real / "tessaplug.prom"))
-        self.addCleanup(lambda: (writer.kill(), writer.communicate()))
+        # Its output is not read to the end: programs that the emulator leaves running may hold the pipe.
+        self.addCleanup(lambda: (writer.kill(), writer.wait(20), writer.stdout.close()))
         exporters = Exporter(real), Exporter(simulated)
         for exporter in exporters:
             self.addCleanup(exporter.end)

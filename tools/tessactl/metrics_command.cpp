@@ -89,6 +89,7 @@ LimitedResult Ask(const MetricsSource& source, const Options& options) {
 /// Adds what a source told, unless its process was cut off, in the middle of who knows what.
 /// @return whether it told everything
 bool AddTo(Exposition& metrics, const MetricsSource& source, const LimitedResult& result) {
+    std::fputs(result.errors.c_str(), stderr);
     std::vector<std::string> lines;
     std::istringstream output(result.output);
     for (std::string line; std::getline(output, line);) {
