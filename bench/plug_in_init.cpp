@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -101,7 +102,7 @@ void SummariseInits() {
     double init = 0;
     double bare = 0;
     double added = 0;
-    while (std::scanf("%lf %lf %lf", &init, &bare, &added) == 3) {
+    while (std::cin >> init >> bare >> added) {
         times.Add(init, bare);
         kilobytes.push_back(added);
     }
