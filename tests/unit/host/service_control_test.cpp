@@ -349,15 +349,14 @@ TEST(ServiceCommandLine, IsReadBackAsTheOptionsItWasMadeOf) {
     options.stopTimeOut = 45;
     options.logSize = 100;
     options.logKeep = 7;
-    const auto read = host::OptionsOf(host::CommandLineOf(options));
-    ASSERT_TRUE(read);
-    EXPECT_EQ(read->name, options.name);
-    EXPECT_EQ(read->program, options.program);
-    EXPECT_EQ(read->plugIn, options.plugIn);
-    EXPECT_EQ(read->log, options.log);
-    EXPECT_EQ(read->stopTimeOut, 45u);
-    EXPECT_EQ(read->logSize, 100u);
-    EXPECT_EQ(read->logKeep, 7u);
+    const Options read = host::OptionsOf(host::CommandLineOf(options)).value_or(Options());
+    EXPECT_EQ(read.name, options.name);
+    EXPECT_EQ(read.program, options.program);
+    EXPECT_EQ(read.plugIn, options.plugIn);
+    EXPECT_EQ(read.log, options.log);
+    EXPECT_EQ(read.stopTimeOut, 45u);
+    EXPECT_EQ(read.logSize, 100u);
+    EXPECT_EQ(read.logKeep, 7u);
 }
 
 TEST(ServiceCommandLine, OfAnotherProgramHasNoOptions) {
@@ -391,24 +390,22 @@ TEST_F(Control, FoundServiceTellsItsOptionsAndWhetherItRuns) {
     ON_CALL(*advapi32_, QueryServiceConfigW)
         .WillByDefault(AnswerBasics(SERVICE_AUTO_START, L"C:\\p\\tessahost.exe run --stop-timeout 45"));
     ON_CALL(*advapi32_, QueryServiceStatusEx).WillByDefault(AnswerState(SERVICE_START_PENDING));
-    const auto service = control_.Find(L"x");
-    ASSERT_TRUE(service);
-    EXPECT_EQ(service->commandLine, L"C:\\p\\tessahost.exe run --stop-timeout 45");
-    ASSERT_TRUE(service->options);
-    EXPECT_EQ(service->options->program, L"C:\\p\\tessahost.exe");
-    EXPECT_EQ(service->options->stopTimeOut, 45u);
-    EXPECT_TRUE(service->options->automaticStart);
-    EXPECT_FALSE(service->options->delayedStart);
-    EXPECT_TRUE(service->isRunning);
+    const auto service = control_.Find(L"x").value_or(host::InstalledService());
+    EXPECT_EQ(service.commandLine, L"C:\\p\\tessahost.exe run --stop-timeout 45");
+    const Options options = service.options.value_or(Options());
+    EXPECT_EQ(options.program, L"C:\\p\\tessahost.exe");
+    EXPECT_EQ(options.stopTimeOut, 45u);
+    EXPECT_TRUE(options.automaticStart);
+    EXPECT_FALSE(options.delayedStart);
+    EXPECT_TRUE(service.isRunning);
 }
 
 TEST_F(Control, FoundServiceOfAnotherProgramHasNoOptions) {
     ON_CALL(*advapi32_, QueryServiceConfigW).WillByDefault(AnswerBasics(SERVICE_DEMAND_START, L"C:\\x.exe"));
-    const auto service = control_.Find(L"x");
-    ASSERT_TRUE(service);
-    EXPECT_EQ(service->commandLine, L"C:\\x.exe");
-    EXPECT_FALSE(service->options);
-    EXPECT_FALSE(service->isRunning);
+    const auto service = control_.Find(L"x").value_or(host::InstalledService());
+    EXPECT_EQ(service.commandLine, L"C:\\x.exe");
+    EXPECT_FALSE(service.options);
+    EXPECT_FALSE(service.isRunning);
 }
 
 TEST_F(Control, ServiceThatIsNotThereIsNotFound) {
