@@ -80,17 +80,6 @@ void CheckDescription(Findings& findings, const QueriedService& service) {
         });
 }
 
-const char* StartTypeText(DWORD type) {
-    switch (type) {
-        case SERVICE_AUTO_START:
-            return "with the machine";
-        case SERVICE_DISABLED:
-            return "disabled";
-        default:
-            return "by hand";
-    }
-}
-
 void CheckStart(Findings& findings, const QueriedService& service) {
     std::vector<BYTE> buffer(8192);
     DWORD needed = 0;

@@ -88,17 +88,6 @@ const char* StateName(DWORD state) {
     }
 }
 
-const char* StartName(DWORD type) {
-    switch (type) {
-        case SERVICE_AUTO_START:
-            return "with the machine";
-        case SERVICE_DISABLED:
-            return "disabled";
-        default:
-            return "by hand";
-    }
-}
-
 Json TextOrNothing(const wchar_t* text) {
     return Utf8(text != nullptr ? text : L"");
 }
@@ -134,7 +123,7 @@ Json ServicePart(const ReportRequest& request) {
     }
     json["displayName"] = TextOrNothing(settings->lpDisplayName);
     json["account"] = TextOrNothing(settings->lpServiceStartName);
-    json["start"] = StartName(settings->dwStartType);
+    json["start"] = StartTypeText(settings->dwStartType);
     json["dependencies"] = TextsOf(settings->lpDependencies);
     json["commandLine"] = TextOrNothing(settings->lpBinaryPathName);
     return json;

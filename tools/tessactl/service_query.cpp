@@ -40,4 +40,15 @@ std::vector<std::wstring> QueriedService::CommandLine() const {
     return {words.get(), words.get() + count};
 }
 
+const char* StartTypeText(DWORD type) {
+    switch (type) {
+        case SERVICE_AUTO_START:
+            return "with the machine";
+        case SERVICE_DISABLED:
+            return "disabled";
+        default:
+            return "by hand";
+    }
+}
+
 }  // namespace tessactl

@@ -39,4 +39,8 @@ class QueriedService {
 inline constexpr wchar_t kDefaultService[] = L"tessahost";
 inline constexpr wchar_t kDefaultPlugIn[] = L"tessaplug.dll";
 
+/// How a service is started, e.g. "with the machine".
+/// @param type e.g. SERVICE_AUTO_START
+const char* StartTypeText(DWORD type);
+
 }  // namespace tessactl
