@@ -15,6 +15,7 @@ namespace station_manager {
 namespace {
 
 constexpr DWORD kIdleTimeoutMs = 8000;
+constexpr wchar_t kHangs[] = L"hang-in-getdata";  // until it is told something else
 constexpr wchar_t kClassKey[] = L"SOFTWARE\\Classes\\CLSID\\{A1BFDF31-F4D2-11D3-9140-00105AAFF783}";
 
 HANDLE unused = nullptr;  // signalled when the last client is gone
@@ -72,6 +73,10 @@ class Station final : public ISetupSupport, public IComponentControl, public IDi
         NoteCall();
         const std::wstring fault = store_.Fault();
         if (fault == L"exit-in-getdata") Die();
+        while (store_.Fault() == kHangs) {
+            NoteCall();
+            ::Sleep(20);
+        }
         ::VariantInit(data);
         if (kind != STATION_CONFIG_DATA) return E_INVALIDARG;
         const auto components = store_.Components();

@@ -31,8 +31,8 @@ int Usage() {
         L"  start VMD | stop VMD             starts or stops it\n"
         L"  diagnostics [--clear]            shows or clears the diagnostic entries\n"
         L"  fault KIND                       for tests; what the server does wrong from now on: none,\n"
-        L"                                   exit-at-start, exit-in-getdata, exit-in-stop, odd-length or\n"
-        L"                                   refuse-VMD\n",
+        L"                                   exit-at-start, exit-in-getdata, exit-in-stop,\n"
+        L"                                   hang-in-getdata, odd-length or refuse-VMD\n",
         stderr);
     return kUsage;
 }

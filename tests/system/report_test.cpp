@@ -1,12 +1,17 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "common_files_folder.h"
+#include "component_store.h"
+#include "event_log_file.h"
+#include "program_folder.h"
 #include "station.h"
 #include "tool.h"
 
@@ -96,6 +101,89 @@ TEST_F(Report, LibraryThatHangsKeepsNothingElse) {
     EXPECT_NE(Page().find(R"j("libraryError":"no answer within 6 seconds")j"), std::string::npos)
         << made.output;
     EXPECT_NE(Page().find(R"j("account":"LocalSystem")j"), std::string::npos);
+}
+
+TEST_F(Report, StationManagerThatHangsKeepsNothingElse) {
+    EXPECT_EQ(test_support::RunCommand(L"stationmgr.exe register").exitCode, 0U);
+    const station_manager::ComponentStore components;
+    EXPECT_EQ(components.SetFault(L"hang-in-getdata"), ERROR_SUCCESS);
+    CommandResult made;
+    EXPECT_LT(TimeOf(kPage, made), 20'000U);
+    EXPECT_EQ(components.SetFault(L""), ERROR_SUCCESS);
+    EXPECT_EQ(test_support::RunCommand(L"stationmgr.exe unregister").exitCode, 0U);
+    EXPECT_EQ(made.exitCode, 0U) << made.output;
+    EXPECT_TRUE(Contains(made, "  without components: no answer within 1")) << made.output;
+    EXPECT_FALSE(Contains(made, "without service")) << made.output;
+    EXPECT_NE(Page().find(R"j("account":"LocalSystem")j"), std::string::npos);
+}
+
+TEST_F(Report, HundredThousandRecordsAreTheNewestOfThem) {
+    constexpr DWORD kRecords = 100'000;
+    const wine_gap::EventLogFile log(L"System");
+    EXPECT_EQ(log.Clear(), ERROR_SUCCESS);
+    const DWORD limit = 64 << 20;
+    constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\System";
+    EXPECT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize", REG_DWORD, &limit, sizeof limit), 0);
+    std::vector<wine_gap::Event> records(
+        kRecords, {L"fenlu3", EVENTLOG_ERROR_TYPE, 0, 0xC0040103, {L"\\Device\\Fenlu3", L"\"hot\""}, {}});
+    records.back().strings.back() = L"\"the last one </script><b>\"";
+    EXPECT_EQ(log.Append(records), ERROR_SUCCESS);
+    EXPECT_EQ(log.State().Count(), kRecords);
+    CommandResult made;
+    EXPECT_LT(TimeOf(kPage, made), 20'000U);
+    EXPECT_EQ(log.Clear(), ERROR_SUCCESS);
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"MaxSize");
+    EXPECT_EQ(made.exitCode, 0U) << made.output;
+    EXPECT_FALSE(Contains(made, "without systemLog")) << made.output;
+    const std::string page = Page();
+    EXPECT_LT(page.size(), 20U << 20);
+    EXPECT_NE(page.find(R"j("note":"There are more: these are the newest 2000.")j"), std::string::npos);
+    EXPECT_NE(page.find(R"j(the last one \u003c/script\u003e\u003cb\u003e)j"), std::string::npos);
+}
+
+TEST_F(Report, FilesThatAreRefusedCostTheirPartsOnly) {
+    const std::filesystem::path folder = L"C:\\windows\\temp\\tessactl_report_held";
+    std::filesystem::create_directory(folder);
+    const std::wstring dump = folder / L"tessaplug.dll_20261121-101112.dmp";
+    std::vector<HANDLE> held;
+    for (const std::wstring& path : {dump, kRecording, log_}) {
+        Write(path, "nobody else may read this");
+        held.push_back(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_NE(held.back(), INVALID_HANDLE_VALUE);
+    }
+    const CommandResult made =
+        Tool(L"report --json --recording " + kRecording + L" --dumps " + folder.wstring());
+    std::ranges::for_each(held, &::CloseHandle);
+    std::filesystem::remove_all(folder);
+    EXPECT_EQ(made.exitCode, 0U);
+    for (const auto* text :
+         {R"j("hostLog":{"error":"C:\\windows\\temp\\tessahost_test.log cannot be read: )j",
+          R"j("recording":{"error":"C:\\windows\\temp\\tessactl_report.etl )j", R"j("info":{"error":")j",
+          R"j("history":{"error":")j", R"j("service":{"data")j"})
+        EXPECT_TRUE(Contains(made, text)) << text << made.output;
+}
+
+TEST_F(Report, RecordingOfAnotherBuildIsToldAsSuch) {
+    StartService();
+    EXPECT_EQ(Tool(L"trace start --file " + kRecording).exitCode, 0U);
+    Plug(nx4120_);
+    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+    EXPECT_EQ(Tool(L"trace stop").exitCode, 0U);
+    // Formats that lack what the recording has, as those of another build do.
+    const std::filesystem::path formats = L"C:\\windows\\temp\\tessactl_report_tmf";
+    std::filesystem::create_directory(formats);
+    std::filesystem::path first;
+    for (const auto& file : std::filesystem::directory_iterator(test_support::ProgramFolder() + L"tmf"))
+        if (file.path().extension() == L".tmf" && (first.empty() || file.path() < first)) first = file.path();
+    std::filesystem::copy_file(first, formats / first.filename());
+    Write(formats / L"build.txt", "version 9.8.7.6\ncommit 0123456789ab\ndate 2020-02-03\n");
+    const CommandResult made =
+        Tool(L"report --json --recording " + kRecording + L" --tmf " + formats.wstring());
+    std::filesystem::remove_all(formats);
+    EXPECT_EQ(made.exitCode, 0U);
+    EXPECT_TRUE(Contains(made, "9.8.7.6")) << made.output;
+    EXPECT_FALSE(Contains(made, R"j("unknownMessages":0)j")) << made.output;
+    EXPECT_TRUE(Contains(made, R"j("unknownMessages":)j")) << made.output;
 }
 
 TEST_F(Report, AnonymousOneHasNoNames) {

@@ -85,7 +85,10 @@ EventMessages::EventMessages(const std::wstring& logName, const std::wstring& so
 std::wstring EventMessages::Sentence(const LogEntry& entry) const {
     for (const UniqueModule& file : files_)
         if (std::wstring sentence = SentenceIn(file.get(), entry); !sentence.empty()) return sentence;
-    return L"(the sentence for this event is not installed)";
+    std::wstring text = L"(the sentence for this event is not installed)";
+    for (std::size_t i = 0; i < entry.strings.size(); ++i)
+        text += (i == 0 ? L" " : L"; ") + entry.strings[i];
+    return text;
 }
 
 }  // namespace tessactl

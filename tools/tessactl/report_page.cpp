@@ -22,8 +22,14 @@ void DropOlderHalf(Json& data, const Json::json_pointer& at) {
     const std::size_t lost = (list.size() + 1) / 2;
     list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(lost));
     // A new member moves the others: the list is not touched any more.
-    Json& sum = data["shortened"][at.to_string()];
-    sum = (sum.is_number() ? sum.get<std::size_t>() : 0) + lost;
+    Json& shortened = data["shortened"];
+    const std::string name = at.to_string();
+    for (Json& known : shortened)
+        if (known["list"] == name) {
+            known["lost"] = known["lost"].get<std::size_t>() + lost;
+            return;
+        }
+    shortened.push_back({{"list", name}, {"lost", lost}});
 }
 
 void ReplaceOnce(std::string& text, const std::string& mark, const std::string& by) {

@@ -132,6 +132,14 @@ TEST_F(FollowedLog, SentencesComeFromTheFirstOfSeveralFilesThatHasThem) {
         << Tool(L"").output;
 }
 
+TEST_F(FollowedLog, WhatAnEventSaysIsShownWithoutItsSentenceAsWell) {
+    const HANDLE writer = ::RegisterEventSourceW(nullptr, kSource);
+    const wchar_t* strings[] = {L"the device", L"hot"};
+    EXPECT_TRUE(::ReportEventW(writer, EVENTLOG_ERROR_TYPE, 0, 7, nullptr, 2, 0, strings, nullptr));
+    ::DeregisterEventSource(writer);
+    EXPECT_TRUE(Contains(Tool(L""), "event is not installed) the device; hot")) << Tool(L"").output;
+}
+
 TEST_F(FollowedLog, IsShownInPart) {
     Register(test_support::ProgramFolder() + L"tessaplug.dll");
     Write(kStarted);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 using tessactl::Json;
 using tessactl::LimitSize;
@@ -58,7 +59,19 @@ TEST(ReportPage, TheLongestListLosesItsOldestUntilAllIsSmallEnough) {
     EXPECT_LE(ScriptSafe(data).size(), 100'000U);
     EXPECT_EQ(data["small"], Json({1, 2, 3}));
     EXPECT_EQ(data["large"].back(), "record 99999");
-    EXPECT_EQ(data["shortened"]["/large"].get<std::size_t>() + data["large"].size(), 100'000U);
+    ASSERT_EQ(data["shortened"].size(), 1U);
+    EXPECT_EQ(data["shortened"][0]["list"], "/large");
+    EXPECT_EQ(data["shortened"][0]["lost"].get<std::size_t>() + data["large"].size(), 100'000U);
+}
+
+TEST(ReportPage, EachListThatWasShortenedIsTold) {
+    const std::vector<std::string> texts(1000, "some text");
+    Json data = {{"one", texts}, {"other", {{"inner", texts}}}};
+    LimitSize(data, 2000);
+    ASSERT_EQ(data["shortened"].size(), 2U);
+    EXPECT_EQ(data["shortened"][0]["list"], "/one");
+    EXPECT_EQ(data["shortened"][1]["list"], "/other/inner");
+    EXPECT_EQ(data["shortened"][1]["lost"].get<std::size_t>() + data["other"]["inner"].size(), 1000U);
 }
 
 TEST(ReportPage, WhatIsSmallEnoughStaysAndWhatHasNoListsComesToAnEnd) {

@@ -104,8 +104,8 @@ function showHead() {
             list.append(html("li", "", PART_NAMES[name] + ": " + (parts[name] || {error: "not in this report"}).error));
         section("missing").append(html("h2", "", "What is missing here"), list);
     }
-    for (const [where, count] of Object.entries(data.shortened || {}))
-        section("missing").append(html("p", "missing", "To keep the page small the oldest " + count + " entries of " + where +
+    for (const {list, lost} of data.shortened || [])
+        section("missing").append(html("p", "missing", "To keep the page small the oldest " + lost + " entries of " + list +
             " were left out."));
 }
 
