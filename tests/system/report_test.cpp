@@ -13,6 +13,7 @@
 #include "event_log_file.h"
 #include "program_folder.h"
 #include "station.h"
+#include "test_event_log.h"
 #include "tool.h"
 
 // The report of a real station.
@@ -139,6 +140,21 @@ TEST_F(Report, HundredThousandRecordsAreTheNewestOfThem) {
     EXPECT_LT(page.size(), 20U << 20);
     EXPECT_NE(page.find(R"j("note":"There are more: these are the newest 2000.")j"), std::string::npos);
     EXPECT_NE(page.find(R"j(the last one \u003c/script\u003e\u003cb\u003e)j"), std::string::npos);
+}
+
+TEST_F(Report, EventLogThatRefusesCostsItsPartsOnly) {
+    const test_support::EventLogSetting stopped(wine_gap::kServiceIsStopped, 1);
+    CommandResult made;
+    EXPECT_LT(TimeOf(kPage, made), 20'000U);
+    EXPECT_EQ(made.exitCode, 0U) << made.output;
+    EXPECT_TRUE(Contains(made, "  without applicationLog: ")) << made.output;
+    EXPECT_TRUE(Contains(made, "  without systemLog: ")) << made.output;
+    EXPECT_FALSE(Contains(made, "without service")) << made.output;
+    const CommandResult metrics = Tool(L"metrics");
+    for (const auto* line : {R"j(tessaplug_source_up{source="system_log"} 0)j",
+                             R"j(tessaplug_source_up{source="application_log"} 0)j",
+                             R"j(tessaplug_source_up{source="service"} 1)j"})
+        EXPECT_TRUE(Contains(metrics, line)) << line << metrics.output;
 }
 
 TEST_F(Report, FilesThatAreRefusedCostTheirPartsOnly) {

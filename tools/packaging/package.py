@@ -76,6 +76,11 @@ def stand_in_entries(programs):
         yield path.relative_to(ROOT).as_posix(), path
 
 
+def many_stations_entries():
+    for path in [*(ROOT / "deploy" / "fleet").iterdir(), ROOT / "docs" / "many_stations.md"]:
+        yield path.relative_to(ROOT).as_posix(), path
+
+
 def components_of(contents, programs):
     """What of others is in each binary of the package; each is one that was built, and signed, here. In the package a
     library that the installer calls may have any name."""
@@ -109,6 +114,7 @@ def make(output, programs, version, date, signer, kit):
     stand_ins = [programs / name for name in [*check_binaries.STAND_INS, *check_binaries.DRIVERS]]
     archive.write(named("-symbols.zip"), date, symbol_store.entries([*product_binaries(programs), *stand_ins]))
     archive.write(named("-stand-ins.zip"), date, stand_in_entries(programs))
+    archive.write(named("-many-stations.zip"), date, many_stations_entries())
     shutil.copyfile(kit, named("-windows-kit.zip"))
     contents = msi_content.files(msi)
     components = components_of(contents, programs)

@@ -8,6 +8,7 @@ import os
 import re
 import shutil
 import struct
+import unittest
 import unittest.mock
 
 from under_test import PROGRAMS, ROOT, InFolder, main
@@ -56,6 +57,18 @@ class Version(InFolder):
     def test_build_that_is_not_whole_is_refused(self):
         shutil.copytree(PROGRAMS, self.folder / "bin", ignore=shutil.ignore_patterns("*_tests.*", "tessactl.*"))
         self.refused("tessactl.exe cannot be read", package.check_build, self.folder / "bin", "21.0.0")
+
+
+class ManyStations(unittest.TestCase):
+    def test_what_the_document_names_is_beside_it(self):
+        entries = dict(package.many_stations_entries())
+        document = entries["docs/many_stations.md"].read_text(encoding="utf-8")
+        self.assertIn("](../deploy/fleet)", document)
+        named = {f"deploy/fleet/{name}" for name in re.findall(r"^\| `(\w+\.\w+)` \|", document, re.MULTILINE)}
+        self.assertGreater(len(named), 3)
+        self.assertLessEqual(named, set(entries))
+        for name, path in entries.items():
+            self.assertEqual(path, ROOT / name)
 
 
 class Options(InFolder):
