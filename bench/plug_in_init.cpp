@@ -70,6 +70,23 @@ void InitBare(HANDLE recipient) {
         ::UnregisterDeviceNotification(notification);
 }
 
+/// What two threads that only wait add to the private memory, in bytes.
+SIZE_T MemoryOfTwoThreads() {
+    const SIZE_T before = PrivateBytes();
+    const HANDLE end = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE threads[2] = {};
+    for (HANDLE& thread : threads)
+        thread = ::CreateThread(
+            nullptr, 0, [](void* event) -> DWORD { return ::WaitForSingleObject(event, INFINITE); }, end, 0,
+            nullptr);
+    const SIZE_T after = PrivateBytes();
+    ::SetEvent(end);
+    ::WaitForMultipleObjects(2, threads, TRUE, INFINITE);
+    for (const HANDLE handle : {threads[0], threads[1], end})
+        ::CloseHandle(handle);
+    return after - before;
+}
+
 }  // namespace
 
 void MeasureInitOnce() {
@@ -93,22 +110,26 @@ void MeasureInitOnce() {
     cleanup();
     ::FreeLibrary(module);
     if (started != 1) throw std::runtime_error("the plug-in does not start");
-    std::printf("%.3f %.3f %llu\n", real, bare, (after - before) / 1024);
+    std::printf("%.3f %.3f %llu %llu\n", real, bare, (after - before) / 1024, MemoryOfTwoThreads() / 1024);
 }
 
 void SummariseInits() {
     Comparison times;
     std::vector<double> kilobytes;
+    std::vector<double> threadsKilobytes;
     double init = 0;
     double bare = 0;
     double added = 0;
-    while (std::cin >> init >> bare >> added) {
+    double ofThreads = 0;
+    while (std::cin >> init >> bare >> added >> ofThreads) {
         times.Add(init, bare);
         kilobytes.push_back(added);
+        threadsKilobytes.push_back(ofThreads);
     }
     if (kilobytes.size() < kRounds) throw std::runtime_error("a start failed");
     Print("the same system calls made bare", "tessaplug_init", "ms", times);
     Print("private memory that loading and init add", Median(kilobytes), "KB");
+    Print("private memory that two bare threads add", Median(threadsKilobytes), "KB");
 }
 
 }  // namespace bench

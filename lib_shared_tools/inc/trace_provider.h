@@ -51,10 +51,12 @@ inline constexpr Channel kLogDeviceConfiguration{sharedToolsBlock, kConfiguratio
 inline constexpr Channel kModule{moduleBlock, kMessage};
 inline constexpr Channel kFunctionEntryAndExit{moduleBlock, kFunction};
 
-/// The enable test of every trace point: one pointer comparison and two field tests.
+/// The enable test of every trace point: two field tests and one pointer comparison. The flags first: where
+/// nobody records they are the only test that is made.
 inline bool IsEnabled(const Channel& channel, Level level) {
-    return IsInitialised() && (channel.block.flags.load(std::memory_order_relaxed) & channel.flag) != 0 &&
-           channel.block.level.load(std::memory_order_relaxed) >= level;
+    if ((channel.block.flags.load(std::memory_order_relaxed) & channel.flag) != 0) [[unlikely]]
+        return channel.block.level.load(std::memory_order_relaxed) >= level && IsInitialised();
+    return false;
 }
 
 /// Registers both control GUIDs with the system. Called once, at module attach. A GUID that the system

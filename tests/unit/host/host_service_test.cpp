@@ -34,7 +34,8 @@ TEST_F(HostService, RestartsWhetherItRunsOrNot) {
     EXPECT_FALSE(LogHas("STOPPED"));
     const CommandResult again = Run(L"restart");
     EXPECT_EQ(again.exitCode, 0u) << again.output;
-    EXPECT_LT(again.output.find("STOPPED"), again.output.find("RUNNING")) << again.output;
+    // A service may be told to be running once more before it takes the stop.
+    EXPECT_LT(again.output.find("STOPPED"), again.output.rfind("RUNNING")) << again.output;
     EXPECT_TRUE(LogHas("STOPPED"));
     EXPECT_NE(Run(L"status").output.find("state      RUNNING"), std::string::npos);
 }
