@@ -1,15 +1,17 @@
-#include "bare_station.h"
-
 #include <windows.h>
 #include <dbt.h>
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <initializer_list>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "bare_library.h"
+#include "bare_process.h"
+#include "component_store.h"
 #include "station_manager.h"
 #include "subjects.h"
 #include "tessaplug_database.h"
@@ -31,14 +33,21 @@ void StopComponentsBare() {
     VARIANT data;
     ::VariantInit(&data);
     setup->GetData(STATION_CONFIG_DATA, &data);
+    std::vector<station_manager::Component> components(data.parray->rgsabound[0].cElements /
+                                                       sizeof(station_manager::Component));
+    std::memcpy(components.data(), data.parray->pvData,
+                components.size() * sizeof(station_manager::Component));
     ::VariantClear(&data);
     IComponentControl* control = nullptr;
     IDiagnostics* diagnostics = nullptr;
     station->QueryInterface(__uuidof(IComponentControl), reinterpret_cast<void**>(&control));
     station->QueryInterface(__uuidof(IDiagnostics), reinterpret_cast<void**>(&diagnostics));
-    for (const LONG virtualDevice : {2, 3}) {
-        control->StopComponent(virtualDevice, 0);
-        diagnostics->AddEntry(165, 0xA523, 1, static_cast<ULONG>(virtualDevice) << 24);
+    for (const station_manager::Component& component : components) {
+        if (component.status != station_manager::kRunning ||
+            std::strcmp(component.catalogEntry, "NX4120") != 0)
+            continue;
+        control->StopComponent(component.virtualDevice, 0);
+        diagnostics->AddEntry(165, 0xA523, 1, static_cast<ULONG>(component.virtualDevice) << 24);
     }
     for (IUnknown* object : std::initializer_list<IUnknown*>{diagnostics, control, setup, station})
         object->Release();
@@ -86,8 +95,8 @@ HDEVNOTIFY WatchAdapter(HWND window) {
 }  // namespace
 
 void RunBareStation() {
-    const UniqueKernelHandle ready(::OpenEventW(EVENT_MODIFY_STATE, FALSE, kBareStationIsReady));
-    const HANDLE stop = ::OpenEventW(SYNCHRONIZE, FALSE, kBareStationShallStop);
+    const UniqueKernelHandle ready(::OpenEventW(EVENT_MODIFY_STATE, FALSE, kBareProcessIsReady));
+    const HANDLE stop = ::OpenEventW(SYNCHRONIZE, FALSE, kBareProcessShallStop);
     const UniqueKernelHandle stopOwner(stop);
     WNDCLASSW windowClass = {};
     windowClass.lpfnWndProc = &OnMessage;

@@ -13,12 +13,21 @@ constexpr struct {
     std::wstring_view name;
     void (*measure)();
 } kSubjects[] = {
-    {L"trace", &bench::MeasureTracing},           {L"handler", &bench::MeasureControlHandler},
-    {L"plug", &bench::MeasurePlugEvents},         {L"bare-station", &bench::RunBareStation},
-    {L"messages", &bench::MeasureDriverMessages}, {L"records", &bench::MeasureForeignRecords},
-    {L"lifecycle", &bench::MeasureStartAndStop},  {L"dump", &bench::MeasureMemoryDump},
-    {L"decode", &bench::MeasureTraceDecoding},    {L"init-once", &bench::MeasureInitOnce},
+    {L"trace", &bench::MeasureTracing},
+    {L"handler", &bench::MeasureControlHandler},
+    {L"plug", &bench::MeasurePlugEvents},
+    {L"bare-station", &bench::RunBareStation},
+    {L"messages", &bench::MeasureDriverMessages},
+    {L"records", &bench::MeasureForeignRecords},
+    {L"lifecycle", &bench::MeasureStartAndStop},
+    {L"dump", &bench::MeasureMemoryDump},
+    {L"decode", &bench::MeasureTraceDecoding},
+    {L"init-once", &bench::MeasureInitOnce},
     {L"inits", &bench::SummariseInits},
+    {L"growth-template", &bench::MeasureTemplateGrowth},
+    {L"growth-components", &bench::MeasureComponentGrowth},
+    {L"growth-records", &bench::MeasureRecordGrowth},
+    {L"bare-reader", &bench::RunBareReader},
 };
 
 }  // namespace
@@ -37,6 +46,6 @@ int wmain(int argc, wchar_t** argv) {
         std::fprintf(stderr, "tessabench: %s\n", error.what());
         return 1;
     }
-    std::fputs("usage: tessabench WHAT; scripts/bench.sh runs them all\n", stderr);
+    std::fputs("usage: tessabench WHAT; scripts/bench.sh and scripts/growth.sh run them all\n", stderr);
     return 2;
 }

@@ -58,4 +58,11 @@ void Print(const char* bareWhat, const char* what, const char* unit, const Compa
                 Percentile(ratios, 90));
 }
 
+void PrintPoint(const char* what, const char* who, std::size_t size, const char* sizeUnit,
+                const std::vector<double>& values, const char* unit) {
+    std::printf("%-24s  %-12s  %6llu %-10s  %10.2f %-2s  %.2f to %.2f  %llu rounds\n", what, who, size,
+                sizeUnit, Median(values), unit, Percentile(values, 10), Percentile(values, 90),
+                values.size());
+}
+
 }  // namespace bench

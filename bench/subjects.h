@@ -9,11 +9,18 @@ void MeasureControlHandler();
 /// Needs the service to be installed, and the station manager to be registered with the list of "stationmgr
 /// init".
 void MeasurePlugEvents();
-/// Handles the adapter's plug events instead of the service, until it is told to stop (bare_station.h).
+/// Handles the adapter's plug events instead of the service, until it is told to stop (bare_process.h).
 void RunBareStation();
 /// Needs the Fennlink U3's driver to be installed.
 void MeasureDriverMessages();
 void MeasureForeignRecords();
+/// How costs grow. All three need what MeasurePlugEvents needs, and leave the configuration as it was.
+void MeasureTemplateGrowth();
+void MeasureComponentGrowth();
+/// The System log is empty afterwards.
+void MeasureRecordGrowth();
+/// Reads the System log beside the service, until it is told to stop (bare_process.h).
+void RunBareReader();
 void MeasureStartAndStop();
 void MeasureMemoryDump();
 void MeasureTraceDecoding();

@@ -1,4 +1,5 @@
-# A machine to run on: a Wine prefix of its own, with a display. Sourced by demo.sh, test.sh and bench.sh.
+# A machine to run on: a Wine prefix of its own, with a display. Sourced by demo.sh, test.sh, bench.sh and
+# growth.sh.
 #
 #   machine_new FOLDER   makes a fresh machine in FOLDER and keeps it running until the script ends
 #   machine PROGRAM ...  runs a program on it

@@ -247,6 +247,16 @@ std::vector<std::wstring> LogDeviceStore::TemplateEntries() const {
     return definition ? Texts(definition.get(), kEntries) : std::vector<std::wstring>();
 }
 
+ULONGLONG LogDeviceStore::TemplateWritten() const {
+    LSTATUS result = ERROR_SUCCESS;
+    const Key definition = Open(DefinitionKey(), KEY_READ, result);
+    FILETIME written = {};
+    if (definition)
+        ::RegQueryInfoKeyW(definition.get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                           nullptr, nullptr, nullptr, &written);
+    return (static_cast<ULONGLONG>(written.dwHighDateTime) << 32) | written.dwLowDateTime;
+}
+
 Code LogDeviceStore::SetTemplateEntries(const std::vector<std::wstring>& entries) const {
     return EditTemplateEntries([&entries](std::vector<std::wstring>& all) { all = entries; });
 }

@@ -66,6 +66,8 @@ class LogDeviceStore {
                      const std::wstring& value) const;
 
     std::vector<std::wstring> TemplateEntries() const;
+    /// When the template, or what stands beside it, was written last, as FILETIME; 0 if there is none.
+    ULONGLONG TemplateWritten() const;
     Code SetTemplateEntries(const std::vector<std::wstring>& entries) const;
     /// Changes the entries in one step: nobody else writes between reading and writing them.
     Code EditTemplateEntries(const std::function<void(std::vector<std::wstring>&)>& edit) const;

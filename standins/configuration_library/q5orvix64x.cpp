@@ -1,5 +1,9 @@
 #include <algorithm>
+#include <mutex>
 #include <new>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "log_device_store.h"
 
@@ -21,6 +25,38 @@ DWORD CopyOut(const std::wstring& text, wchar_t* buffer, DWORD* length) {
     *length = needed - 1;
     return configuration_library::kOk;
 }
+
+/// The template as it was read last. Whoever lists it asks for one entry after the other: all of it read
+/// again for each would make a list of twice the length cost four times as much.
+class KeptTemplate {
+  public:
+    std::optional<std::wstring> Entry(DWORD index) {
+        const LogDeviceStore store;
+        const std::lock_guard guard(lock_);
+        const ULONGLONG written = store.TemplateWritten();
+        if (written == 0 || written != written_ || store.LogDevicesKey() != store_) {
+            store_ = store.LogDevicesKey();
+            entries_ = store.TemplateEntries();
+            written_ = IsLongAgo(written) ? written : 0;
+        }
+        return index < entries_.size() ? std::optional(entries_[index]) : std::nullopt;
+    }
+
+  private:
+    /// Whether another write would show in the time, which Windows counts in ticks of up to 16 ms.
+    static bool IsLongAgo(ULONGLONG written) {
+        constexpr ULONGLONG kIntervals = 500'000;  // of 100 ns: 50 ms
+        FILETIME now = {};
+        ::GetSystemTimeAsFileTime(&now);
+        const ULONGLONG time = (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+        return time > written + kIntervals;
+    }
+
+    std::mutex lock_;  // guards the rest
+    std::wstring store_;
+    ULONGLONG written_ = 0;
+    std::vector<std::wstring> entries_;
+} keptTemplate;
 
 /// Nothing is thrown across the exports.
 template <typename Call>
@@ -65,9 +101,8 @@ DWORD WINAPI TemplateGetEnum(const wchar_t* templateType, DWORD index, wchar_t* 
     return Guarded([&]() -> DWORD {
         if (std::wstring(templateType) != L"DefaultLogDevices")
             return configuration_library::kInvalidParameters;
-        const auto entries = LogDeviceStore().TemplateEntries();
-        if (index >= entries.size()) return configuration_library::kNoMoreItems;
-        return CopyOut(entries[index], name, nameLength);
+        const auto entry = keptTemplate.Entry(index);
+        return entry ? CopyOut(*entry, name, nameLength) : configuration_library::kNoMoreItems;
     });
 }
 

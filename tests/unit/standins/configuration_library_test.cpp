@@ -43,6 +43,12 @@ class ConfigurationLibrary : public testing::Test {
         return getValue_(device, parameter, buffer_, &length_);
     }
 
+    /// Of the template, as the library lists it; empty if it has none.
+    std::wstring FirstEntry() {
+        length_ = 32;
+        return templateGetEnum_(L"DefaultLogDevices", 0, buffer_, &length_) == 0 ? buffer_ : L"";
+    }
+
     LogDeviceStore store_{kRoot};
     HMODULE module_ = nullptr;
     DWORD(WINAPI* exists_)(const wchar_t*, DWORD) = nullptr;
@@ -106,6 +112,22 @@ TEST_F(ConfigurationLibrary, ListsItsTemplate) {
     length = 3;
     EXPECT_EQ(templateGetEnum_(L"DefaultLogDevices", 0, buffer_, &length), 234u);
     EXPECT_EQ(templateGetEnum_(L"Other", 0, buffer_, &length), 87u);
+}
+
+TEST_F(ConfigurationLibrary, ListsATemplateThatChanges) {
+    for (const wchar_t* entry : {L"LDT-A.b", L"LDT-C.d", L"LDT-E.f"}) {
+        store_.SetTemplateEntries({entry});
+        EXPECT_EQ(FirstEntry(), entry) << "just written";
+        ::Sleep(100);  // older than that it is not read again
+        EXPECT_EQ(FirstEntry(), entry);
+        EXPECT_EQ(FirstEntry(), entry) << "as it is kept";
+    }
+    store_.SetTemplateEntries({L"LDT-G.h"});
+    EXPECT_EQ(FirstEntry(), L"LDT-G.h");
+    store_.SetTemplateEntries({L"LDT-I.j"});
+    EXPECT_EQ(FirstEntry(), L"LDT-I.j") << "written twice in a moment";
+    store_.Wipe();
+    EXPECT_EQ(FirstEntry(), L"") << "there is no template any more";
 }
 
 TEST_F(ConfigurationLibrary, TemplateEditedByTwoLosesNothing) {
