@@ -18,7 +18,8 @@ constexpr struct {
     {L"messages", &bench::MeasureDriverMessages}, {L"records", &bench::MeasureForeignRecords},
     {L"lifecycle", &bench::MeasureStartAndStop},  {L"dump", &bench::MeasureMemoryDump},
     {L"decode", &bench::MeasureTraceDecoding},    {L"init-once", &bench::MeasureInitOnce},
-    {L"inits", &bench::SummariseInits},
+    {L"inits", &bench::SummariseInits},           {L"answers", &bench::MeasureAnswers},
+    {L"million", &bench::MeasureLongRecording},
 };
 
 }  // namespace
