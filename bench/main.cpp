@@ -28,6 +28,8 @@ constexpr struct {
     {L"growth-components", &bench::MeasureComponentGrowth},
     {L"growth-records", &bench::MeasureRecordGrowth},
     {L"bare-reader", &bench::RunBareReader},
+    {L"answers", &bench::MeasureAnswers},
+    {L"million", &bench::MeasureLongRecording},
 };
 
 }  // namespace

@@ -24,6 +24,10 @@ void RunBareReader();
 void MeasureStartAndStop();
 void MeasureMemoryDump();
 void MeasureTraceDecoding();
+/// How long each command of the operator's tool takes to answer. Needs the service to run, and may take long.
+void MeasureAnswers();
+/// Time and memory of the commands that read a recording, of one of a million messages.
+void MeasureLongRecording();
 /// One init in a process of its own; prints one line: its time, the bare one's, the kilobytes it adds.
 void MeasureInitOnce();
 /// Reads such lines from the standard input and prints what comes of them.

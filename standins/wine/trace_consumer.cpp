@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,8 +28,9 @@ struct Consumer {
     std::wstring file;
     bool isRealTime = false;
     bool isProcessing = false;
-    PEVENT_RECORD_CALLBACK callback = nullptr;
-    void* context = nullptr;
+    EVENT_TRACE_LOGFILEW logFile = {};  // as it was opened
+    ULONG64 bytesRead = 0;
+    std::vector<BYTE> arguments;  // of the message that is delivered, in memory of their own: aligned
 };
 using Consumers = std::vector<std::shared_ptr<Consumer>>;
 
@@ -52,7 +54,7 @@ TRACE_LOGFILE_HEADER HeaderOf(const TraceRecording& recording) {
     header.EndTime.QuadPart = static_cast<LONGLONG>(file.endTime);
     header.MaximumFileSize = file.maximumFileSize;
     header.LogFileMode = file.mode;
-    header.BuffersWritten = BuffersWritten(file, recording.bytes.size());
+    header.BuffersWritten = BuffersWritten(file, recording.bytes);
     header.PointerSize = sizeof(void*);
     header.EventsLost = file.eventsLost;
     ::GetTimeZoneInformation(&header.TimeZone);
@@ -72,8 +74,6 @@ TRACEHANDLE WINAPI Open(PEVENT_TRACE_LOGFILEW logFile) {
         return Refuse(ERROR_NOT_SUPPORTED);
     if (logFile->EventRecordCallback == nullptr) return Refuse(ERROR_INVALID_PARAMETER);
     const auto consumer = std::make_shared<Consumer>();
-    consumer->callback = logFile->EventRecordCallback;
-    consumer->context = logFile->Context;
     consumer->isRealTime = logFile->LoggerName != nullptr;
     if (!consumer->isRealTime) {
         consumer->file = logFile->LogFileName;
@@ -81,6 +81,7 @@ TRACEHANDLE WINAPI Open(PEVENT_TRACE_LOGFILEW logFile) {
         if (result != ERROR_SUCCESS) return Refuse(result);
         logFile->LogfileHeader = HeaderOf(consumer->recording);
     }
+    consumer->logFile = *logFile;
     const std::lock_guard guard(lock);
     consumers[nextConsumer] = consumer;
     return nextConsumer++;
@@ -92,7 +93,7 @@ EVENT_RECORD EventFor(const Consumer& consumer, ULONG64 timeStamp, const GUID& p
     event.EventHeader.Flags = EVENT_HEADER_FLAG_64_BIT_HEADER;
     event.EventHeader.TimeStamp.QuadPart = static_cast<LONGLONG>(timeStamp);
     event.EventHeader.ProviderId = provider;
-    event.UserContext = consumer.context;
+    event.UserContext = consumer.logFile.Context;
     return event;
 }
 
@@ -108,26 +109,41 @@ void DeliverHeader(const Consumer& consumer) {
     event.EventHeader.Flags |= EVENT_HEADER_FLAG_CLASSIC_HEADER;
     event.UserData = data.data();
     event.UserDataLength = static_cast<USHORT>(data.size());
-    consumer.callback(&event);
+    consumer.logFile.EventRecordCallback(&event);
 }
 
-/// A recorded message in memory of its own, which is aligned.
-struct Message {
-    const Consumer* consumer;
-    std::size_t number;  // in the order of the files
-    TraceFileRecord head;
-    std::vector<BYTE> arguments;
+/// Where a recorded message is.
+struct Place {
+    std::size_t consumer;  // its number among those that are read
+    const TraceRecording::Record* record;
 };
 
-void Deliver(Message& message) {
-    EVENT_RECORD event = EventFor(*message.consumer, message.head.timeStamp, message.head.messageGuid);
+/// Tells whoever wants to know that another buffer was read. Here the records that have room in one are as
+/// good as a buffer.
+/// @return false if no more is wanted
+bool TellOfBuffer(Consumer& consumer, ULONG64 bytes) {
+    const ULONG buffer = std::max<ULONG>(consumer.recording.header.bufferSize, 1) * 1024;
+    consumer.bytesRead += bytes;
+    const auto buffers = static_cast<ULONG>(consumer.bytesRead / buffer);
+    if (buffers == consumer.logFile.BuffersRead || consumer.logFile.BufferCallback == nullptr) return true;
+    consumer.logFile.BuffersRead = buffers;
+    consumer.logFile.BufferSize = consumer.logFile.Filled = buffer;
+    return consumer.logFile.BufferCallback(&consumer.logFile) != FALSE;
+}
+
+/// @return ERROR_SUCCESS, or why there are no more
+ULONG Deliver(Consumer& consumer, const TraceRecording::Record& record) {
+    TraceFileRecord head;
+    if (!consumer.recording.Read(record, head, consumer.arguments)) return ERROR_FILE_CORRUPT;
+    EVENT_RECORD event = EventFor(consumer, head.timeStamp, head.messageGuid);
     event.EventHeader.Flags |= EVENT_HEADER_FLAG_TRACE_MESSAGE;
-    event.EventHeader.ProcessId = message.head.processId;
-    event.EventHeader.ThreadId = message.head.threadId;
-    event.EventHeader.EventDescriptor.Id = static_cast<USHORT>(message.head.messageNumber);
-    event.UserData = message.arguments.data();
-    event.UserDataLength = static_cast<USHORT>(message.arguments.size());
-    message.consumer->callback(&event);
+    event.EventHeader.ProcessId = head.processId;
+    event.EventHeader.ThreadId = head.threadId;
+    event.EventHeader.EventDescriptor.Id = static_cast<USHORT>(head.messageNumber);
+    event.UserData = consumer.arguments.data();
+    event.UserDataLength = static_cast<USHORT>(consumer.arguments.size());
+    consumer.logFile.EventRecordCallback(&event);
+    return TellOfBuffer(consumer, head.size) ? ERROR_SUCCESS : ERROR_CANCELLED;
 }
 
 ULONG64 TimeOf(const FILETIME* time, ULONG64 otherwise) {
@@ -136,21 +152,24 @@ ULONG64 TimeOf(const FILETIME* time, ULONG64 otherwise) {
 }
 
 /// The messages of a time in the order of their time stamps.
-std::vector<Message> MessagesOf(const Consumers& wanted, ULONG64 start, ULONG64 end) {
-    std::vector<Message> messages;
-    for (const auto& consumer : wanted)
-        for (const std::size_t at : consumer->recording.records) {
-            const BYTE* record = consumer->recording.bytes.data() + at;
-            Message message{consumer.get(), messages.size(), {}, {}};
-            std::memcpy(&message.head, record, sizeof message.head);
-            if (message.head.timeStamp < start || message.head.timeStamp > end) continue;
-            message.arguments.assign(record + sizeof message.head, record + message.head.size);
-            messages.push_back(std::move(message));
-        }
-    std::ranges::sort(messages, {}, [](const Message& message) {
-        return std::pair(message.head.timeStamp, message.number);
-    });
-    return messages;
+std::vector<Place> PlacesOf(const Consumers& wanted, ULONG64 start, ULONG64 end) {
+    std::vector<Place> places;
+    for (std::size_t i = 0; i < wanted.size(); ++i)
+        for (const TraceRecording::Record& record : wanted[i]->recording.records)
+            if (record.timeStamp >= start && record.timeStamp <= end) places.push_back({i, &record});
+    const auto order = [](const Place& place) {
+        return std::tuple(place.record->timeStamp, place.consumer, place.record);
+    };
+    if (!std::ranges::is_sorted(places, {}, order)) std::ranges::sort(places, {}, order);
+    return places;
+}
+
+/// @return ERROR_SUCCESS, or why not all was delivered
+ULONG DeliverAll(const Consumers& consumers, const std::vector<Place>& places) {
+    for (const Place& place : places)
+        if (const ULONG result = Deliver(*consumers[place.consumer], *place.record); result != ERROR_SUCCESS)
+            return result;
+    return ERROR_SUCCESS;
 }
 
 /// Takes the consumers into use. @return ERROR_SUCCESS or why not
@@ -182,11 +201,11 @@ ULONG WINAPI Process(PTRACEHANDLE handles, ULONG count, LPFILETIME startTime, LP
     if (const ULONG wrong = Use(handles, count, used); wrong != ERROR_SUCCESS) return wrong;
     for (const auto& consumer : used)
         DeliverHeader(*consumer);
-    for (Message& message : MessagesOf(used, start, end))
-        Deliver(message);
+    const ULONG result = DeliverAll(used, PlacesOf(used, start, end));
     const std::lock_guard guard(lock);
     for (const auto& consumer : used)
         consumer->isProcessing = false;
+    if (result != ERROR_SUCCESS) return result;
     const bool isWhole =
         std::ranges::none_of(used, [](const auto& consumer) { return consumer->recording.isCutOff; });
     return isWhole ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "machine_lock.h"
 
@@ -88,25 +89,37 @@ ULONG AppendCircular(HANDLE file, TraceFileHeader header, const std::vector<BYTE
 
 /// Lists the whole records in a part of the file. @return false if one is cut off
 bool ListRecords(TraceRecording& recording, ULONG64 from, ULONG64 to) {
-    std::size_t at = static_cast<std::size_t>(from);
-    const std::size_t end = static_cast<std::size_t>(std::min<ULONG64>(to, recording.bytes.size()));
+    ULONG64 at = from;
+    const ULONG64 end = std::min(to, recording.bytes);
     while (at < end) {
-        DWORD size = 0;
-        if (end - at < sizeof(TraceFileRecord)) return false;
-        std::memcpy(&size, recording.bytes.data() + at, sizeof size);
-        if (size < sizeof(TraceFileRecord) || size > end - at) return false;
-        recording.records.push_back(at);
-        at += size;
+        TraceFileRecord head;
+        if (end - at < sizeof head) return false;
+        const BYTE* bytes = recording.content.At(at, sizeof head);
+        if (bytes == nullptr) return false;
+        std::memcpy(&head, bytes, sizeof head);
+        if (head.size < sizeof head || head.size > end - at) return false;
+        recording.records.push_back({at, head.timeStamp});
+        at += head.size;
     }
     return end == to;
 }
 
-bool ReadWhole(HANDLE file, std::vector<BYTE>& bytes) {
+/// Takes the file into use as it is at this moment: what is appended later does not count. One that is
+/// written over as it is read is read at once.
+DWORD Open(HANDLE opened, TraceRecording& recording) {
+    constexpr std::size_t kWindow = 1 << 20;
+    FileWindow::File file(opened);
     const MachineLock fileLock(kTraceFileLock);
-    bytes.resize(::GetFileSize(file, nullptr));
-    DWORD read = 0;
-    return ::ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr) &&
-           read == bytes.size();
+    LARGE_INTEGER size = {};
+    if (!::GetFileSizeEx(file.get(), &size)) return ::GetLastError();
+    recording.bytes = static_cast<ULONG64>(size.QuadPart);
+    const auto headSize = static_cast<DWORD>(std::min<ULONG64>(recording.bytes, sizeof recording.header));
+    if (!ReadAt(file.get(), 0, &recording.header, headSize)) return ::GetLastError();
+    const bool isWrittenOver =
+        IsOfThisVersion(recording.header) && IsCircular(recording.header) && recording.header.endTime == 0;
+    recording.content = FileWindow(std::move(file), isWrittenOver ? recording.bytes : kWindow);
+    recording.content.At(0, isWrittenOver ? recording.bytes : headSize);
+    return ERROR_SUCCESS;
 }
 
 }  // namespace
@@ -175,19 +188,41 @@ ULONG AppendRecord(HANDLE file, ULONG64 session, const std::vector<BYTE>& record
     return IsCircular(header) ? AppendCircular(file, header, record) : AppendAtTheEnd(file, header, record);
 }
 
+const BYTE* FileWindow::At(ULONG64 offset, std::size_t count) {
+    if (offset >= begin_ && offset - begin_ + count <= bytes_.size())
+        return bytes_.data() + (offset - begin_);
+    LARGE_INTEGER to;
+    to.QuadPart = static_cast<LONGLONG>(offset);
+    DWORD read = 0;
+    bytes_.resize(std::max(size_, count));
+    begin_ = offset;
+    const bool isRead =
+        ::SetFilePointerEx(file_.get(), to, nullptr, FILE_BEGIN) &&
+        ::ReadFile(file_.get(), bytes_.data(), static_cast<DWORD>(bytes_.size()), &read, nullptr);
+    bytes_.resize(isRead ? read : 0);
+    return bytes_.size() >= count ? bytes_.data() : nullptr;
+}
+
+bool TraceRecording::Read(const Record& record, TraceFileRecord& head, std::vector<BYTE>& arguments) {
+    const BYTE* bytes = content.At(record.offset, sizeof head);
+    if (bytes == nullptr) return false;
+    std::memcpy(&head, bytes, sizeof head);
+    if (head.size < sizeof head || head.timeStamp != record.timeStamp) return false;
+    bytes = content.At(record.offset, head.size);
+    if (bytes == nullptr) return false;
+    arguments.assign(bytes + sizeof head, bytes + head.size);
+    return true;
+}
+
 DWORD ReadTraceFile(const std::wstring& path, TraceRecording& recording) {
     const HANDLE file =
         ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                       nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) return ::GetLastError();
-    const bool isRead = ReadWhole(file, recording.bytes);
-    const DWORD error = ::GetLastError();
-    ::CloseHandle(file);
-    if (!isRead) return error;
+    if (const DWORD error = Open(file, recording); error != ERROR_SUCCESS) return error;
     constexpr std::size_t kMagicSize = sizeof TraceFileHeader::magic;
     TraceFileHeader& header = recording.header;
-    const std::size_t size = recording.bytes.size();
-    std::memcpy(&header, recording.bytes.data(), std::min(size, sizeof header));
+    const ULONG64 size = recording.bytes;
     if (size >= kMagicSize && std::memcmp(header.magic, TraceFileHeader::kFormerMagic, kMagicSize) == 0) {
         header = {};
         recording.isCutOff = !ListRecords(recording, kMagicSize, size);

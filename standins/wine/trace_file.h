@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "trace_session.h"
@@ -69,12 +71,43 @@ HANDLE OpenTraceFile(const std::wstring& path, DWORD disposition = OPEN_EXISTING
 ///     ERROR_INVALID_HANDLE if the session has ended, or a system error code
 ULONG AppendRecord(HANDLE file, ULONG64 session, const std::vector<BYTE>& record);
 
-/// A recording as it is read back.
+/// Bytes of a file, of which a part at a time is in memory.
+class FileWindow {
+  public:
+    struct Closer {
+        void operator()(HANDLE handle) const { ::CloseHandle(handle); }
+    };
+    using File = std::unique_ptr<void, Closer>;
+
+    FileWindow() = default;
+    /// @param size how much is in memory
+    FileWindow(File file, std::size_t size) : file_(std::move(file)), size_(size) {}
+
+    /// The bytes from an offset on; null if the file has not so many.
+    const BYTE* At(ULONG64 offset, std::size_t count);
+
+  private:
+    File file_;
+    std::size_t size_ = 0;
+    ULONG64 begin_ = 0;
+    std::vector<BYTE> bytes_;
+};
+
+/// A recording as it is read back. However long it is, it takes little memory.
 struct TraceRecording {
+    struct Record {
+        ULONG64 offset;
+        ULONG64 timeStamp;
+    };
     TraceFileHeader header = {};  // of a former version's but for its magic empty
-    std::vector<BYTE> bytes;
-    std::vector<std::size_t> records;  // where each begins in `bytes`, oldest first
-    bool isCutOff = false;             // behind the last of them
+    ULONG64 bytes = 0;
+    std::vector<Record> records;  // oldest first
+    bool isCutOff = false;        // behind the last of them
+
+    /// @return false if it is not there any more
+    bool Read(const Record& record, TraceFileRecord& head, std::vector<BYTE>& arguments);
+
+    FileWindow content;
 };
 
 /// @return ERROR_SUCCESS, ERROR_FILE_CORRUPT if it is no recording, or a system error code

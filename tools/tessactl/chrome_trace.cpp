@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <set>
+#include <utility>
 
 #include "json.h"
 #include "thread_roles.h"
@@ -33,6 +34,10 @@ std::string ChromeTraceWriter::Event(const FunctionCalls::Function& function, ch
                  note.empty() ? "" : ",\"args\":{\"note\":" + JsonText(note) + "}");
 }
 
+void ChromeTraceWriter::Keep(const std::string& event) {
+    events_.Write((events_.IsEmpty() ? "" : ",\n") + event);
+}
+
 void ChromeTraceWriter::LearnRole(const Place& place, const std::string& function) {
     // The first one stays: a host may call all exports on one thread.
     std::string& role = roles_[place.thread];
@@ -48,27 +53,26 @@ void ChromeTraceWriter::Add(const RecordedMessage& message, const DecodedMessage
     const FunctionCalls::Step step = calls_.Follow(message, decoded);
     LearnRole(place, step.function.name);
     for (const auto& function : step.leftBefore)
-        events_.push_back(Event(function, 'E', place, "its exit is not in the recording"));
+        Keep(Event(function, 'E', place, "its exit is not in the recording"));
     switch (step.kind) {
         case Kind::kNone:
-            events_.push_back(Event(decoded.text, decoded.source, 'i', place,
-                                    decoded.function.empty()
-                                        ? ""
-                                        : ",\"args\":{\"function\":" + JsonText(decoded.function) + "}"));
+            Keep(Event(decoded.text, decoded.source, 'i', place,
+                       decoded.function.empty()
+                           ? ""
+                           : ",\"args\":{\"function\":" + JsonText(decoded.function) + "}"));
             break;
         case Kind::kEntry:
-            events_.push_back(Event(step.function, 'B', place));
+            Keep(Event(step.function, 'B', place));
             break;
         case Kind::kExitFromOutside:
             openedAtTheBeginning_.push_back(
                 Event(step.function, 'B', {place.thread, 0}, "entered before the recording began"));
             [[fallthrough]];
         case Kind::kExit:
-            events_.push_back(Event(step.function, 'E', place));
+            Keep(Event(step.function, 'E', place));
             break;
         case Kind::kExitWithoutEntry:
-            events_.push_back(
-                Event(step.function, 'i', place, "its exit; the entry is not in the recording"));
+            Keep(Event(step.function, 'i', place, "its exit; the entry is not in the recording"));
             break;
     }
 }
@@ -89,16 +93,27 @@ std::vector<std::string> ChromeTraceWriter::Names() const {
     return names;
 }
 
-std::string ChromeTraceWriter::Finish() const {
+void ChromeTraceWriter::Finish(std::ostream& output) {
     std::vector<std::string> closed;
     for (const auto& [thread, functions] : calls_.Entered())
         for (auto function = functions.rbegin(); function != functions.rend(); ++function)
             closed.push_back(Event(*function, 'E', {thread, last_}, "not left when the recording ended"));
-    std::string all;
-    for (const std::string& part :
-         {Joined(Names()), Joined(openedAtTheBeginning_, true), Joined(events_), Joined(closed)})
-        if (!part.empty()) all += (all.empty() ? "\n" : ",\n") + part;
-    return "{\"traceEvents\":[" + all + "\n]}\n";
+    const char* separator = "\n";
+    const auto begin = [&] { output << std::exchange(separator, ",\n"); };
+    const auto write = [&](const std::string& part) {
+        if (part.empty()) return;
+        begin();
+        output << part;
+    };
+    output << "{\"traceEvents\":[";
+    write(Joined(Names()));
+    write(Joined(openedAtTheBeginning_, true));
+    if (!events_.IsEmpty()) {
+        begin();
+        events_.CopyTo(output);
+    }
+    write(Joined(closed));
+    output << "\n]}\n";
 }
 
 }  // namespace tessactl

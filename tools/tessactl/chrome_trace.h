@@ -3,10 +3,12 @@
 #include <windows.h>
 
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "function_calls.h"
+#include "spool_file.h"
 #include "trace_decoder.h"
 
 namespace tessactl {
@@ -19,8 +21,8 @@ namespace tessactl {
 class ChromeTraceWriter {
   public:
     void Add(const RecordedMessage& message, const DecodedMessage& decoded);
-    /// The whole file.
-    std::string Finish() const;
+    /// Writes the whole file.
+    void Finish(std::ostream& output);
 
   private:
     struct Place {
@@ -31,13 +33,14 @@ class ChromeTraceWriter {
                              const Place& place, const std::string& more = "");
     static std::string Event(const FunctionCalls::Function& function, char phase, const Place& place,
                              const std::string& note = "");
+    void Keep(const std::string& event);
     void LearnRole(const Place& place, const std::string& function);
     std::vector<std::string> Names() const;
 
     FunctionCalls calls_;
     std::vector<std::string> openedAtTheBeginning_;  // innermost first
-    std::vector<std::string> events_;
-    std::map<ThreadId, std::string> roles_;  // of all threads; empty if it is not known
+    SpoolFile events_;                               // what stands before them is known at the end only
+    std::map<ThreadId, std::string> roles_;          // of all threads; empty if it is not known
     ULONG64 firstTimeStamp_ = 0;
     double last_ = 0;
 };

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "findings.h"
@@ -45,7 +48,27 @@ void CheckAdapters(Findings& findings, const Models& models, bool accessPointsAr
 
 /// What else has to be installed.
 void CheckPanel(Findings& findings, const Models& models, bool accessPointsAreKnown);
-void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations);
+
+/// Asks the station manager, if it is registered, while something else is looked at: it takes the longest.
+class StationManagerInquiry {
+  public:
+    explicit StationManagerInquiry(std::chrono::milliseconds timeOut);
+    /// What starts it; none: it is not registered.
+    const std::optional<std::string>& Server() const { return server_; }
+    /// Waits for it, once.
+    /// @return why it does not answer, in UTF-8; empty if it does
+    /// @throws ToolError if it cannot be asked
+    std::string Answer();
+
+  private:
+    std::optional<std::string> server_;
+    std::string answer_;
+    std::exception_ptr error_;
+    std::jthread asking_;  // last: it writes into the others
+};
+
+void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations,
+                         StationManagerInquiry& inquiry);
 void CheckDriverMessages(Findings& findings);
 void CheckEventSource(Findings& findings);
 

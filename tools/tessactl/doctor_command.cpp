@@ -34,6 +34,7 @@ std::wstring NamesOf(const Models& models) {
 }
 
 void CheckAll(Findings& findings, const Expectations& expectations, Models& models) {
+    StationManagerInquiry stationManager(expectations.timeOut);
     const QueriedService service(expectations.service);
     CheckService(findings, service);
     CheckServiceSettings(findings, service);
@@ -44,7 +45,7 @@ void CheckAll(Findings& findings, const Expectations& expectations, Models& mode
     if (accessPointsAreKnown) CheckAccessPoints(findings, models);
     CheckAdapters(findings, models, accessPointsAreKnown, expectations);
     CheckPanel(findings, models, accessPointsAreKnown);
-    CheckStationManager(findings, models, expectations);
+    CheckStationManager(findings, models, expectations, stationManager);
     CheckDriverMessages(findings);
     CheckEventSource(findings);
 }

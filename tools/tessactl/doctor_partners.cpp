@@ -51,18 +51,39 @@ void CheckPanel(Findings& findings, const Models& models, bool accessPointsAreKn
                            "install it; without it access points that are missing are not made");
 }
 
-void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations) {
-    const bool matters = StationManagerMatters(models, expectations);
+StationManagerInquiry::StationManagerInquiry(std::chrono::milliseconds timeOut) {
     std::string server;
     if (!RegistryText(L"SOFTWARE\\Classes\\CLSID\\{A1BFDF31-F4D2-11D3-9140-00105AAFF783}\\LocalServer32",
-                      nullptr, server)) {
+                      nullptr, server))
+        return;
+    server_ = server;
+    asking_ = std::jthread([this, timeOut] {
+        try {
+            answer_ = ProbeStationManager(timeOut);
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+    });
+}
+
+std::string StationManagerInquiry::Answer() {
+    asking_.join();
+    if (error_) std::rethrow_exception(error_);
+    return answer_;
+}
+
+void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations,
+                         StationManagerInquiry& inquiry) {
+    const bool matters = StationManagerMatters(models, expectations);
+    const std::optional<std::string>& server = inquiry.Server();
+    if (!server) {
         findings.ProblemOrNote(matters, "station manager registered", "not registered",
                                "install or register the station manager; without it the card's components "
                                "are not stopped at removal");
         return;
     }
-    findings.Ok("station manager registered", server);
-    const std::string error = ProbeStationManager(expectations.timeOut);
+    findings.Ok("station manager registered", *server);
+    const std::string error = inquiry.Answer();
     if (error.empty())
         findings.Ok("station manager answers", "yes");
     else

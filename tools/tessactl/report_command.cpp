@@ -10,6 +10,7 @@
 #include "build_version.h"
 #include "commands.h"
 #include "json.h"
+#include "progress.h"
 #include "report_anonymous.h"
 #include "report_page.h"
 #include "report_parts.h"
@@ -70,9 +71,14 @@ Json Gather(const ReportRequest& request, bool isAnonymous) {
     constexpr auto kLimit = std::chrono::seconds(13);
     constexpr std::size_t kMostText = 2000;      // bytes of one text
     constexpr std::size_t kMostData = 12 << 20;  // of the whole
+    Progress progress(ProgressTerminal(false));
     Json data = {{"schema", 1},
                  {"report", HeadOfReport(isAnonymous)},
-                 {"parts", GatherParts(request, std::chrono::steady_clock::now() + kLimit)}};
+                 {"parts", GatherParts(request, std::chrono::steady_clock::now() + kLimit,
+                                       [&](std::size_t done, std::size_t all) {
+                                           progress.Tell("report: " + std::to_string(done) + " of " +
+                                                         std::to_string(all) + " parts");
+                                       })}};
     if (isAnonymous) {
         PrivateNames names = NamesOnThisMachine();
         const Json account = data["parts"]["service"].value("/data/account"_json_pointer, Json(""));

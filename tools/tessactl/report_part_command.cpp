@@ -250,10 +250,11 @@ Json RecordingPart(const ReportRequest& request) {
     bool isCut = false;
     const auto deadline = std::chrono::steady_clock::now() + kLimit;
     try {
-        ReadRecording(file, head, [&](const RecordedMessage& message) {
+        const auto useMessage = [&](const RecordedMessage& message) {
             isCut = isCut || std::chrono::steady_clock::now() > deadline;
             if (!isCut) calls.Add(message, Decode(catalog, message));
-        });
+        };
+        ReadRecording(file, head, useMessage, [&](unsigned int) { return !isCut; });
     } catch (const ToolError& error) {
         if (head.bufferSize == 0) throw;
         damage = error.what();

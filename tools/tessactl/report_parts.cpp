@@ -1,5 +1,6 @@
 #include "report_parts.h"
 
+#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -94,7 +95,9 @@ std::wstring OptionText(const wchar_t* name, const std::wstring& value) {
 
 }  // namespace
 
-Json GatherParts(const ReportRequest& request, Clock::time_point deadline) {
+Json GatherParts(const ReportRequest& request, Clock::time_point deadline,
+                 const std::function<void(std::size_t done, std::size_t all)>& tell) {
+    constexpr milliseconds kStep{100};
     constexpr auto kLimit = std::chrono::seconds(12);
     const std::wstring service =
         OptionText(L"--service", request.service) + OptionText(L"--plugin", request.plugIn);
@@ -118,6 +121,9 @@ Json GatherParts(const ReportRequest& request, Clock::time_point deadline) {
     };
     std::vector<Json> results(sources.size());
     {
+        std::mutex lock;  // guards the number
+        std::condition_variable isDone;
+        std::size_t done = 0;
         std::vector<std::jthread> threads;
         for (std::size_t i = 0; i < sources.size(); ++i)
             threads.emplace_back([&, i] {
@@ -126,7 +132,14 @@ Json GatherParts(const ReportRequest& request, Clock::time_point deadline) {
                 } catch (const std::exception& error) {
                     results[i] = Failed(error.what());
                 }
+                const std::lock_guard guard(lock);
+                ++done;
+                isDone.notify_one();
             });
+        for (std::unique_lock guard(lock); done < sources.size();) {
+            tell(done, sources.size());
+            isDone.wait_for(guard, kStep);
+        }
     }
     Json parts = Json::object();
     for (std::size_t i = 0; i < sources.size(); ++i)

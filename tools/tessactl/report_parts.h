@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <functional>
 #include <string>
 
 #include "json.h"
@@ -25,7 +27,9 @@ inline constexpr std::size_t kMostDumps = 5;
 
 /// Asks every source, each in a process of its own, which may crash, hang or be refused: that costs its part
 /// and nothing else.
+/// @param tell is called again and again with how many of how many parts are done
 /// @return for each part its "data", or an "error" in words; beside the data there may be a "note"
-Json GatherParts(const ReportRequest& request, std::chrono::steady_clock::time_point deadline);
+Json GatherParts(const ReportRequest& request, std::chrono::steady_clock::time_point deadline,
+                 const std::function<void(std::size_t done, std::size_t all)>& tell);
 
 }  // namespace tessactl

@@ -30,10 +30,11 @@ UINT MachineCodePage() {
 
 }  // namespace
 
-std::string Utf8FromAnsi(const std::string& text) {
+std::string Utf8FromAnsi(std::string text) {
     // A text of the machine's code page that is also UTF-8, and not plain ASCII, does not come about by
     // chance.
-    return IsUtf8(text) ? text : Utf8(Widened(text, MachineCodePage()));
+    if (IsUtf8(text)) return text;
+    return Utf8(Widened(text, MachineCodePage()));
 }
 
 std::string ErrorInWords(DWORD error, const std::wstring& subject) {

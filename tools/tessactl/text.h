@@ -31,7 +31,7 @@ inline std::string Utf8(const std::wstring& text) {
 
 /// The same of a text in the ANSI code page of some process, such as an exception's. tessahost's and the
 /// tool's own is UTF-8 where Windows goes by their manifest, another host's is the machine's.
-std::string Utf8FromAnsi(const std::string& text);
+std::string Utf8FromAnsi(std::string text);
 
 /// A system error as people can read it: "Access is denied (error 5)".
 /// @param subject takes the place of what the system's text leaves open

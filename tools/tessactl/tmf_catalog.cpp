@@ -32,6 +32,25 @@ std::string ContentOf(const std::wstring& path) {
     return content.str();
 }
 
+/// A text with conversions such as %10!u!.
+std::vector<TmfPiece> PiecesOf(const std::string& text) {
+    static const std::regex kConversion(R"(%%|%(\d+)!(\w+)!)");
+    std::vector<TmfPiece> pieces(1);
+    std::size_t at = 0;
+    for (std::sregex_iterator match(text.begin(), text.end(), kConversion), end; match != end; ++match) {
+        pieces.back().words += text.substr(at, static_cast<std::size_t>(match->position()) - at);
+        at = static_cast<std::size_t>(match->position() + match->length());
+        if (match->str() == "%%") {
+            pieces.back().words += '%';
+        } else {
+            pieces.back().conversion = (*match)[2];
+            pieces.emplace_back();
+        }
+    }
+    pieces.back().words += text.substr(at);
+    return pieces;
+}
+
 }  // namespace
 
 bool GuidLess::operator()(const GUID& a, const GUID& b) const {
@@ -78,7 +97,8 @@ void TmfCatalog::Add(const std::string& text, const std::string& name) {
     while (nextLine()) {
         if (std::regex_match(line, match, kMessage)) {
             current = &messages[static_cast<unsigned int>(std::stoul(match[1]))];
-            *current = {source, match[2], {}, static_cast<unsigned int>(std::stoul(match[3])), match[4]};
+            *current = {
+                source, PiecesOf(match[2]), {}, static_cast<unsigned int>(std::stoul(match[3])), match[4]};
         } else if (current != nullptr && std::regex_match(line, match, kItem)) {
             current->items.push_back(match[1]);
         } else if (!line.empty() && line != "{" && line != "}" && !line.starts_with("//")) {

@@ -10,10 +10,16 @@
 
 namespace tessactl {
 
+/// A part of a message's text: words, and behind them an argument.
+struct TmfPiece {
+    std::string words;
+    std::string conversion;  ///< of the argument, such as "u"; empty: there is none
+};
+
 /// The description of one trace message, from a .tmf file.
 struct TmfMessage {
-    std::string source;              ///< name of the source file, e.g. "tessaplug_pnp"
-    std::string text;                ///< with conversions such as %10!u!
+    std::string source;  ///< name of the source file, e.g. "tessaplug_pnp"
+    std::vector<TmfPiece> text;
     std::vector<std::string> items;  ///< "ItemLong", "ItemString"... of %10, %11...
     unsigned int level = 0;          ///< 2 error to 5 verbose
     std::string function;            ///< in which the trace point stands; empty if the file does not say

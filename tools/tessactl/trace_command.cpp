@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "function_calls.h"
 #include "json.h"
+#include "progress.h"
 #include "protected_folder.h"
 #include "recording_session.h"
 #include "text.h"
@@ -168,23 +169,29 @@ ExitCode DecodeRecording(const DecodingOptions& options) {
     ExitCode result = ExitCode::kSuccess;
     std::size_t unknown = 0;
     RecordingHead head;
+    const auto useMessage = [&](const RecordedMessage& message) {
+        if (!output) return;  // the disk is full, or the reader has gone
+        const DecodedMessage decoded = Decode(catalog, message);
+        if (decoded.source.empty()) ++unknown;
+        calls.Follow(message, decoded);
+        if (isChrome)
+            chrome.Add(message, decoded);
+        else
+            output << TextLine(message, decoded, options.withFunctions) << "\n";
+    };
     try {
-        ReadRecording(file, head, [&](const RecordedMessage& message) {
-            if (!output) return;  // the disk is full, or the reader has gone
-            const DecodedMessage decoded = Decode(catalog, message);
-            if (decoded.source.empty()) ++unknown;
-            calls.Follow(message, decoded);
-            if (isChrome)
-                chrome.Add(message, decoded);
-            else
-                output << TextLine(message, decoded, options.withFunctions) << "\n";
+        const bool printsText = !isChrome && options.output.empty();
+        Progress progress(ProgressTerminal(printsText));
+        ReadRecording(file, head, useMessage, [&](unsigned int percent) {
+            progress.Tell("trace decode: " + std::to_string(percent) + " % of the file");
+            return static_cast<bool>(output);
         });
     } catch (const ToolError& error) {
         // What was read so far is written all the same.
         std::fprintf(stderr, "tessactl: %s\n", error.what());
         result = ExitCode::kFailed;
     }
-    if (isChrome) output << chrome.Finish();
+    if (isChrome) chrome.Finish(output);
     output.flush();
     // Of standard output the program looks after itself: a reader may have seen enough.
     if (outputFile.is_open() && !outputFile)

@@ -4,10 +4,12 @@
 #include <evntcons.h>
 #include <evntrace.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <optional>
-#include <regex>
+#include <utility>
 
 #include "text.h"
 #include "toolbox.h"
@@ -31,11 +33,18 @@ class ArgumentReader {
 
     template <typename Char>
     std::optional<std::basic_string<Char>> Text() {
-        std::basic_string<Char> text;
-        while (const auto c = Number<Char>()) {
-            if (*c == 0) return text;
-            text += *c;
+        const std::size_t most = (bytes_.size() - at_) / sizeof(Char);
+        const BYTE* begin = bytes_.data() + at_;
+        for (std::size_t length = 0; length < most; ++length) {
+            Char c;
+            std::memcpy(&c, begin + length * sizeof c, sizeof c);
+            if (c != 0) continue;
+            std::basic_string<Char> text(length, 0);
+            std::memcpy(text.data(), begin, length * sizeof c);
+            at_ += (length + 1) * sizeof c;
+            return text;
         }
+        at_ += most * sizeof(Char);
         return std::nullopt;
     }
 
@@ -68,11 +77,11 @@ std::string ArgumentText(ArgumentReader& reader, const std::string& item, const 
     } else if (item == "ItemPtr") {
         if (const auto value = reader.Number<unsigned long long>()) text = Printed("0x%016llx", *value);
     } else if (item == "ItemString") {
-        if (const auto narrow = reader.Text<char>()) text = Utf8FromAnsi(*narrow);
+        if (auto narrow = reader.Text<char>()) text = Utf8FromAnsi(std::move(*narrow));
     } else if (item == "ItemWString") {
         if (const auto wide = reader.Text<wchar_t>()) text = Utf8(*wide);
     }
-    return text.value_or("<missing>");
+    return std::move(text).value_or("<missing>");
 }
 
 std::string HexOf(const std::vector<BYTE>& bytes) {
@@ -98,14 +107,61 @@ RecordingHead HeadOf(const TRACE_LOGFILE_HEADER& header) {
             (header.LogFileMode & EVENT_TRACE_FILE_MODE_CIRCULAR) != 0};
 }
 
+/// Who reads a recording.
+struct Reading {
+    const std::function<void(const RecordedMessage&)>& use;
+    const ReadingProgress& progress;
+    ULONG64 fileSize = 0;
+    RecordedMessage message;   // its memory is used again
+    std::exception_ptr error;  // that use() threw, which must not pass the system's functions
+};
+
 void WINAPI OnEvent(EVENT_RECORD* event) {
-    const auto& use = *static_cast<const std::function<void(const RecordedMessage&)>*>(event->UserContext);
+    auto& reading = *static_cast<Reading*>(event->UserContext);
     // The head of a recording, and whatever else is not a trace message.
-    if ((event->EventHeader.Flags & EVENT_HEADER_FLAG_TRACE_MESSAGE) == 0) return;
+    if ((event->EventHeader.Flags & EVENT_HEADER_FLAG_TRACE_MESSAGE) == 0 || reading.error) return;
     const auto* data = static_cast<const BYTE*>(event->UserData);
-    use({static_cast<ULONG64>(event->EventHeader.TimeStamp.QuadPart), event->EventHeader.ProcessId,
-         event->EventHeader.ThreadId, event->EventHeader.ProviderId, event->EventHeader.EventDescriptor.Id,
-         std::vector<BYTE>(data, data + event->UserDataLength)});
+    RecordedMessage& message = reading.message;
+    try {
+        message.timeStamp = static_cast<ULONG64>(event->EventHeader.TimeStamp.QuadPart);
+        message.processId = event->EventHeader.ProcessId;
+        message.threadId = event->EventHeader.ThreadId;
+        message.messageGuid = event->EventHeader.ProviderId;
+        message.number = event->EventHeader.EventDescriptor.Id;
+        message.arguments.assign(data, data + event->UserDataLength);
+        reading.use(message);
+    } catch (...) {
+        reading.error = std::current_exception();
+    }
+}
+
+/// A buffer of the file was read.
+ULONG WINAPI OnBuffer(EVENT_TRACE_LOGFILEW* logFile) {
+    constexpr ULONG64 kAll = 100;
+    const auto& reading = *static_cast<const Reading*>(logFile->Context);
+    const ULONG64 bytes = ULONG64{logFile->BuffersRead} * logFile->LogfileHeader.BufferSize;
+    const ULONG64 percent = std::min(kAll, bytes * kAll / std::max<ULONG64>(reading.fileSize, 1));
+    return !reading.error && reading.progress(static_cast<unsigned int>(percent)) ? TRUE : FALSE;
+}
+
+ULONG64 Joined(const FILETIME& time) {
+    return static_cast<ULONG64>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+}
+
+/// How far local time is ahead of UTC, as a file time; modulo 2^64 if it is behind. Asking the system at each
+/// message takes a while.
+ULONG64 LocalAhead() {
+    FILETIME utc = {};
+    FILETIME local = {};
+    ::GetSystemTimeAsFileTime(&utc);
+    ::FileTimeToLocalFileTime(&utc, &local);
+    return Joined(local) - Joined(utc);
+}
+
+ULONG64 SizeOf(const std::wstring& file) {
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    if (!::GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) return 0;
+    return static_cast<ULONG64>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
 }
 
 }  // namespace
@@ -117,13 +173,15 @@ ULONG RecordingHead::BuffersReplaced() const {
 }
 
 void ReadRecording(const std::wstring& file, RecordingHead& head,
-                   const std::function<void(const RecordedMessage&)>& use) {
+                   const std::function<void(const RecordedMessage&)>& use, const ReadingProgress& progress) {
+    Reading reading{use, progress, SizeOf(file), {}, {}};
     std::wstring name = file;
     EVENT_TRACE_LOGFILEW logFile = {};
     logFile.LogFileName = name.data();
     logFile.ProcessTraceMode = PROCESS_TRACE_MODE_EVENT_RECORD;
     logFile.EventRecordCallback = &OnEvent;
-    logFile.Context = const_cast<std::function<void(const RecordedMessage&)>*>(&use);
+    if (progress) logFile.BufferCallback = &OnBuffer;
+    logFile.Context = &reading;
     TRACEHANDLE handle = ::OpenTraceW(&logFile);
     if (handle == INVALID_PROCESSTRACE_HANDLE) {
         const DWORD error = ::GetLastError();
@@ -134,9 +192,10 @@ void ReadRecording(const std::wstring& file, RecordingHead& head,
     head = HeadOf(logFile.LogfileHeader);
     const ULONG result = ::ProcessTrace(&handle, 1, nullptr, nullptr);
     ::CloseTrace(handle);
+    if (reading.error) std::rethrow_exception(reading.error);
     if (result == ERROR_FILE_CORRUPT)
         throw ToolError(Utf8(file) + " is cut off or damaged; what comes before that is shown.");
-    if (result != ERROR_SUCCESS)
+    if (result != ERROR_SUCCESS && result != ERROR_CANCELLED)
         throw ToolError("Reading " + Utf8(file) + " failed: " + ErrorInWords(result));
 }
 
@@ -149,42 +208,38 @@ DecodedMessage Decode(const TmfCatalog& catalog, const RecordedMessage& message)
                     toolbox::GuidToString(&message.messageGuid) + ", bytes:" + HexOf(message.arguments),
                 {},
                 ""};
-    static const std::regex kConversion(R"(%%|%(\d+)!(\w+)!)");
     DecodedMessage decoded{known->source, known->level, "", {}, known->function};
+    decoded.arguments.reserve(known->items.size());
     ArgumentReader reader(message.arguments);
-    std::size_t at = 0;
-    for (std::sregex_iterator match(known->text.begin(), known->text.end(), kConversion), end; match != end;
-         ++match) {
-        decoded.text += known->text.substr(at, static_cast<std::size_t>(match->position()) - at);
-        at = static_cast<std::size_t>(match->position() + match->length());
+    for (const TmfPiece& piece : known->text) {
+        decoded.text += piece.words;
         const std::size_t index = decoded.arguments.size();
-        if (match->str() == "%%") {
-            decoded.text += '%';
-        } else if (index < known->items.size()) {
-            decoded.arguments.push_back(ArgumentText(reader, known->items[index], (*match)[2]));
-            decoded.text += decoded.arguments.back();
-        }
+        if (piece.conversion.empty() || index >= known->items.size()) continue;
+        decoded.arguments.push_back(ArgumentText(reader, known->items[index], piece.conversion));
+        decoded.text += decoded.arguments.back();
     }
-    decoded.text += known->text.substr(at);
     return decoded;
 }
 
 std::string TimeText(ULONG64 timeStamp) {
-    FILETIME utc = {static_cast<DWORD>(timeStamp), static_cast<DWORD>(timeStamp >> 32)};
-    FILETIME local = {};
-    SYSTEMTIME time = {};
-    ::FileTimeToLocalFileTime(&utc, &local);
-    ::FileTimeToSystemTime(&local, &time);
-    return Printed("%02d:%02d:%02d.%06u", time.wHour, time.wMinute, time.wSecond,
+    constexpr ULONG64 kSecond = 10'000'000;  // of a file time
+    static const ULONG64 kAhead = LocalAhead();
+    const ULONG64 seconds = (timeStamp + kAhead) / kSecond;
+    return Printed("%02u:%02u:%02u.%06u", static_cast<unsigned int>(seconds / 3600 % 24),
+                   static_cast<unsigned int>(seconds / 60 % 60), static_cast<unsigned int>(seconds % 60),
                    static_cast<unsigned int>(timeStamp / 10 % 1000000));
 }
 
 std::string TextLine(const RecordedMessage& message, const DecodedMessage& decoded, bool withFunction) {
     // Of an entry or exit the function that is meant is in the text.
     const bool isTold = withFunction && !decoded.function.empty() && decoded.source != "function_trace";
-    return TimeText(message.timeStamp) + Printed("  %5lu.%-5lu", message.processId, message.threadId) +
-           Printed("  %-7s", LevelName(decoded.level)) + Printed("  %-20.40s  ", decoded.source.c_str()) +
-           (isTold ? decoded.function + ": " : "") + decoded.text;
+    char head[96] = {};
+    std::snprintf(head, sizeof head, "  %5lu.%-5lu  %-7s  %-20.40s  ", message.processId, message.threadId,
+                  LevelName(decoded.level), decoded.source.c_str());
+    std::string line = TimeText(message.timeStamp);
+    line.append(head);
+    if (isTold) line.append(decoded.function).append(": ");
+    return line.append(decoded.text);
 }
 
 }  // namespace tessactl

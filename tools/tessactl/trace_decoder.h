@@ -33,13 +33,17 @@ struct RecordingHead {
     ULONG BuffersReplaced() const;
 };
 
+/// Is told, now and then, how much of the file has been read, in percent; false ends the reading.
+using ReadingProgress = std::function<bool(unsigned int percent)>;
+
 /// Calls `use` with every message of a recording, in the order of their times, wherever in the file the
 /// oldest is.
 /// @param head is filled in before the first message
 /// @throws ToolError if the file cannot be opened or is no recording; if it is damaged, after the messages
 /// before that
 void ReadRecording(const std::wstring& file, RecordingHead& head,
-                   const std::function<void(const RecordedMessage&)>& use);
+                   const std::function<void(const RecordedMessage&)>& use,
+                   const ReadingProgress& progress = {});
 
 /// A message in words.
 struct DecodedMessage {

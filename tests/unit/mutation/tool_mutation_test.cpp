@@ -6,6 +6,7 @@
 #include <dbghelp.h>
 #include <gtest/gtest.h>
 #include <span>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -80,7 +81,9 @@ void UseEverythingOf(const RecordedMessage& message, const TmfCatalog& catalog) 
     EXPECT_TRUE(IsUtf8(tessactl::TextLine(message, decoded)));
     ChromeTraceWriter writer;
     writer.Add(message, decoded);
-    EXPECT_TRUE(IsUtf8(writer.Finish()));
+    std::ostringstream chrome;
+    writer.Finish(chrome);
+    EXPECT_TRUE(IsUtf8(chrome.str()));
 }
 
 // The dump: its parts one after the other, the image of one module last.

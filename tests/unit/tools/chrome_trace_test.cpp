@@ -1,6 +1,7 @@
 #include "chrome_trace.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,12 @@ namespace {
 constexpr unsigned int kEntry = 10;
 constexpr unsigned int kExit = 11;
 
+std::string Finished(ChromeTraceWriter& writer) {
+    std::ostringstream output;
+    writer.Finish(output);
+    return output.str();
+}
+
 /// Feeds entries, exits and other messages, one each 100 microseconds.
 class Script {
   public:
@@ -26,10 +33,10 @@ class Script {
         return *this;
     }
     const FunctionCalls& Calls() const { return calls_; }
-    std::string Chrome() const { return chrome_.Finish(); }
+    std::string Chrome() { return Finished(chrome_); }
 
     /// The events of the slices, such as "B0 f" or "E100 f", and the instants.
-    std::vector<std::string> Slices() const {
+    std::vector<std::string> Slices() {
         std::vector<std::string> slices;
         const std::string all = Chrome();
         for (std::size_t at = all.find('\n'); at + 2 < all.size(); at = all.find('\n', at + 1)) {
@@ -86,7 +93,8 @@ TEST(ChromeTrace, HasSlicesAndInstantsAndTheThreadsName) {
 }
 
 TEST(ChromeTrace, EmptyRecordingIsAnEmptyTrace) {
-    EXPECT_EQ(ChromeTraceWriter().Finish(), "{\"traceEvents\":[\n]}\n");
+    ChromeTraceWriter writer;
+    EXPECT_EQ(Finished(writer), "{\"traceEvents\":[\n]}\n");
 }
 
 TEST(ChromeTrace, ThreadsAreNamedByTheFunctionsThatRunOnThem) {

@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""What tessactl tells of its progress: on a terminal, and nowhere else. Arguments: the emulator and the folder of the
+programs."""
+
+import os
+import pty
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+emulator, programs = sys.argv[1:3]
+
+MESSAGES = 30000  # more text than a pipe takes
+QUIET = 1.0  # seconds without progress
+
+
+def program(name, *arguments):
+    return [emulator, os.path.join(programs, name + ".exe"), *arguments]
+
+
+class Terminal:
+    """A terminal for one program, and what stood on it in the end."""
+
+    def __init__(self):
+        self.master, self.slave = pty.openpty()
+        self.bytes = b""
+        self.reader = threading.Thread(target=self._read)
+        self.reader.start()
+
+    def _read(self):
+        try:
+            while part := os.read(self.master, 4096):
+                self.bytes += part
+        except OSError:  # nobody has it open any more
+            pass
+
+    def text(self):
+        """Without the sequences by which the console draws; blanks are among these."""
+        os.close(self.slave)
+        self.reader.join(timeout=20)
+        os.close(self.master)
+        return re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\s", "", self.bytes.decode(errors="replace"))
+
+
+def slowly(pipe):
+    """What is in a pipe, read so late that its writer has to wait."""
+    time.sleep(2 * QUIET)
+    return pipe.read()
+
+
+class Progress(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.recording = os.path.join(cls.folder.name, "long.etl")
+        subprocess.run(program("writes_long_recording", cls.recording, str(MESSAGES)), check=True, timeout=60)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    def decode(self, *options, errors):
+        """Standard output of a program that takes more than a second, and what it wrote to a pipe as its errors."""
+        with subprocess.Popen(program("tessactl", "trace", "decode", self.recording, *options), stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=errors) as process:
+            output = slowly(process.stdout)
+            told = process.stderr.read() if process.stderr else b""
+        self.assertEqual(process.returncode, 0)
+        return output, told.decode().replace("\r\n", "\n")
+
+    def test_redirected_decoding_tells_none(self):
+        output, told = self.decode(errors=subprocess.PIPE)
+        self.assertEqual(output.count(b"\n"), MESSAGES)
+        self.assertNotIn("\r", told)
+        self.assertRegex(told, r"^tessactl: functions that were left .*\n$")
+
+    def test_decoding_on_a_terminal_tells_it_there_and_prints_the_same(self):
+        for options in ((), ("--functions",), ("--format", "chrome")):
+            redirected, _ = self.decode(*options, errors=subprocess.PIPE)
+            terminal = Terminal()
+            output, _ = self.decode(*options, errors=terminal.slave)
+            self.assertEqual(output, redirected, options)
+            if not options:
+                self.assertRegex(terminal.text(), r"tracedecode:\d+%ofthefile")
+            else:
+                terminal.text()
+
+    def test_report_tells_how_many_parts_have_answered_on_a_terminal_and_there_alone(self):
+        # A library that never answers: its part is given up after seconds.
+        self.addCleanup(subprocess.run, program("q5config", "wipe"), check=True, timeout=60)
+        hanging = "Z:" + os.path.join(os.path.abspath(programs), "faulty", "hangs").replace("/", "\\")
+        subprocess.run(program("q5config", "register", hanging), check=True, timeout=60)
+        terminal = Terminal()
+        reports = [subprocess.Popen(program("tessactl", "report", f"{self.recording}.{i}.html"), stdin=subprocess.DEVNULL,
+                                    stdout=subprocess.PIPE, stderr=errors)
+                   for i, errors in enumerate((terminal.slave, subprocess.PIPE))]
+        printed = [report.communicate(timeout=60) for report in reports]
+        self.assertEqual([report.returncode for report in reports], [0, 0])
+        self.assertRegex(terminal.text(), r"report:\d+of12parts")
+        self.assertEqual(printed[1][1], b"")
+        for output, _ in printed:
+            self.assertRegex(output, rb"^[^\r\n]*\.html  \d")
+            self.assertNotIn(b"of 12 parts", output)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
