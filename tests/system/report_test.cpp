@@ -221,5 +221,7 @@ TEST_F(Report, FileThatCannotBeWrittenIsTold) {
     EXPECT_TRUE(Contains(nowhere, "tessactl: C:\\nowhere\\report.html cannot be written: "))
         << nowhere.output;
     EXPECT_EQ(Tool(L"report C:\\windows").exitCode, 1U) << "a folder";
+    for (const auto& entry : std::filesystem::directory_iterator(L"C:\\"))
+        EXPECT_NE(entry.path().extension(), L".part") << "nothing is left of it";
     EXPECT_EQ(Tool(L"report --json FILE").exitCode, 2U);
 }

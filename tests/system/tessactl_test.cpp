@@ -104,6 +104,7 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     ::Sleep(2000);  // until it watches
     Plug(nx4120_);
     Report(fennlinkU3_, 2, L"hot");
+    Report(fennlinkU3_, 3, L"too hot");
     EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
     const HANDLE log = ::RegisterEventSourceW(nullptr, L"tessaplug");
     EXPECT_TRUE(::ReportEventW(log, EVENTLOG_WARNING_TYPE, 0, 0x80000104, nullptr, 0, 0, nullptr, nullptr));
@@ -115,10 +116,12 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     for (const auto* event : {R"j("event":"arrival","what":"NX4120")j",
                               R"j("event":"access point","what":"NX4120(XLI)","text":"visible")j",
                               R"j("event":"message","what":"fenlu3","text":"warning: The adapter)j",
+                              R"j("event":"message","what":"fenlu3","text":"error: The adapter)j",
                               R"j("event":"log entry","what":"tessaplug","text":"warning: An adapter was)j",
                               R"j("event":"removal","what":"NX4120")j"})
         EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
     EXPECT_FALSE(Contains(watched, "has started")) << "that was before\n" << watched.output;
+    EXPECT_FALSE(Contains(watched, R"(\n")")) << "sentences end without a new line\n" << watched.output;
 }
 
 TEST_F(Tessactl, WatchTellsOfALibraryThatFailsForAWhile) {
@@ -131,6 +134,8 @@ TEST_F(Tessactl, WatchTellsOfALibraryThatFailsForAWhile) {
     watcher.join();
     EXPECT_TRUE(Contains(watched, "problem       configuration library         FAILED! LoadLibraryW()!"))
         << watched.output;
+    EXPECT_EQ(watched.output.find("problem  "), watched.output.rfind("problem  ")) << "it is told once\n"
+                                                                                   << watched.output;
     EXPECT_TRUE(Contains(watched, "well again")) << watched.output;
     EXPECT_FALSE(Contains(watched, "access point  NX4120")) << "none has changed\n" << watched.output;
 }

@@ -51,9 +51,10 @@ std::optional<DWORD> ParseTime(const std::wstring& text) {
     time.tm_isdst = -1;  // as it is on that day
     const tm given = time;
     const __time64_t seconds = match[7].length() > 0 ? ::_mkgmtime64(&time) : ::_mktime64(&time);
-    // A day or hour that there is not comes back as another one; the hour also where the clocks go forward.
-    const bool exists = given.tm_mon == time.tm_mon && given.tm_mday == time.tm_mday && given.tm_hour < 24 &&
-                        given.tm_min == time.tm_min && given.tm_sec == time.tm_sec;
+    // What there is not comes back as something later: an hour as one of another day, a second as one of
+    // another minute. Where the clocks go forward an hour of the same day comes back, which is taken.
+    const bool exists =
+        given.tm_mon == time.tm_mon && given.tm_mday == time.tm_mday && given.tm_min == time.tm_min;
     if (!exists || seconds < 0 || seconds > MAXDWORD) return std::nullopt;
     return static_cast<DWORD>(seconds);
 }

@@ -98,9 +98,11 @@ void AddProfiles(PrivateNames& names) {
          ++i, length = ARRAYSIZE(identifier)) {
         wchar_t folder[1024] = {};
         DWORD size = sizeof folder;
+        // Asked for as text, a folder with variables comes back with them filled in; asked for as what it is
+        // it would be refused.
         if (!IsUserIdentifier(identifier) ||
-            ::RegGetValueW(list.get(), identifier, L"ProfileImagePath", RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ,
-                           nullptr, folder, &size) != ERROR_SUCCESS)
+            ::RegGetValueW(list.get(), identifier, L"ProfileImagePath", RRF_RT_REG_SZ, nullptr, folder,
+                           &size) != ERROR_SUCCESS)
             continue;
         const std::wstring path = folder;
         names.users.push_back(path.substr(path.rfind(L'\\') + 1));

@@ -19,7 +19,7 @@ std::pair<Json::json_pointer, std::size_t> LargestList(const Json& json, const J
 
 void DropOlderHalf(Json& data, const Json::json_pointer& at) {
     Json& list = data[at];
-    const std::size_t lost = (list.size() + 1) / 2;
+    const std::size_t lost = list.size() / 2;
     list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(lost));
     // A new member moves the others: the list is not touched any more.
     Json& shortened = data["shortened"];

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "function_calls.h"
+#include "thread_roles.h"
 
 using tessactl::ChromeTraceWriter;
 using tessactl::DecodedMessage;
@@ -109,6 +111,22 @@ TEST(ChromeTrace, ThreadsAreNamedByTheFunctionsThatRunOnThem) {
          R"("tid":1,"args":{"name":"main"})", R"("tid":2,"args":{"name":"worker"})",
          R"("tid":3,"args":{"name":"monitor"})", R"("tid":4,"args":{"name":"thread 4"})"})
         EXPECT_NE(chrome.find(named), std::string::npos) << named << chrome;
+}
+
+TEST(ThreadRole, IsToldByEachFunctionThatRunsOnNoOtherThread) {
+    const std::vector<std::pair<std::string, std::string>> roles = {
+        {"tessaplug_init", "main"},
+        {"tessaplug_cleanup", "main"},
+        {"tessaplug_service_ctrl_handler", "service controls"},
+        {"tessaplug::DeviceMonitor::RequestHandler", "worker"},
+        {"tessaplug::DeviceMonitor::WaitForRequests", "worker"},
+        {"tessaplug::DeviceMonitor::ServeRequests", "worker"},
+        {"tessaplug::EventLogMonitor::Run", "monitor"},
+        {"tessaplug::EventLogMonitor::Watch", "monitor"},
+        {"operating_system::EventLog::WaitForChangesInEventLog", "monitor"},
+        {"toolbox::GuidToString", ""}};
+    for (const auto& [function, role] : roles)
+        EXPECT_EQ(tessactl::ThreadRole(function), role) << function;
 }
 
 TEST(ChromeTrace, ProcessWithoutKnownFunctionsHasNoName) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "test_registry.h"
 #include "text.h"
 
 using tessactl::AgeInWords;
@@ -105,6 +106,14 @@ TEST_F(DumpFolder, ListsThePlugInsDumpsNewestFirst) {
     EXPECT_EQ(dumps[0].Path(), (folder_ / L"tessaplug.dll_20261120-101112.dmp").wstring());
 }
 
+TEST_F(DumpFolder, ListsThoseOfOneTimeByTheirNames) {
+    Write(kName);
+    Write(L"tessaplug.dll_20261121-101113.dmp");
+    Write(L"tessaplug.dll_20261121-101111.dmp");
+    EXPECT_EQ(NamesOf(DumpsIn(folder_.wstring())),
+              (Names{L"tessaplug.dll_20261121-101113.dmp", kName, L"tessaplug.dll_20261121-101111.dmp"}));
+}
+
 TEST_F(DumpFolder, WithoutDumpsIsEmptyAndMissingIsTold) {
     EXPECT_TRUE(DumpsIn(folder_.wstring()).empty());
     EXPECT_THROW(DumpsIn(folder_.wstring() + L"\\missing"), ToolError);
@@ -186,4 +195,14 @@ TEST(ServiceTemporaryFolder, IsTheMachines) {
     const std::wstring expected = std::wstring(windows) + L"\\temp";
     EXPECT_EQ(::_wcsicmp(tessactl::ServiceTemporaryFolder().c_str(), expected.c_str()), 0)
         << tessactl::Utf8(tessactl::ServiceTemporaryFolder());
+}
+
+TEST(ServiceTemporaryFolder, IsWhatTheMachinesVariablesTell) {
+    const test_support::TestRegistry registry;
+    const std::wstring variables = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
+    registry.Set(variables, L"TEMP", L"C:\\second");
+    EXPECT_EQ(tessactl::ServiceTemporaryFolder(), L"C:\\second");
+    ::SetEnvironmentVariableW(L"TESSA_FOLDER", L"C:\\some folder");
+    registry.Set(variables, L"TMP", L"%TESSA_FOLDER%\\first\\");
+    EXPECT_EQ(tessactl::ServiceTemporaryFolder(), L"C:\\some folder\\first");
 }

@@ -80,10 +80,17 @@ TEST(LogSince, MayBeALocalTime) {
     EXPECT_EQ(ParseSince(L"2026-11-21T10:00", kNow), static_cast<DWORD>(std::mktime(&time)));
 }
 
+TEST(LogSince, InLocalTimeIsNotInUtc) {
+    ::_putenv("TZ=TST-3");
+    ::_tzset();
+    EXPECT_EQ(ParseSince(L"2026-11-21T03:00", kNow), kMidnight);
+    EXPECT_EQ(ParseSince(L"2026-11-21T03:00Z", kNow), kMidnight + 3 * 3600);
+}
+
 TEST(LogSince, ThatIsNoTimeIsRefused) {
-    for (const auto* text :
-         {L"", L"10", L"m", L"10y", L"-1m", L"1234567m", L"2026-11", L"2026-13-01", L"2026-02-30",
-          L"2026-11-21T24:00", L"2026-11-21T10:60", L"1900-01-01", L"2026-11-21T10:11:12x"})
+    for (const auto* text : {L"", L"10", L"m", L"10y", L"-1m", L"1234567m", L"2026-11", L"2026-13-01",
+                             L"2026-02-30", L"2026-11-21T24:00", L"2026-11-21T10:60", L"2026-11-21T10:59:60",
+                             L"2026-11-21T99:00", L"1900-01-01", L"2200-01-01", L"2026-11-21T10:11:12x"})
         EXPECT_EQ(ParseSince(text, kNow), std::nullopt) << text;
 }
 

@@ -127,7 +127,8 @@ TEST_F(FollowedLog, SentencesComeFromTheFirstOfSeveralFilesThatHasThem) {
     ::SetEnvironmentVariableW(L"TESSA_FOLDER", test_support::ProgramFolder().c_str());
     Write(kStarted);
     EXPECT_TRUE(Contains(Tool(L""), "(the sentence for this event is not installed)"));
-    Register(L"C:\\no such.dll;%SystemRoot%\\system32\\setupapi.dll;%TESSA_FOLDER%tessaplug.dll");
+    Register(std::wstring(300, L';') +
+             L"C:\\no such.dll;%SystemRoot%\\system32\\setupapi.dll;%TESSA_FOLDER%tessaplug.dll");
     EXPECT_TRUE(Contains(Tool(L""), "0x00000100  The adapter service plug-in has started."))
         << Tool(L"").output;
 }
@@ -175,6 +176,24 @@ TEST_F(FollowedLog, IsPrintedAsItGrowsAlsoBehindAClearing) {
     ASSERT_NE(second, std::string::npos) << followed.output;
     EXPECT_LT(first, second);
     EXPECT_FALSE(Contains(followed, "has started")) << followed.output;
+}
+
+TEST_F(FollowedLog, WhoseServiceIsStoppedForAWhileIsFollowedOnAndThatIsToldOnce) {
+    Register(test_support::ProgramFolder() + L"tessaplug.dll");
+    test_support::CommandResult followed;
+    std::thread tool([&] { followed = Tool(L"--follow --seconds 4 --count 0"); });
+    ::Sleep(1000);  // until it follows
+    {
+        const EventLogSetting stopped(wine_gap::kServiceIsStopped, 1);
+        ::Sleep(1000);
+    }
+    Write(kStarted);
+    tool.join();
+    EXPECT_EQ(followed.exitCode, 0u);
+    const std::string told = "tessactl: The log FollowTest cannot be opened: ";
+    EXPECT_TRUE(Contains(followed, told)) << followed.output;
+    EXPECT_EQ(followed.output.find(told), followed.output.rfind(told)) << followed.output;
+    EXPECT_TRUE(Contains(followed, "has started")) << followed.output;
 }
 
 TEST_F(FollowedLog, IsNotShownForWrongArguments) {

@@ -74,6 +74,18 @@ TEST(ReportPage, EachListThatWasShortenedIsTold) {
     EXPECT_EQ(data["shortened"][1]["lost"].get<std::size_t>() + data["other"]["inner"].size(), 1000U);
 }
 
+TEST(ReportPage, ShortListOfLongTextsIsShortenedBeforeALongOneOfShortTexts) {
+    Json data = {{"many", Json::array()}, {"inner", {{"large", Json::array()}}}};
+    for (int i = 0; i < 100; ++i)
+        data["many"].push_back(i);
+    for (int i = 0; i < 5; ++i)
+        data["inner"]["large"].push_back(std::string(1000, 'x'));
+    LimitSize(data, 4000);
+    EXPECT_EQ(data["many"].size(), 100U);
+    EXPECT_EQ(data["inner"]["large"].size(), 3U);
+    EXPECT_EQ(data["shortened"], Json({{"/inner/large", 2}}));
+}
+
 TEST(ReportPage, WhatIsSmallEnoughStaysAndWhatHasNoListsComesToAnEnd) {
     Json data = {{"list", {1, 2, 3}}};
     LimitSize(data, 1000);

@@ -9,6 +9,7 @@ using tessactl::RecordedCalls;
 namespace {
 
 constexpr ULONG64 kMicrosecond = 10;
+constexpr ULONG64 kBegin = 134000000000000000;  // some time that a recording can be of
 constexpr unsigned int kEntry = 10;
 constexpr unsigned int kExit = 11;
 
@@ -23,6 +24,11 @@ class Script {
     Script& Leave(const std::string& function) {
         return Add(kExit, {"function_trace", 5, "", {"f", function}, ""});
     }
+    /// Of the messages that follow.
+    Script& OnThread(DWORD thread) {
+        thread_ = thread;
+        return *this;
+    }
     Script& Say(unsigned int level, const std::string& text) {
         return Add(kEntry, {"name", level, text, {}, ""});
     }
@@ -32,11 +38,12 @@ class Script {
   private:
     Script& Add(unsigned int number, const tessactl::DecodedMessage& decoded) {
         now_ += 100 * kMicrosecond;
-        calls_.Add({now_, 4, 5, {}, number, {}}, decoded);
+        calls_.Add({now_, 4, thread_, {}, number, {}}, decoded);
         return *this;
     }
     RecordedCalls calls_;
-    ULONG64 now_ = 0;
+    DWORD thread_ = 5;
+    ULONG64 now_ = kBegin;
 };
 
 TEST(RecordedCalls, NestWithTheirTimes) {
@@ -67,6 +74,38 @@ TEST(RecordedCalls, WhatWasEnteredBeforeTheRecordingStandsAboveAllElse) {
 TEST(RecordedCalls, WhatIsNotLeftLastsUntilTheEnd) {
     const Json json = Script().Enter("a").Say(4, "later").Finish();
     EXPECT_EQ(json["calls"], Json::parse("[[0,0,0,0.0,100.0]]"));
+}
+
+TEST(RecordedCalls, ArrivalThatHasNotEndedIsToldToo) {
+    const Json json = Script().Enter("tessaplug::DeviceNotifier::OnDeviceArrival").Say(4, "later").Finish();
+    ASSERT_EQ(json["roads"].size(), 1U);
+    EXPECT_EQ(json["roads"][0]["duration"], 100.0);
+}
+
+TEST(RecordedCalls, WhoseExitWasLostEndWithTheirCaller) {
+    const Json json =
+        Script().Enter("outer").Enter("lost").Enter("lost too").Leave("outer").Enter("next").Finish();
+    EXPECT_EQ(json["functions"], Json({"outer", "lost", "lost too", "next"}));
+    EXPECT_EQ(json["calls"],
+              Json::parse("[[0,2,2,200.0,100.0],[0,1,1,100.0,200.0],[0,0,0,0.0,300.0],[0,3,0,400.0,0.0]]"));
+}
+
+TEST(RecordedCalls, OfEachThreadStandByThemselvesAndItsFirstKnownFunctionTellsWhatItIsFor) {
+    const Json json = Script()
+                          .Enter("tessaplug_init")
+                          .OnThread(6)
+                          .Leave("toolbox::GuidToString")
+                          .OnThread(5)
+                          .Enter("tessaplug_service_ctrl_handler")
+                          .Finish();
+    EXPECT_EQ(json["threads"], Json::parse(R"([{"process":4,"thread":5,"role":"main"},)"
+                                           R"({"process":4,"thread":6,"role":""}])"));
+    EXPECT_EQ(json["calls"], Json::parse("[[1,1,0,0.0,100.0],[0,0,0,0.0,200.0],[0,2,1,200.0,0.0]]"));
+}
+
+TEST(RecordedCalls, BeginWithTheFirstMessage) {
+    EXPECT_EQ(Script().Say(4, "first").Say(4, "second").Finish()["begins"],
+              tessactl::TimeText(kBegin + 100 * kMicrosecond));
 }
 
 TEST(RecordedCalls, OnlyTheNewestAreKept) {
