@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bare_library.h"
@@ -32,43 +34,96 @@ void EnumerateBare(const GUID& guid) {
     ::FreeLibrary(setupapi);
 }
 
-/// What init asks of the system, without the plug-in.
-void InitBare(HANDLE recipient) {
-    const HANDLE lock = ::CreateMutexW(nullptr, TRUE, L"Global\\tessabench_lock");
-    HDEVNOTIFY notifications[2] = {};
-    int i = 0;
-    const BareLibrary library;
-    for (const GUID& guid : {tessaplug::kFennlinkU3InterfaceGuid, tessaplug::kNx4120InterfaceGuid}) {
-        DEV_BROADCAST_DEVICEINTERFACE_W filter = {};
-        filter.dbcc_size = sizeof filter;
-        filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
-        filter.dbcc_classguid = guid;
-        notifications[i++] = ::RegisterDeviceNotificationW(recipient, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
-        EnumerateBare(guid);
-        library.ShowOrHide(i == 1 ? L"FENNLINK U3" : L"NX4120", L"true");
-    }
-    HANDLE objects[6] = {};
-    for (std::size_t model = 0; model < 3; ++model) {
-        objects[2 * model] =
-            ::CreateMutexW(nullptr, FALSE, (L"Global\\tessabench_mtx" + std::to_wstring(model)).c_str());
-        objects[2 * model + 1] =
-            ::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 24,
-                                 (L"Global\\tessabench_shm" + std::to_wstring(model)).c_str());
-        ::UnmapViewOfFile(::MapViewOfFile(objects[2 * model + 1], FILE_MAP_ALL_ACCESS, 0, 0, 24));
-    }
-    const HANDLE wake = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    const HANDLE thread = ::CreateThread(
-        nullptr, 0, [](void* event) -> DWORD { return ::WaitForSingleObject(event, INFINITE); }, wake, 0,
-        nullptr);
-    ::SetEvent(wake);
-    ::WaitForSingleObject(thread, INFINITE);
-    for (const HANDLE handle : {thread, wake, lock})
-        ::CloseHandle(handle);
-    for (const HANDLE handle : objects)
-        ::CloseHandle(handle);
-    for (const HDEVNOTIFY notification : notifications)
-        ::UnregisterDeviceNotification(notification);
+DWORD WINAPI WaitFor(void* event) {
+    return ::WaitForSingleObject(event, INFINITE);
 }
+
+/// What init asks of the system, without the plug-in, and at its end what belongs to a clean-up.
+class BareInit {
+  public:
+    explicit BareInit(HANDLE recipient) {
+        Own(::CreateMutexW(nullptr, TRUE, L"Global\\tessabench_lock"));
+        RegisterModels(recipient);
+        for (const wchar_t* model : {L"0", L"1", L"2"})
+            ShareMemory(model);
+        const HANDLE isOpen = Own(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+        StartThread(&OpenSystemLog, isOpen);
+        ::WaitForSingleObject(isOpen, INFINITE);
+        wake_ = Own(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+        StartThread(&WaitFor, wake_);
+        ReportStart();
+    }
+    ~BareInit() {
+        ::SetEvent(wake_);
+        for (const HANDLE thread : threads_)
+            ::WaitForSingleObject(thread, INFINITE);
+        for (const HDEVNOTIFY notification : notifications_)
+            ::UnregisterDeviceNotification(notification);
+        for (const HANDLE handle : handles_)
+            ::CloseHandle(handle);
+        ::DeregisterEventSource(eventSource_);
+    }
+    BareInit(const BareInit&) = delete;
+    BareInit& operator=(const BareInit&) = delete;
+
+  private:
+    HANDLE Own(HANDLE handle) {
+        handles_.push_back(handle);
+        return handle;
+    }
+    void StartThread(LPTHREAD_START_ROUTINE body, HANDLE event) {
+        threads_.push_back(Own(::CreateThread(nullptr, 0, body, event, 0, nullptr)));
+    }
+    static DWORD WINAPI OpenSystemLog(void* isOpen) {
+        const HANDLE log = ::OpenEventLogW(nullptr, L"System");
+        ::SetEvent(isOpen);
+        ::CloseEventLog(log);
+        return 0;
+    }
+    void ReportStart() {
+        constexpr wchar_t kKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Eventlog\\Application\\tessabench";
+        constexpr wchar_t kMessageFile[] = L"C:\\windows\\system32\\tessabench.exe";
+        const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+        HKEY key = nullptr;
+        ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+        ::RegSetValueExW(key, L"EventMessageFile", 0, REG_EXPAND_SZ,
+                         reinterpret_cast<const BYTE*>(kMessageFile), sizeof kMessageFile);
+        ::RegSetValueExW(key, L"TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&types),
+                         sizeof types);
+        ::RegCloseKey(key);
+        eventSource_ = ::RegisterEventSourceW(nullptr, L"tessabench");
+        ::ReportEventW(eventSource_, EVENTLOG_INFORMATION_TYPE, 0, TESSAPLUG_EVENT_STARTED, nullptr, 0, 0,
+                       nullptr, nullptr);
+    }
+    void RegisterModels(HANDLE recipient) {
+        const BareLibrary library;
+        for (const auto& [guid, model] : {std::pair(tessaplug::kFennlinkU3InterfaceGuid, L"FENNLINK U3"),
+                                          std::pair(tessaplug::kNx4120InterfaceGuid, L"NX4120")}) {
+            DEV_BROADCAST_DEVICEINTERFACE_W filter = {};
+            filter.dbcc_size = sizeof filter;
+            filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+            filter.dbcc_classguid = guid;
+            notifications_.push_back(
+                ::RegisterDeviceNotificationW(recipient, &filter, DEVICE_NOTIFY_SERVICE_HANDLE));
+            EnumerateBare(guid);
+            library.ShowOrHide(model, L"true");
+        }
+    }
+    void ShareMemory(const std::wstring& model) {
+        Own(::CreateMutexW(nullptr, FALSE, (L"Global\\tessabench_mtx" + model).c_str()));
+        const std::wstring name = L"Global\\tessabench_shm" + model;
+        ::OpenFileMappingW(FILE_MAP_ALL_ACCESS, FALSE, name.c_str());  // there is none
+        const HANDLE mapping =
+            Own(::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 24, name.c_str()));
+        ::UnmapViewOfFile(::MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 24));
+    }
+
+    std::vector<HANDLE> handles_;
+    std::vector<HANDLE> threads_;
+    std::vector<HDEVNOTIFY> notifications_;
+    HANDLE wake_ = nullptr;
+    HANDLE eventSource_ = nullptr;
+};
 
 /// What two threads that only wait add to the private memory, in bytes.
 SIZE_T MemoryOfTwoThreads() {
@@ -76,9 +131,7 @@ SIZE_T MemoryOfTwoThreads() {
     const HANDLE end = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
     HANDLE threads[2] = {};
     for (HANDLE& thread : threads)
-        thread = ::CreateThread(
-            nullptr, 0, [](void* event) -> DWORD { return ::WaitForSingleObject(event, INFINITE); }, end, 0,
-            nullptr);
+        thread = ::CreateThread(nullptr, 0, &WaitFor, end, 0, nullptr);
     const SIZE_T after = PrivateBytes();
     ::SetEvent(end);
     ::WaitForMultipleObjects(2, threads, TRUE, INFINITE);
@@ -95,8 +148,13 @@ void MeasureInitOnce() {
     std::wstring library(path);
     library.replace(library.rfind(L'\\') + 1, std::wstring::npos, L"tessaplug.dll");
     const auto recipient = reinterpret_cast<SERVICE_STATUS_HANDLE>(1);
-    InitBare(recipient);  // warm
-    const double bare = MillisecondsOf([&] { InitBare(recipient); });
+    const auto initBare = [&] {
+        std::unique_ptr<BareInit> started;
+        const double time = MillisecondsOf([&] { started = std::make_unique<BareInit>(recipient); });
+        return time;
+    };
+    initBare();  // warm
+    const double bare = initBare();
     const SIZE_T before = PrivateBytes();
     const HMODULE module = ::LoadLibraryW(library.c_str());
     const auto init = reinterpret_cast<decltype(&::tessaplug_init)>(

@@ -13,6 +13,8 @@ using tessactl::ReportRequest;
 
 namespace {
 
+void TellNobody(std::size_t /*done*/, std::size_t /*all*/) {}
+
 Json Parts(const std::wstring& service = L"my service",
            std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     ReportRequest request;
@@ -21,7 +23,7 @@ Json Parts(const std::wstring& service = L"my service",
     request.recording = L"C:\\a b.etl";
     request.tmf = L"C:\\formats\\";
     request.dumps = L"C:\\some dumps\\";
-    return GatherParts(request, std::chrono::steady_clock::now() + limit);
+    return GatherParts(request, std::chrono::steady_clock::now() + limit, &TellNobody);
 }
 
 Json Data(const Json& data) {
@@ -81,7 +83,7 @@ TEST(ReportParts, LookIntoTheNewestDumps) {
 }
 
 TEST(ReportParts, AreNotLookedAtWhenThereIsNoTimeLeft) {
-    const Json parts = GatherParts({}, std::chrono::steady_clock::now());
+    const Json parts = GatherParts({}, std::chrono::steady_clock::now(), &TellNobody);
     EXPECT_EQ(parts.size(), 12U);
     for (const auto& [name, part] : parts.items())
         EXPECT_EQ(part, Error("not looked at: the other parts took all the time")) << name;
