@@ -71,12 +71,12 @@ class Station final : public ISetupSupport, public IComponentControl, public IDi
 
     HRESULT STDMETHODCALLTYPE GetData(LONG kind, VARIANT* data) override {
         NoteCall();
-        const std::wstring fault = store_.Fault();
-        if (fault == L"exit-in-getdata") Die();
         while (store_.Fault() == kHangs) {
             NoteCall();
             ::Sleep(20);
         }
+        const std::wstring fault = store_.Fault();
+        if (fault == L"exit-in-getdata") Die();
         ::VariantInit(data);
         if (kind != STATION_CONFIG_DATA) return E_INVALIDARG;
         const auto components = store_.Components();

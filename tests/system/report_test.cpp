@@ -11,6 +11,7 @@
 #include "common_files_folder.h"
 #include "component_store.h"
 #include "event_log_file.h"
+#include "process_list.h"
 #include "program_folder.h"
 #include "station.h"
 #include "test_event_log.h"
@@ -110,6 +111,9 @@ TEST_F(Report, StationManagerThatHangsKeepsNothingElse) {
     EXPECT_EQ(components.SetFault(L"hang-in-getdata"), ERROR_SUCCESS);
     CommandResult made;
     EXPECT_LT(TimeOf(kPage, made), 20'000U);
+    EXPECT_EQ(components.SetFault(L"exit-in-getdata"),
+              ERROR_SUCCESS);  // ends the server, which goes on with it
+    EXPECT_TRUE(test_support::Eventually([] { return !test_support::ProcessRuns(L"stationmgr.exe"); }));
     EXPECT_EQ(components.SetFault(L""), ERROR_SUCCESS);
     EXPECT_EQ(test_support::RunCommand(L"stationmgr.exe unregister").exitCode, 0U);
     EXPECT_EQ(made.exitCode, 0U) << made.output;

@@ -18,7 +18,7 @@ class ProgressLine : public testing::Test {
     void Pass(int time) { now_ += milliseconds(time); }
 
     std::string written_;
-    Progress::Clock::time_point now_{};
+    Progress::Clock::time_point now_;
 };
 
 }  // namespace

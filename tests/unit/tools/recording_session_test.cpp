@@ -8,7 +8,6 @@
 #include "tracing_fixture.h"
 
 using tessactl::LossesInWords;
-using tessactl::RecordingRequest;
 using tessactl::RunningRecording;
 using tessactl::StartRecording;
 using tessactl::StopRecording;

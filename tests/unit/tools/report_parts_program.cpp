@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <io.h>
@@ -101,11 +102,14 @@ int Act(const Arguments& arguments) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     ::_setmode(::_fileno(stdout), _O_BINARY);
     int count = 0;
     wchar_t** all = ::CommandLineToArgvW(::GetCommandLineW(), &count);
     if (count > 1 && *all[1] != L'-') return Act({all + 1, all + count});
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
 }
