@@ -1,4 +1,5 @@
 #include <windows.h>
+#include <psapi.h>
 #include <winsvc.h>
 
 #include <cstdio>
@@ -28,6 +29,15 @@ DWORD ServiceProcessId() {
     return status.dwProcessId;
 }
 
+/// Bytes of a process that are in memory; 0 if they are not known.
+std::size_t WorkingSet(DWORD processId) {
+    const HANDLE process = ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId);
+    PROCESS_MEMORY_COUNTERS counters = {};
+    ::GetProcessMemoryInfo(process, &counters, sizeof counters);
+    ::CloseHandle(process);
+    return counters.WorkingSetSize;
+}
+
 /// A quick run unless the environment asks for a long one.
 int EventCount() {
     const char* text = std::getenv("TESSAPLUG_PLUG_EVENTS");
@@ -49,11 +59,16 @@ TEST_F(Station, PlugEventsLeaveTheMemoryOfTheServiceAsItWas) {
     };
     plugAndUnplug(40);
     const std::size_t before = CommittedMemory(processId);
+    const std::size_t inMemoryBefore = WorkingSet(processId);
     ASSERT_NE(before, 0u);
+    ASSERT_NE(inMemoryBefore, 0u);
 
     plugAndUnplug(EventCount());
 
     const std::size_t after = CommittedMemory(processId);
     std::printf("%zu KB before, %zu KB after %d plug events\n", before / 1024, after / 1024, EventCount());
     EXPECT_LE(after, before + before / 100);
+    const std::size_t inMemoryAfter = WorkingSet(processId);
+    std::printf("%zu KB in memory before, %zu KB after\n", inMemoryBefore / 1024, inMemoryAfter / 1024);
+    EXPECT_LE(inMemoryAfter, inMemoryBefore + inMemoryBefore / 50);
 }
