@@ -5,13 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh
-. scripts/machine.sh
-. scripts/station.sh
-mkdir -p build
-cmake --workflow --preset release >build/bench-build.log 2>&1 || { tail -40 build/bench-build.log >&2; exit 1; }
-machine_new "$PWD/build/machine-bench"
-station_new build/release >/dev/null
+. scripts/measured_station.sh
 
 echo "Tracing that is off"
 run tessabench trace
