@@ -181,7 +181,7 @@ class ReportPage(unittest.TestCase):
 
     def test_a_page_without_any_part_says_what_is_missing(self):
         texts = self.shown(self.with_parts({"findings": {"error": "nothing answers"}},
-                                           shortened={"/parts/systemLog/data": 7}))
+                                           shortened=[{"list": "/parts/systemLog/data", "lost": 7}]))
         self.assertIn("the oldest 7 entries of /parts/systemLog/data were left out", texts.texts["missing"])
         self.assertIn("what doctor found: nothing answers", texts.texts["missing"])
         self.assertIn("memory dumps: not in this report", texts.texts["missing"])

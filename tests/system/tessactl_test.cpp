@@ -104,7 +104,6 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     ::Sleep(2000);  // until it watches
     Plug(nx4120_);
     Report(fennlinkU3_, 2, L"hot");
-    Report(fennlinkU3_, 3, L"too hot");
     EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
     const HANDLE log = ::RegisterEventSourceW(nullptr, L"tessaplug");
     EXPECT_TRUE(::ReportEventW(log, EVENTLOG_WARNING_TYPE, 0, 0x80000104, nullptr, 0, 0, nullptr, nullptr));
@@ -116,7 +115,6 @@ TEST_F(Tessactl, WatchPrintsWhatHappens) {
     for (const auto* event : {R"j("event":"arrival","what":"NX4120")j",
                               R"j("event":"access point","what":"NX4120(XLI)","text":"visible")j",
                               R"j("event":"message","what":"fenlu3","text":"warning: The adapter)j",
-                              R"j("event":"message","what":"fenlu3","text":"error: The adapter)j",
                               R"j("event":"log entry","what":"tessaplug","text":"warning: An adapter was)j",
                               R"j("event":"removal","what":"NX4120")j"})
         EXPECT_TRUE(Contains(watched, event)) << event << watched.output;
