@@ -37,6 +37,8 @@ def start(program, *arguments, **more):
 def run(program, *arguments):
     process = start(program, *arguments)
     output = process.communicate(timeout=60)[0].replace("\r", "")
+    # Wine says so now and then of a process that just ends.
+    output = re.sub(r"^wine client error:.*\n", "", output, flags=re.M)
     return process.returncode, output
 
 
