@@ -40,6 +40,14 @@ class Report : public system_tests::Station {
     static void Write(const std::wstring& path, const std::string& content) {
         std::ofstream(std::filesystem::path(path), std::ios::binary) << content;
     }
+    /// Has the running service show an adapter's access points while a recording is made.
+    void RecordArrival() {
+        StartService();
+        EXPECT_EQ(Tool(L"trace start --file " + kRecording).exitCode, 0U);
+        Plug(nx4120_);
+        EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
+        EXPECT_EQ(Tool(L"trace stop").exitCode, 0U);
+    }
     /// Milliseconds that a report took.
     static ULONGLONG TimeOf(const std::wstring& arguments, CommandResult& result) {
         const ULONGLONG begin = ::GetTickCount64();
@@ -51,11 +59,7 @@ class Report : public system_tests::Station {
 }  // namespace
 
 TEST_F(Report, HasWhatTheStationHas) {
-    StartService();
-    EXPECT_EQ(Tool(L"trace start --file " + kRecording).exitCode, 0U);
-    Plug(nx4120_);
-    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
-    EXPECT_EQ(Tool(L"trace stop").exitCode, 0U);
+    RecordArrival();
     Write(kPage, "an older page");
     const CommandResult made = Tool(L"report " + kPage + L" --recording " + kRecording);
     EXPECT_EQ(made.exitCode, 0U) << made.output;
@@ -184,11 +188,7 @@ TEST_F(Report, FilesThatAreRefusedCostTheirPartsOnly) {
 }
 
 TEST_F(Report, RecordingOfAnotherBuildIsToldAsSuch) {
-    StartService();
-    EXPECT_EQ(Tool(L"trace start --file " + kRecording).exitCode, 0U);
-    Plug(nx4120_);
-    EXPECT_TRUE(AllBecome(L"NX4120", L"visible"));
-    EXPECT_EQ(Tool(L"trace stop").exitCode, 0U);
+    RecordArrival();
     // Formats that lack some of what the recording has, as those of another build do.
     const std::filesystem::path formats = L"C:\\windows\\temp\\tessactl_report_tmf";
     std::filesystem::copy(test_support::ProgramFolder() + L"tmf", formats);
