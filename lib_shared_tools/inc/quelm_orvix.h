@@ -114,6 +114,19 @@ class Q5orvix : public Q5orvixIf {
 /// @param isRegistered if given, whether the path comes from the registry and not from the default folder
 std::wstring ConfigurationLibraryPath(bool* isRegistered = nullptr);
 
+/// As long as one lives, LoadLib of whichever object looks for the library's path once: that costs more than
+/// to load again what is loaded. Without one each LoadLib finds the library where it is then. For any thread.
+class LookUpPathOnce {
+  public:
+    LookUpPathOnce();
+    ~LookUpPathOnce();
+    LookUpPathOnce(const LookUpPathOnce&) = delete;
+    LookUpPathOnce& operator=(const LookUpPathOnce&) = delete;
+
+    /// The next LoadLib looks again: for behind what may have moved the library.
+    static void Forget() noexcept;
+};
+
 /// The folder of that path. A process whose library search is limited has to have it searched, or the
 /// library's own libraries are not found: it is loaded by its path, and that alone does not have its folder
 /// searched. Empty if there is none.

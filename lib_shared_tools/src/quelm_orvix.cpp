@@ -63,6 +63,21 @@ std::wstring DefaultBaseFolder() {
     return std::wstring(commonFiles) + L"\\" + kDefaultBaseFolder;
 }
 
+/// What LookUpPathOnce is about; one for each loaded plug-in.
+struct {
+    std::mutex lock;  // guards everything below
+    int holders = 0;
+    std::wstring path;  // empty until it was found, and while there are no holders
+} lookedUp;
+
+std::wstring PathToLoad() {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lookedUp.lock);
+    if (lookedUp.holders == 0) return ConfigurationLibraryPath();
+    if (lookedUp.path.empty()) lookedUp.path = ConfigurationLibraryPath();
+    return lookedUp.path;
+}
+
 /// A path that does not fit into MAX_PATH characters ends the process, as a run time does whose bounded copy
 /// gets an invalid parameter: by fast fail, which no handler sees, with exit status 0xC0000409. The one that
 /// is linked here would return an error and go on, and what is then loaded may lie at the root of a drive.
@@ -165,6 +180,24 @@ std::wstring ConfigurationLibraryFolder() {
     return end == std::wstring::npos ? std::wstring() : path.substr(0, end);
 }
 
+LookUpPathOnce::LookUpPathOnce() {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lookedUp.lock);
+    ++lookedUp.holders;
+}
+
+LookUpPathOnce::~LookUpPathOnce() {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lookedUp.lock);
+    if (--lookedUp.holders == 0) lookedUp.path.clear();
+}
+
+void LookUpPathOnce::Forget() noexcept {
+    FUNCTION_TRACE();
+    const std::lock_guard guard(lookedUp.lock);
+    lookedUp.path.clear();
+}
+
 Q5orvix::Q5orvix(std::shared_ptr<windows_api::CKernel32> kernel32) : kernel32_(std::move(kernel32)) {
     FUNCTION_TRACE();
 }
@@ -178,7 +211,7 @@ void Q5orvix::LoadLib() {
     FUNCTION_TRACE();
     const std::lock_guard guard(lock_);
     if (module_ != nullptr) MODUL_THROW(std::runtime_error("Sequence! Q5orvix-DLL already loaded"));
-    const std::wstring path = ConfigurationLibraryPath();
+    const std::wstring path = PathToLoad();
     EndProcessIfTooLong(path);
     // The library's initialisation runs in here: whatever it throws or raises is a failed load.
     if (!path.empty() &&

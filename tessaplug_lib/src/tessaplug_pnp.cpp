@@ -252,6 +252,7 @@ void DeviceNotifier::ShowOrHideAll(const ModelRecord& model, bool arrival, bool 
             panelMayRun = false;  // one run makes all that are missing
             // What it makes is looked for by a library that is loaded after it.
             configurationLibrary_.Release();
+            quelm::LookUpPathOnce::Forget();
             collaborators_.panel->CallSilent();
             TRACE_INFO(36, "The interface-setup panel has run");
         } else if (arrival) {

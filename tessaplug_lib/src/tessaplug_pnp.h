@@ -82,8 +82,8 @@ struct DeviceNotifierCollaborators {
 class DeviceNotifier {
   public:
     /// As long as one lives, the libraries that the notifier's work has loaded stay loaded for what it does
-    /// next. Without one nothing is held: a library's file can be replaced between two events. For the thread
-    /// on which the notifier works.
+    /// next, and are looked for once. Without one nothing is held: a library's file can be replaced between
+    /// two events. For the thread on which the notifier works.
     class KeepLibraries {
       public:
         explicit KeepLibraries(DeviceNotifier& notifier);
@@ -93,6 +93,7 @@ class DeviceNotifier {
 
       private:
         DeviceNotifier& notifier_;
+        const quelm::LookUpPathOnce lookUpPathOnce_;
     };
 
     explicit DeviceNotifier(DeviceNotifierCollaborators collaborators = {});

@@ -152,6 +152,41 @@ TEST(ConfigurationLibrary, IsLookedForInTheRegisteredFolder) {
     EXPECT_EQ(quelm::ConfigurationLibraryPath(), L"C:\\base\\bin\\q5orvix64x.dll");
 }
 
+TEST(ConfigurationLibrary, IsLookedForAnewAtEachLoadUnlessItIsToBeLookedUpOnce) {
+    const auto loads = [] {
+        Q5orvix library;
+        try {
+            library.LoadLib();
+            return true;
+        } catch (const CWindowsApiExcp&) {
+            return false;
+        }
+    };
+    const std::wstring nowhere = L"C:\\no such folder";
+    const ConfigurationLibraryLocation location(FaultyLibrary(L"answers_code"));
+    {
+        const quelm::LookUpPathOnce once;
+        EXPECT_TRUE(loads());
+        ConfigurationLibraryLocation::Set(nowhere);
+        {
+            const quelm::LookUpPathOnce twice;
+            EXPECT_TRUE(loads());
+        }
+        EXPECT_TRUE(loads()) << "as long as one lives";
+        quelm::LookUpPathOnce::Forget();
+        EXPECT_FALSE(loads());
+    }
+    ConfigurationLibraryLocation::Set(FaultyLibrary(L"answers_code"));
+    EXPECT_TRUE(loads());
+    ConfigurationLibraryLocation::Set(nowhere);
+    EXPECT_FALSE(loads());
+    ConfigurationLibraryLocation::Set(FaultyLibrary(L"answers_code"));
+    {
+        const quelm::LookUpPathOnce once;
+        EXPECT_TRUE(loads()) << "nothing is remembered from the last ones";
+    }
+}
+
 TEST(ConfigurationLibrary, IsLookedForInTheCommonFolderOtherwise) {
     const ConfigurationLibraryLocation location(L"");
     wchar_t common[MAX_PATH] = {};

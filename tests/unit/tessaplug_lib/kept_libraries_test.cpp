@@ -34,12 +34,16 @@ class RealLibrary : public testing::Test {
     explicit RealLibrary(const wchar_t* variant = L"answers_code")
         : location_(test_support::FaultyLibrary(variant)) {
         Answer(quelm::LDCF_OK);
+        notifier_ = std::make_shared<DeviceNotifier>(Collaborators());
+    }
+
+    tessaplug::DeviceNotifierCollaborators Collaborators() {
         tessaplug::DeviceNotifierCollaborators collaborators;
         collaborators.user32 = std::make_shared<FakeUser32>(journal_);
         collaborators.deviceInterfaces = std::make_shared<FakeDeviceInterfaces>();
         collaborators.createDefaultLogDevices = [] { return std::make_unique<DefaultsWithLibrary>(); };
         collaborators.panel = std::make_shared<FakePanel>(journal_);
-        notifier_ = std::make_shared<DeviceNotifier>(std::move(collaborators));
+        return collaborators;
     }
 
     static void Answer(DWORD code) {
@@ -90,6 +94,48 @@ TEST_F(RealLibrary, IsLoadedAnewAfterThePanel) {
     EXPECT_EQ(journal_, Journal{"panel"});
     EXPECT_EQ(loads.Loaded(), 2) << "what the panel has made is not looked for by a library from before";
     EXPECT_EQ(loads.Unloaded(), 2);
+}
+
+TEST_F(RealLibrary, ThatThePanelMovesIsFoundInItsNewPlace) {
+    class MovingPanel : public quelm::TvorPanel {
+      public:
+        void CallSilent() override { test_support::ConfigurationLibraryLocation::Set(L"C:\\no such folder"); }
+    };
+    tessaplug::DeviceNotifierCollaborators collaborators = Collaborators();
+    collaborators.panel = std::make_shared<MovingPanel>();
+    notifier_ = std::make_shared<DeviceNotifier>(std::move(collaborators));
+    Register(kGuidA);
+    Answer(quelm::LDCF_ERR_LOG_DEVICE_NOT_EXISTS);
+    const test_support::LibraryLoads loads(L"q5orvix64x.dll");
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(loads.Loaded(), 1) << "it is no longer where it was before the panel";
+}
+
+TEST_F(RealLibrary, ThatMovesBetweenTwoEventsIsFoundInItsNewPlace) {
+    Register(kGuidA);
+    const test_support::LibraryLoads loads(L"q5orvix64x.dll");
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    test_support::ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+    notifier_->OnDeviceRemoval(kGuidA, DBT_DEVICEREMOVECOMPLETE);
+    EXPECT_EQ(loads.Loaded(), 1);
+    test_support::ConfigurationLibraryLocation::Set(test_support::FaultyLibrary(L"answers_code"));
+    notifier_->OnDeviceArrival(kGuidA, DBT_DEVICEARRIVAL);
+    EXPECT_EQ(loads.Loaded(), 2);
+}
+
+TEST_F(RealLibrary, ThatMovesDuringAnEventIsLookedUpOnce) {
+    // The log devices that are installed are what is asked first.
+    tessaplug::DeviceNotifierCollaborators collaborators = Collaborators();
+    collaborators.createDefaultLogDevices = [] {
+        auto defaults = std::make_unique<DefaultsWithLibrary>();
+        test_support::ConfigurationLibraryLocation::Set(L"C:\\no such folder");
+        return defaults;
+    };
+    notifier_ = std::make_shared<DeviceNotifier>(std::move(collaborators));
+    const test_support::Tracing tracing;
+    test_support::EnableTracing(test_support::kModuleGuid, trace::kError, trace::kMessage, 1);
+    Register(kGuidA);
+    EXPECT_TRUE(test_support::TakeTraceRecords().empty()) << "no load has failed";
 }
 
 TEST_F(RealLibrary, IsLoadedOnceForARegistrationAndNotHeldAfterIt) {
