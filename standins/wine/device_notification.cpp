@@ -161,9 +161,33 @@ DWORD WINAPI CallInTurn(DWORD control, DWORD eventType, void* eventData, void* c
     return result;
 }
 
+bool StartThread(LPTHREAD_START_ROUTINE body, void* parameter) {
+    const HANDLE thread = ::CreateThread(nullptr, 0, body, parameter, 0, nullptr);
+    if (thread != nullptr) ::CloseHandle(thread);
+    return thread != nullptr;
+}
+
+/// For services only: a window needs the display's driver, which takes longer to load than most programs run.
+/// @return an error of Windows, or ERROR_SUCCESS
+DWORD StartThreads() {
+    static std::mutex starting;
+    const std::lock_guard guard(starting);
+    if (factory != nullptr) return ERROR_SUCCESS;
+    eventsWaiting = ::CreateSemaphoreW(nullptr, 0, MAXLONG, nullptr);
+    const HANDLE ready = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (!StartThread(&EventThread, nullptr) || !StartThread(&WindowThread, ready)) return ::GetLastError();
+    ::WaitForSingleObject(ready, INFINITE);
+    ::CloseHandle(ready);
+    return factory != nullptr ? ERROR_SUCCESS : ERROR_CANNOT_MAKE;
+}
+
 SERVICE_STATUS_HANDLE WINAPI RegisterHandler(LPCWSTR service, LPHANDLER_FUNCTION_EX function,
                                              LPVOID context) {
     if (function == nullptr) return originalRegisterHandler(service, function, context);
+    if (const DWORD failed = StartThreads(); failed != ERROR_SUCCESS) {
+        ::SetLastError(failed);
+        return nullptr;
+    }
     const std::lock_guard guard(lock);
     services.push_back({function, context});
     const SERVICE_STATUS_HANDLE handle = originalRegisterHandler(service, &CallInTurn, &services.back());
@@ -242,12 +266,6 @@ BOOL WINAPI Unregister(HDEVNOTIFY notification) {
     return result;
 }
 
-bool StartThread(LPTHREAD_START_ROUTINE body, void* parameter) {
-    const HANDLE thread = ::CreateThread(nullptr, 0, body, parameter, 0, nullptr);
-    if (thread != nullptr) ::CloseHandle(thread);
-    return thread != nullptr;
-}
-
 }  // namespace
 
 std::vector<Replacement> DeviceNotificationReplacements() {
@@ -259,15 +277,6 @@ std::vector<Replacement> DeviceNotificationReplacements() {
         {L"advapi32.dll", "RegisterServiceCtrlHandlerExW", reinterpret_cast<void*>(&RegisterHandler),
          Slot(originalRegisterHandler)},
     };
-}
-
-DWORD StartDeviceNotifications() {
-    eventsWaiting = ::CreateSemaphoreW(nullptr, 0, MAXLONG, nullptr);
-    const HANDLE ready = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (!StartThread(&EventThread, nullptr) || !StartThread(&WindowThread, ready)) return ::GetLastError();
-    ::WaitForSingleObject(ready, INFINITE);
-    ::CloseHandle(ready);
-    return factory != nullptr ? ERROR_SUCCESS : ERROR_CANNOT_MAKE;
 }
 
 }  // namespace wine_gap

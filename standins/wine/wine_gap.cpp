@@ -20,7 +20,6 @@ DWORD Start() {
           SessionReplacements(), TraceProviderReplacements(), TraceControllerReplacements(),
           TraceConsumerReplacements()})
         if (const DWORD result = ReplaceAll(replacements); result != ERROR_SUCCESS) return result;
-    if (const DWORD result = StartDeviceNotifications(); result != ERROR_SUCCESS) return result;
     return StartTraceProviders();
 }
 

@@ -11,7 +11,6 @@ namespace wine_gap {
 /// What each subject replaces, and what it has to start first. Starting is done by WineGapStart, outside of
 /// the loader's lock; the replacements themselves may run inside it and wait for no thread.
 std::vector<Replacement> DeviceNotificationReplacements();
-DWORD StartDeviceNotifications();
 
 std::vector<Replacement> EventLogReplacements();
 
