@@ -1,5 +1,6 @@
 #include <windows.h>
 #include <dbt.h>
+#include <winsvc.h>
 
 #include <atomic>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include "subjects.h"
 #include "tessaplug_database.h"
 #include "unique_handle.h"
+#include "wine_gap_loader.h"
 
 namespace bench {
 namespace {
@@ -54,25 +56,28 @@ void StopComponentsBare() {
     ::CoUninitialize();
 }
 
-/// What the window procedure tells the worker.
+/// What the control handler tells the worker.
 struct LastEvent {
-    std::atomic<WPARAM> type = 0;  // 0 ends the worker
+    std::atomic<DWORD> type = 0;  // 0 ends the worker
     const UniqueKernelHandle wake{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 } lastEvent;
 
-LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM type, LPARAM data) {
-    if (message != WM_DEVICECHANGE) return ::DefWindowProcW(window, message, type, data);
-    if (type == DBT_DEVICEARRIVAL || type == DBT_DEVICEREMOVECOMPLETE) {
-        lastEvent.type = type;
-        ::SetEvent(lastEvent.wake.get());
-    }
-    return TRUE;
+DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* /*eventData*/, void* /*context*/) {
+    if (control == SERVICE_CONTROL_STOP)
+        lastEvent.type = 0;
+    else if (control == SERVICE_CONTROL_DEVICEEVENT &&
+             (eventType == DBT_DEVICEARRIVAL || eventType == DBT_DEVICEREMOVECOMPLETE))
+        lastEvent.type = eventType;
+    else
+        return NO_ERROR;
+    ::SetEvent(lastEvent.wake.get());
+    return NO_ERROR;
 }
 
 void Work() {
     for (;;) {
         ::WaitForSingleObject(lastEvent.wake.get(), INFINITE);
-        const WPARAM type = lastEvent.type;
+        const DWORD type = lastEvent.type;
         if (type == 0) return;
         try {
             if (type == DBT_DEVICEREMOVECOMPLETE) StopComponentsBare();
@@ -84,40 +89,43 @@ void Work() {
     }
 }
 
-HDEVNOTIFY WatchAdapter(HWND window) {
+HDEVNOTIFY WatchAdapter(SERVICE_STATUS_HANDLE service) {
     DEV_BROADCAST_DEVICEINTERFACE_W filter = {};
     filter.dbcc_size = sizeof filter;
     filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
     filter.dbcc_classguid = tessaplug::kNx4120InterfaceGuid;
-    return ::RegisterDeviceNotificationW(window, &filter, DEVICE_NOTIFY_WINDOW_HANDLE);
+    return ::RegisterDeviceNotificationW(service, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
+}
+
+void Report(SERVICE_STATUS_HANDLE service, DWORD state, DWORD exitCode = NO_ERROR) {
+    SERVICE_STATUS status = {};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+    status.dwWin32ExitCode = exitCode;
+    ::SetServiceStatus(service, &status);
+}
+
+void WINAPI ServiceMain(DWORD /*argc*/, wchar_t** /*argv*/) {
+    const SERVICE_STATUS_HANDLE service =
+        ::RegisterServiceCtrlHandlerExW(kBareStationService, &HandleControl, nullptr);
+    const HDEVNOTIFY notification = WatchAdapter(service);
+    if (notification == nullptr) return Report(service, SERVICE_STOPPED, ::GetLastError());
+    std::thread worker(&Work);
+    Report(service, SERVICE_RUNNING);
+    worker.join();
+    ::UnregisterDeviceNotification(notification);
+    Report(service, SERVICE_STOPPED);
 }
 
 }  // namespace
 
 void RunBareStation() {
-    const UniqueKernelHandle ready(::OpenEventW(EVENT_MODIFY_STATE, FALSE, kBareProcessIsReady));
-    const HANDLE stop = ::OpenEventW(SYNCHRONIZE, FALSE, kBareProcessShallStop);
-    const UniqueKernelHandle stopOwner(stop);
-    WNDCLASSW windowClass = {};
-    windowClass.lpfnWndProc = &OnMessage;
-    windowClass.lpszClassName = L"tessabench";
-    ::RegisterClassW(&windowClass);
-    const HWND window = ::CreateWindowExW(0, windowClass.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
-                                          nullptr, nullptr, nullptr);
-    const HDEVNOTIFY notification = WatchAdapter(window);
-    if (notification == nullptr || stop == nullptr || !ready)
+    LoadWineGap();
+    std::wstring name = kBareStationService;
+    const SERVICE_TABLE_ENTRYW services[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
+    if (!::StartServiceCtrlDispatcherW(services))
         throw std::runtime_error("the bare station is run by the measurement only");
-    std::thread worker(&Work);
-    ::SetEvent(ready.get());
-    while (::MsgWaitForMultipleObjects(1, &stop, FALSE, INFINITE, QS_ALLINPUT) == WAIT_OBJECT_0 + 1) {
-        MSG message = {};
-        while (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
-            ::DispatchMessageW(&message);
-    }
-    ::UnregisterDeviceNotification(notification);
-    lastEvent.type = 0;
-    ::SetEvent(lastEvent.wake.get());
-    worker.join();
 }
 
 }  // namespace bench

@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <functional>
 #include <vector>
 
@@ -11,7 +12,7 @@
 namespace bench {
 namespace {
 
-/// The medians of a few, behind one that warms up.
+/// The fastest of a few, behind one that warms up: what else the machine does only adds.
 template <typename Station>
 PlugTimes TimesWith(const std::function<void()>& prepare, int count) {
     const Station station;
@@ -24,7 +25,7 @@ PlugTimes TimesWith(const std::function<void()>& prepare, int count) {
         visible.push_back(times.visible);
         hidden.push_back(times.hidden);
     }
-    return {Median(visible), Median(hidden)};
+    return {std::ranges::min(visible), std::ranges::min(hidden)};
 }
 
 /// Service and bare station take turns: both at once would get in each other's way.
@@ -47,7 +48,7 @@ void MeasurePlugEvents() {
     Comparison hidden;
     {
         const KeptStationManager kept;
-        Compare(visible, hidden, &LetComponentsRun, kRounds, 3);
+        Compare(visible, hidden, &LetComponentsRun, kRounds, 9);
     }
     Print("plug to visible, by the bare station", "plug to visible", "ms", visible);
     Print("unplug to hidden, by the bare station", "unplug to hidden, station manager running", "ms", hidden);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ranges>
 #include <stdexcept>
 #include <string>
 
@@ -18,42 +19,83 @@ namespace {
 
 constexpr DWORD kTimeOutMs = 30000;
 
+/// What makes this program a bare counterpart.
+std::wstring CommandLine(const wchar_t* subject) {
+    wchar_t program[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, program, MAX_PATH);
+    return L"\"" + std::wstring(program) + L"\" " + subject;
+}
+
+/// Where the configuration library's stand-in keeps the log devices: whoever asks for them again and again
+/// gets in the way of the station that is measured.
+class LogDeviceChanges {
+  public:
+    LogDeviceChanges() {
+        HKEY key = nullptr;
+        const std::wstring path = configuration_library::LogDeviceStore::DefaultRoot() + L"\\LogDevices";
+        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_NOTIFY, &key) != ERROR_SUCCESS)
+            throw std::runtime_error("there are no log devices");
+        key_.reset(key);
+        Listen();
+    }
+
+    /// Waits for the next one since the object was made or since the last call.
+    /// @return false if there is none in that time
+    bool Wait(DWORD milliseconds) const {
+        if (::WaitForSingleObject(changed_.get(), milliseconds) != WAIT_OBJECT_0) return false;
+        Listen();
+        return true;
+    }
+
+  private:
+    void Listen() const {
+        if (::RegNotifyChangeKeyValue(key_.get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET, changed_.get(), TRUE) !=
+            ERROR_SUCCESS)
+            throw std::runtime_error("changes of the log devices cannot be waited for");
+    }
+
+    UniqueRegistryKey key_;
+    const UniqueKernelHandle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+};
+
+/// The last one is asked first, as it changes last.
 bool AllAre(const wchar_t* hidden) {
     const configuration_library::LogDeviceStore store;
-    return std::ranges::all_of(kKinds, [&](const wchar_t* kind) {
+    return std::ranges::all_of(kKinds | std::views::reverse, [&](const wchar_t* kind) {
         std::wstring value;
         store.GetValue(std::wstring(L"NX4120.") + kind + L".1", L"hidden", value);
         return value == hidden;
     });
 }
 
-/// Until all access points are so.
-void WaitUntilAllAre(const wchar_t* hidden, const char* station) {
-    const ULONGLONG end = ::GetTickCount64() + kTimeOutMs;
-    while (!AllAre(hidden)) {
-        if (::GetTickCount64() > end)
-            throw std::runtime_error("the access points do not change, with the " + std::string(station));
-        ::Sleep(0);
-    }
+/// Milliseconds from the change of the device until all access points are so.
+double TimeUntilAllAre(const wchar_t* hidden, const char* station, const std::function<void()>& change) {
+    const LogDeviceChanges changes;
+    return MillisecondsOf([&] {
+        change();
+        while (!AllAre(hidden)) {
+            if (!changes.Wait(kTimeOutMs))
+                throw std::runtime_error("the access points do not change, with the " + std::string(station));
+        }
+    });
 }
 
 }  // namespace
 
-RunningService::RunningService()
+RunningServiceProcess::RunningServiceProcess(const wchar_t* name)
     : manager_(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
-      service_(
-          ::OpenServiceW(manager_.get(), L"tessahost", SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS)) {
-    ::StartServiceW(service_.get(), 0, nullptr);
-    if (!Becomes(SERVICE_RUNNING)) throw std::runtime_error("the service does not start");
+      service_(::OpenServiceW(manager_.get(), name, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS)) {
+    if (!::StartServiceW(service_.get(), 0, nullptr) || !Becomes(SERVICE_RUNNING))
+        throw std::runtime_error("the service does not start, LE(" + std::to_string(::GetLastError()) + ")");
 }
 
-RunningService::~RunningService() {
+RunningServiceProcess::~RunningServiceProcess() {
     SERVICE_STATUS status = {};
     ::ControlService(service_.get(), SERVICE_CONTROL_STOP, &status);
     if (!Becomes(SERVICE_STOPPED)) std::fputs("tessabench: the service does not stop\n", stderr);
 }
 
-DWORD RunningService::ProcessId() const {
+DWORD RunningServiceProcess::ProcessId() const {
     SERVICE_STATUS_PROCESS status = {};
     DWORD needed = 0;
     ::QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
@@ -61,7 +103,7 @@ DWORD RunningService::ProcessId() const {
     return status.dwProcessId;
 }
 
-bool RunningService::Becomes(DWORD state) const {
+bool RunningServiceProcess::Becomes(DWORD state) const {
     SERVICE_STATUS status = {};
     const ULONGLONG end = ::GetTickCount64() + kTimeOutMs;
     while (::QueryServiceStatus(service_.get(), &status) && status.dwCurrentState != state) {
@@ -71,12 +113,21 @@ bool RunningService::Becomes(DWORD state) const {
     return status.dwCurrentState == state;
 }
 
+const wchar_t* RunningBareStation::Installed() {
+    const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+    const UniqueServiceHandle created(
+        ::CreateServiceW(manager.get(), kBareStationService, kBareStationService, SERVICE_ALL_ACCESS,
+                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                         CommandLine(L"bare-station").c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    if (!created && ::GetLastError() != ERROR_SERVICE_EXISTS)
+        throw std::runtime_error("the bare station cannot be installed");
+    return kBareStationService;
+}
+
 RunningBareProcess::RunningBareProcess(const wchar_t* subject)
     : ready_(::CreateEventW(nullptr, FALSE, FALSE, kBareProcessIsReady)),
       stop_(::CreateEventW(nullptr, TRUE, FALSE, kBareProcessShallStop)) {
-    wchar_t program[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring commandLine = L"\"" + std::wstring(program) + L"\" " + subject;
+    std::wstring commandLine = CommandLine(subject);
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
@@ -115,15 +166,9 @@ void LetComponentsRun() {
 PlugTimes PlugAndUnplug(const std::function<void()>& prepare, const char* station) {
     const auto* nx4120 = adapter_control::FindModel(L"NX4120");
     PlugTimes times;
-    times.visible = MillisecondsOf([&] {
-        adapter_control::Plug(*nx4120);
-        WaitUntilAllAre(L"false", station);
-    });
+    times.visible = TimeUntilAllAre(L"false", station, [&] { adapter_control::Plug(*nx4120); });
     prepare();
-    times.hidden = MillisecondsOf([&] {
-        adapter_control::Unplug(*nx4120);
-        WaitUntilAllAre(L"true", station);
-    });
+    times.hidden = TimeUntilAllAre(L"true", station, [&] { adapter_control::Unplug(*nx4120); });
     return times;
 }
 

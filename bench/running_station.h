@@ -12,17 +12,16 @@ namespace bench {
 
 using UniqueServiceHandle = UniqueHandle<SC_HANDLE, [](SC_HANDLE handle) { ::CloseServiceHandle(handle); }>;
 
-/// The service runs for as long as this lives.
-class RunningService {
+/// A service that runs for as long as this lives.
+class RunningServiceProcess {
   public:
-    static constexpr char kName[] = "service";
-
+    /// @param name an installed service's
     /// @throws std::runtime_error if it does not start
-    RunningService();
+    explicit RunningServiceProcess(const wchar_t* name);
     /// A service that does not stop is told of on the standard error output.
-    ~RunningService();
-    RunningService(const RunningService&) = delete;
-    RunningService& operator=(const RunningService&) = delete;
+    ~RunningServiceProcess();
+    RunningServiceProcess(const RunningServiceProcess&) = delete;
+    RunningServiceProcess& operator=(const RunningServiceProcess&) = delete;
 
     DWORD ProcessId() const;
 
@@ -31,6 +30,23 @@ class RunningService {
 
     const UniqueServiceHandle manager_;
     const UniqueServiceHandle service_;
+};
+
+/// The plug-in's host.
+class RunningService : public RunningServiceProcess {
+  public:
+    static constexpr char kName[] = "service";
+    RunningService() : RunningServiceProcess(L"tessahost") {}
+};
+
+/// The bare counterpart of both, a service as well. It stays installed.
+class RunningBareStation : public RunningServiceProcess {
+  public:
+    static constexpr char kName[] = "bare-station";
+    RunningBareStation() : RunningServiceProcess(Installed()) {}
+
+  private:
+    static const wchar_t* Installed();
 };
 
 /// A bare counterpart, a process of its own (bare_process.h), runs for as long as this lives.
@@ -49,12 +65,6 @@ class RunningBareProcess {
     const UniqueKernelHandle ready_;
     const UniqueKernelHandle stop_;
     UniqueKernelHandle process_;
-};
-
-class RunningBareStation : public RunningBareProcess {
-  public:
-    static constexpr char kName[] = "bare-station";
-    RunningBareStation() : RunningBareProcess(L"bare-station") {}
 };
 
 /// The station manager runs for as long as this lives.
