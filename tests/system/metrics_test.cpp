@@ -118,7 +118,7 @@ TEST_F(Metrics, LastExceptionIsToldWithItsTime) {
         CommandResult told;
         const auto last = [&told] { return Value(told, "tessaplug_last_exception_timestamp_seconds"); };
         EXPECT_TRUE(Eventually([&] {
-            told = Tool(L"metrics-source exceptions");
+            told = Tool(L"metrics-source service");
             return last() >= begin;
         })) << told.output;
         EXPECT_LE(last(), static_cast<double>(std::time(nullptr)));
@@ -215,6 +215,26 @@ TEST_F(Metrics, SourceThatRefusesIsDownAndToldAndTheOthersStay) {
     const CommandResult ends = Run();
     EXPECT_EQ(Down(ends), Names{"access_points"});
     EXPECT_TRUE(Contains(ends, "access_points: the process that asked ended with 0x0000E0D5")) << ends.output;
+}
+
+TEST_F(Metrics, PartnersProcessTellsTheEndOfEachOfItsSources) {
+    const CommandResult eventLog = Tool(L"metrics-source event_log");
+    EXPECT_EQ(eventLog.exitCode, 0u);
+    const std::size_t first = eventLog.output.find("# told system_log\n");
+    const std::size_t second = eventLog.output.find("# told application_log\n");
+    EXPECT_LT(first, second) << eventLog.output;
+    EXPECT_NE(second, std::string::npos);
+
+    StartService();
+    const CommandResult service = Tool(L"metrics-source service --plugin another.dll");
+    EXPECT_EQ(service.exitCode, 1u);
+    EXPECT_TRUE(Contains(service, "# told service\n")) << service.output;
+    EXPECT_TRUE(Contains(service, "# told plug_in\n"));
+    EXPECT_TRUE(Contains(service, "# failed exceptions\n"));
+
+    const CommandResult nobody = Tool(L"metrics-source nobody");
+    EXPECT_EQ(nobody.exitCode, 2u);
+    EXPECT_TRUE(Contains(nobody, "there is no such partner"));
 }
 
 TEST_F(Metrics, ServiceWithoutThePlugInIsNotTakenForOneWithoutExceptions) {

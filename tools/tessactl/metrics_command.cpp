@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <io.h>
+#include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -18,15 +20,17 @@
 #include "replaced_file.h"
 #include "text.h"
 
-// Each source is read in a process of its own, which runs the hidden command "metrics-source": one that hangs
-// or ends its caller takes nothing with it. They run side by side, so all together take as long as the
-// slowest.
+// Each partner is asked in a process of its own, which runs the hidden command "metrics-source": one that
+// hangs or ends its caller takes nothing with it but what would have been asked of it next. They run side by
+// side, so all together take as long as the slowest.
 namespace tessactl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kWhole[] = "# whole";  // what a source's process prints last
+/// What a partner's process prints behind each source's samples, with the source's name.
+constexpr char kTold[] = "# told ";
+constexpr char kFailed[] = "# failed ";  // its samples are right, but not all
 
 struct Options {
     MetricsRequest request;
@@ -37,7 +41,7 @@ struct Options {
 
 struct SourceOptions {
     MetricsRequest request;
-    std::wstring name;
+    std::wstring partner;
 };
 
 void DefineRequest(command_line::Command& command, MetricsRequest& request) {
@@ -48,64 +52,92 @@ void DefineRequest(command_line::Command& command, MetricsRequest& request) {
                  "where its memory dumps are, unless its account is LocalSystem");
 }
 
-std::wstring ArgumentsFor(const MetricsSource& source, const MetricsRequest& request) {
-    std::wstring arguments = L"metrics-source " + Widened(source.name, CP_UTF8) + L" --service " +
+std::wstring ArgumentsFor(std::string_view partner, const MetricsRequest& request) {
+    std::wstring arguments = L"metrics-source " + Widened(std::string(partner), CP_UTF8) + L" --service " +
                              Quoted(request.service) + L" --plugin " + Quoted(request.plugIn);
     if (!request.dumps.empty()) arguments += L" --dumps " + Quoted(request.dumps);
     return arguments;
 }
 
-/// Runs in a process of its own.
-ExitCode PrintSource(const SourceOptions& options) {
-    for (const MetricsSource& source : MetricsSources()) {
-        if (options.name != Widened(source.name, CP_UTF8)) continue;
-        Samples samples;
-        std::string error;
-        try {
-            source.read(options.request, samples);
-        } catch (const std::exception& failure) {
-            error = InWords(failure);
-        }
-        for (const std::string& sample : samples)
-            std::printf("%s\n", sample.c_str());
-        std::printf("%s\n", kWhole);
-        if (error.empty()) return ExitCode::kSuccess;
-        std::fprintf(stderr, "tessactl: %s: %s\n", source.name, error.c_str());
-        return ExitCode::kFailed;
+/// @return whether it told everything
+bool PrintSource(const MetricsSource& source, const MetricsRequest& request) {
+    Samples samples;
+    std::string error;
+    try {
+        source.read(request, samples);
+    } catch (const std::exception& failure) {
+        error = InWords(failure);
     }
-    throw command_line::UsageError("there is no such source");
+    for (const std::string& sample : samples)
+        std::printf("%s\n", sample.c_str());
+    std::printf("%s%s\n", error.empty() ? kTold : kFailed, source.name);
+    std::fflush(stdout);  // the next one may end the process
+    if (!error.empty()) std::fprintf(stderr, "tessactl: %s: %s\n", source.name, error.c_str());
+    return error.empty();
 }
 
-/// What a source told, if it did.
-LimitedResult Ask(const MetricsSource& source, const Options& options) {
-    try {
-        return RunThisProgram(ArgumentsFor(source, options.request), std::chrono::seconds(options.timeOut));
-    } catch (const ToolError& error) {
-        std::fprintf(stderr, "tessactl: %s: %s\n", source.name, error.what());
-        return {.ended = true, .exitCode = static_cast<DWORD>(ExitCode::kFailed), .output = {}, .errors = {}};
+/// Runs in a process of its own.
+ExitCode PrintSources(const SourceOptions& options) {
+    bool isKnown = false;
+    bool toldAll = true;
+    for (const MetricsSource& source : MetricsSources()) {
+        if (options.partner != Widened(source.partner, CP_UTF8)) continue;
+        isKnown = true;
+        toldAll = PrintSource(source, options.request) && toldAll;
     }
+    if (!isKnown) throw command_line::UsageError("there is no such partner");
+    return toldAll ? ExitCode::kSuccess : ExitCode::kFailed;
+}
+
+/// What a partner's process told.
+struct Answer {
+    LimitedResult result;
+    std::vector<std::string> lines;
+    std::size_t next = 0;  // the first line that no source has taken
+};
+
+Answer Ask(std::string_view partner, const Options& options) {
+    Answer answer;
+    try {
+        answer.result =
+            RunThisProgram(ArgumentsFor(partner, options.request), std::chrono::seconds(options.timeOut));
+    } catch (const ToolError& error) {
+        std::fprintf(stderr, "tessactl: %s: %s\n", std::string(partner).c_str(), error.what());
+        answer.result.ended = true;
+        answer.result.exitCode = static_cast<DWORD>(ExitCode::kFailed);
+    }
+    std::istringstream output(answer.result.output);
+    for (std::string line; std::getline(output, line);) {
+        std::erase(line, '\r');
+        answer.lines.push_back(line);
+    }
+    return answer;
+}
+
+/// Says why a source's process came to no end of it.
+void TellUnfinished(const MetricsSource& source, const LimitedResult& result) {
+    if (!result.ended)
+        std::fprintf(stderr, "tessactl: %s: no answer in time\n", source.name);
+    else if (result.exitCode != static_cast<DWORD>(ExitCode::kFailed))
+        std::fprintf(stderr, "tessactl: %s: the process that asked ended with 0x%08lX\n", source.name,
+                     result.exitCode);
 }
 
 /// Adds what a source told, unless its process was cut off, in the middle of who knows what.
 /// @return whether it told everything
-bool AddTo(Exposition& metrics, const MetricsSource& source, const LimitedResult& result) {
-    std::fputs(result.errors.c_str(), stderr);
-    std::vector<std::string> lines;
-    std::istringstream output(result.output);
-    for (std::string line; std::getline(output, line);) {
-        std::erase(line, '\r');
-        lines.push_back(line);
+bool AddTo(Exposition& metrics, const MetricsSource& source, Answer& answer) {
+    const auto begin = answer.lines.begin() + static_cast<std::ptrdiff_t>(answer.next);
+    const auto end = std::find_if(begin, answer.lines.end(), [&source](const std::string& line) {
+        return line == std::string(kTold) + source.name || line == std::string(kFailed) + source.name;
+    });
+    if (end == answer.lines.end()) {
+        TellUnfinished(source, answer.result);
+        return false;
     }
-    const bool isWhole = std::ranges::find(lines, kWhole) != lines.end();
-    if (!result.ended)
-        std::fprintf(stderr, "tessactl: %s: no answer in time\n", source.name);
-    else if (!isWhole && result.exitCode != static_cast<DWORD>(ExitCode::kFailed))
-        std::fprintf(stderr, "tessactl: %s: the process that asked ended with 0x%08lX\n", source.name,
-                     result.exitCode);
-    if (!result.ended || !isWhole) return false;
-    for (const std::string& line : lines)
-        metrics.Add(line);  // a library in that process may have printed something of its own
-    return result.exitCode == static_cast<DWORD>(ExitCode::kSuccess);
+    for (auto line = begin; line != end; ++line)
+        metrics.Add(*line);  // a library in that process may have printed something of its own
+    answer.next = static_cast<std::size_t>(end - answer.lines.begin()) + 1;
+    return end->starts_with(kTold);
 }
 
 double SecondsSince1970() {
@@ -116,16 +148,21 @@ double SecondsSince1970() {
 std::string Gather(const Options& options) {
     const auto start = Clock::now();
     const auto sources = MetricsSources();
-    std::vector<LimitedResult> results(sources.size());
+    std::map<std::string_view, Answer> answers;
+    for (const MetricsSource& source : sources)
+        answers[source.partner];
     {
         std::vector<std::jthread> askers;
-        for (std::size_t i = 0; i < sources.size(); ++i)
-            askers.emplace_back([&, i] { results[i] = Ask(sources[i], options); });
+        for (auto& [partner, answer] : answers)
+            askers.emplace_back(
+                [&, &partner = partner, &answer = answer] { answer = Ask(partner, options); });
     }
+    for (const auto& [partner, answer] : answers)
+        std::fputs(answer.result.errors.c_str(), stderr);
     Exposition metrics;
-    for (std::size_t i = 0; i < sources.size(); ++i)
-        metrics.Add(SampleLine("tessaplug_source_up", {{"source", sources[i].name}},
-                               AddTo(metrics, sources[i], results[i])));
+    for (const MetricsSource& source : sources)
+        metrics.Add(SampleLine("tessaplug_source_up", {{"source", source.name}},
+                               AddTo(metrics, source, answers[source.partner])));
     const BuildVersion build = OwnBuild();
     metrics.Add(
         SampleLine("tessaplug_build_info", {{"version", build.version}, {"commit", build.commit}}, 1));
@@ -170,7 +207,7 @@ void Define(command_line::Command& command, Options& options) {
 }
 
 void DefineSource(command_line::Command& command, SourceOptions& options) {
-    command.Operand("SOURCE", options.name, "which");
+    command.Operand("PARTNER", options.partner, "which");
     DefineRequest(command, options.request);
     command.Hide();
 }
@@ -182,8 +219,8 @@ void AddMetrics(command_line::Program& program) {
                         "tells the station's numbers in the text format of Prometheus\n"
                         "a source that refuses or hangs is told as tessaplug_source_up 0, the others stay",
                         &Define, &Metrics);
-    AddCommand<SourceOptions>(program, "metrics-source", "reads one source; for metrics only", &DefineSource,
-                              &PrintSource);
+    AddCommand<SourceOptions>(program, "metrics-source", "reads one partner's sources; for metrics only",
+                              &DefineSource, &PrintSources);
 }
 
 }  // namespace tessactl

@@ -180,14 +180,14 @@ void ReadDumps(const MetricsRequest& request, Samples& samples) {
 }
 
 constexpr MetricsSource kSources[] = {
-    {"service", &ReadService},
-    {"plug_in", &ReadPlugIn},
-    {"exceptions", &ReadExceptions},
-    {"adapters", &ReadAdapterNumbers},
-    {"access_points", &ReadAccessPointNumbers},
-    {"system_log", &ReadDriverLog},
-    {"application_log", &ReadPlugInLog},
-    {"dumps", &ReadDumps},
+    {"service", "service", &ReadService},
+    {"plug_in", "service", &ReadPlugIn},
+    {"exceptions", "service", &ReadExceptions},
+    {"adapters", "adapters", &ReadAdapterNumbers},
+    {"access_points", "access_points", &ReadAccessPointNumbers},
+    {"system_log", "event_log", &ReadDriverLog},
+    {"application_log", "event_log", &ReadPlugInLog},
+    {"dumps", "dumps", &ReadDumps},
 };
 
 }  // namespace

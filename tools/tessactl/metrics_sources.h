@@ -18,9 +18,10 @@ struct MetricsRequest {
 /// Collects the samples of one source.
 using Samples = std::vector<std::string>;
 
-/// A place that metrics come from, and that may refuse or hang alone.
+/// A place that metrics come from, and that may refuse alone.
 struct MetricsSource {
     const char* name;
+    const char* partner;  ///< who is asked for it, and may hang; sources of one partner stand together
     /// Adds samples; those that were added before something is thrown are right.
     /// @throws std::exception if not everything can be told
     void (*read)(const MetricsRequest& request, Samples& samples);
