@@ -1,5 +1,6 @@
 #include "event_log_notification.h"
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@ struct Notification {
 std::mutex notificationLock;  // guards the rest
 std::vector<Notification> notifications;
 bool watcherRuns = false;
+HANDLE isRegistered = nullptr;  // auto-reset: somebody new is to be told of changes
 
 void Tell(Notification& notification) {
     if (EventLogSetting(kNotificationSets) != 0) {
@@ -49,6 +51,23 @@ void TellOfChanges() {
     }
 }
 
+/// For how long nobody can be told of anything, in milliseconds.
+DWORD QuietTime() {
+    const std::lock_guard guard(notificationLock);
+    if (notifications.empty() || EventLogSetting(kNotificationSets) != 0) return 0;
+    const ULONGLONG now = ::GetTickCount64();
+    const ULONGLONG end = std::ranges::min(notifications, {}, &Notification::quietUntil).quietUntil;
+    return end > now ? static_cast<DWORD>(end - now) : 0;
+}
+
+/// What came in the quiet time is not told afterwards either.
+void SkipUntold() {
+    const std::lock_guard guard(notificationLock);
+    const ULONGLONG now = ::GetTickCount64();
+    for (Notification& notification : notifications)
+        if (notification.quietUntil <= now) notification.next = notification.file.State().next;
+}
+
 DWORD WINAPI WatchChanges(void* changesKey) {
     const auto key = static_cast<HKEY>(changesKey);
     const HANDLE changed = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
@@ -56,6 +75,10 @@ DWORD WINAPI WatchChanges(void* changesKey) {
     while (::RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
                                      TRUE) == ERROR_SUCCESS) {
         TellOfChanges();
+        // Not a look at each change of a flood, in the process of whoever waits for the log.
+        if (const DWORD quiet = QuietTime();
+            quiet > 0 && ::WaitForSingleObject(isRegistered, quiet) == WAIT_TIMEOUT)
+            SkipUntold();
         ::WaitForSingleObject(changed, INFINITE);
     }
     ::CloseHandle(changed);
@@ -75,6 +98,7 @@ DWORD StartWatcher() {
     if (const LSTATUS result = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kEventLogChangesKey, 0, KEY_READ, &key);
         result != ERROR_SUCCESS)
         return static_cast<DWORD>(result);
+    if (isRegistered == nullptr) isRegistered = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
     const HANDLE thread = ::CreateThread(nullptr, 0, &WatchChanges, key, 0, nullptr);
     if (thread == nullptr) return ::GetLastError();
     ::CloseHandle(thread);
@@ -87,7 +111,9 @@ DWORD StartWatcher() {
 DWORD StartNotification(HANDLE handle, const EventLogFile& file, HANDLE event) {
     const std::lock_guard guard(notificationLock);
     notifications.push_back({handle, file, event, file.State().next, EventLogSetting(kServiceRestarts)});
-    return StartWatcher();
+    const DWORD result = StartWatcher();
+    ::SetEvent(isRegistered);
+    return result;
 }
 
 void EndNotifications(HANDLE handle) {
