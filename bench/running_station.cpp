@@ -85,8 +85,14 @@ double TimeUntilAllAre(const wchar_t* hidden, const char* station, const std::fu
 RunningServiceProcess::RunningServiceProcess(const wchar_t* name)
     : manager_(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
       service_(::OpenServiceW(manager_.get(), name, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS)) {
-    if (!::StartServiceW(service_.get(), 0, nullptr) || !Becomes(SERVICE_RUNNING))
-        throw std::runtime_error("the service does not start, LE(" + std::to_string(::GetLastError()) + ")");
+    // Wine answers ERROR_INTERNAL_ERROR for a process that died before it came to its own code, which was
+    // seen in one of some hundred starts.
+    for (int tries = 3; !::StartServiceW(service_.get(), 0, nullptr); --tries) {
+        const DWORD error = ::GetLastError();
+        if (tries == 0 || error != ERROR_INTERNAL_ERROR)
+            throw std::runtime_error("the service does not start, LE(" + std::to_string(error) + ")");
+    }
+    if (!Becomes(SERVICE_RUNNING)) throw std::runtime_error("the service does not come up");
 }
 
 RunningServiceProcess::~RunningServiceProcess() {
