@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ranges>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -26,15 +26,19 @@ std::wstring CommandLine(const wchar_t* subject) {
     return L"\"" + std::wstring(program) + L"\" " + subject;
 }
 
-/// Where the configuration library's stand-in keeps the log devices: whoever asks for them again and again
+/// Of the NX4120's log devices the one that a station changes last.
+const std::wstring kLastLogDevice = std::wstring(L"NX4120.") + *std::rbegin(kKinds) + L".1";
+
+/// Where the configuration library's stand-in keeps that one: whoever asks for all of them again and again
 /// gets in the way of the station that is measured.
-class LogDeviceChanges {
+class LastLogDevicesChanges {
   public:
-    LogDeviceChanges() {
+    LastLogDevicesChanges() {
         HKEY key = nullptr;
-        const std::wstring path = configuration_library::LogDeviceStore::DefaultRoot() + L"\\LogDevices";
+        const std::wstring path =
+            configuration_library::LogDeviceStore::DefaultRoot() + L"\\LogDevices\\" + kLastLogDevice;
         if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_NOTIFY, &key) != ERROR_SUCCESS)
-            throw std::runtime_error("there are no log devices");
+            throw std::runtime_error("there is no log device of the NX4120");
         key_.reset(key);
         Listen();
     }
@@ -49,19 +53,18 @@ class LogDeviceChanges {
 
   private:
     void Listen() const {
-        if (::RegNotifyChangeKeyValue(key_.get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET, changed_.get(), TRUE) !=
+        if (::RegNotifyChangeKeyValue(key_.get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed_.get(), TRUE) !=
             ERROR_SUCCESS)
-            throw std::runtime_error("changes of the log devices cannot be waited for");
+            throw std::runtime_error("changes of the log device cannot be waited for");
     }
 
     UniqueRegistryKey key_;
     const UniqueKernelHandle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 };
 
-/// The last one is asked first, as it changes last.
 bool AllAre(const wchar_t* hidden) {
     const configuration_library::LogDeviceStore store;
-    return std::ranges::all_of(kKinds | std::views::reverse, [&](const wchar_t* kind) {
+    return std::ranges::all_of(kKinds, [&](const wchar_t* kind) {
         std::wstring value;
         store.GetValue(std::wstring(L"NX4120.") + kind + L".1", L"hidden", value);
         return value == hidden;
@@ -70,13 +73,13 @@ bool AllAre(const wchar_t* hidden) {
 
 /// Milliseconds from the change of the device until all access points are so.
 double TimeUntilAllAre(const wchar_t* hidden, const char* station, const std::function<void()>& change) {
-    const LogDeviceChanges changes;
+    const LastLogDevicesChanges changes;
     return MillisecondsOf([&] {
         change();
-        while (!AllAre(hidden)) {
+        do {
             if (!changes.Wait(kTimeOutMs))
                 throw std::runtime_error("the access points do not change, with the " + std::string(station));
-        }
+        } while (!AllAre(hidden));
     });
 }
 
