@@ -4,13 +4,14 @@
 #include <winsvc.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstddef>
 #include <cstring>
 #include <deque>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#include "slim_lock.h"
 
 namespace host {
 namespace {
@@ -61,8 +62,8 @@ struct EventForwarder::Queue {
     explicit Queue(Receiver toBeCalled) : receiver(std::move(toBeCalled)) {}
 
     Receiver receiver;
-    std::mutex lock;  // guards what follows; not held during a call
-    std::condition_variable changed;
+    SlimLock lock;  // guards what follows; not held during a call
+    SlimCondition changed;
     std::deque<Event> waiting;
     bool isCalling = false;
     bool isClosed = false;
@@ -78,12 +79,15 @@ EventForwarder::~EventForwarder() {
 bool EventForwarder::Post(DWORD control, DWORD eventType, const void* eventData) {
     const auto* bytes = static_cast<const BYTE*>(eventData);
     Event event{control, eventType, {bytes, bytes + SizeOf(control, eventType, eventData)}};
-    const std::lock_guard guard(queue_->lock);
-    if (queue_->isClosed) return true;
-    const bool isFull = queue_->waiting.size() == kMostWaiting;
-    if (isFull) DropOne(queue_->waiting);
-    queue_->waiting.push_back(std::move(event));
-    queue_->changed.notify_all();
+    bool isFull = false;
+    {
+        const std::lock_guard guard(queue_->lock);
+        if (queue_->isClosed) return true;
+        isFull = queue_->waiting.size() == kMostWaiting;
+        if (isFull) DropOne(queue_->waiting);
+        queue_->waiting.push_back(std::move(event));
+    }
+    queue_->changed.WakeAll();
     return !isFull;
 }
 
@@ -93,8 +97,8 @@ bool EventForwarder::Close() {
         std::unique_lock guard(queue_->lock);
         queue_->isClosed = true;
         queue_->waiting.clear();
-        queue_->changed.notify_all();
-        if (!queue_->changed.wait_for(guard, kTimeToReturn, [this] { return !queue_->isCalling; })) {
+        queue_->changed.WakeAll();
+        if (!queue_->changed.WaitFor(guard, kTimeToReturn, [this] { return !queue_->isCalling; })) {
             thread_.detach();
             return false;
         }
@@ -107,7 +111,7 @@ bool EventForwarder::Close() {
 void EventForwarder::Run(Queue& queue) {
     std::unique_lock guard(queue.lock);
     for (;;) {
-        queue.changed.wait(guard, [&queue] { return queue.isClosed || !queue.waiting.empty(); });
+        queue.changed.Wait(guard, [&queue] { return queue.isClosed || !queue.waiting.empty(); });
         if (queue.isClosed) return;
         Event event = std::move(queue.waiting.front());
         queue.waiting.pop_front();
@@ -116,7 +120,7 @@ void EventForwarder::Run(Queue& queue) {
         queue.receiver(event.control, event.eventType, event.data.empty() ? nullptr : event.data.data());
         guard.lock();
         queue.isCalling = false;
-        queue.changed.notify_all();
+        queue.changed.WakeAll();
     }
 }
 

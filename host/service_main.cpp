@@ -110,7 +110,7 @@ class HostService {
     /// What the plug-in loads by its path, the configuration library, needs libraries of its own. It may be
     /// installed or moved while the service runs, and the plug-in looks for it anew with each device event.
     void SearchLibraryFolder() {
-        if (!libraryFolder_.Set(quelm::ConfigurationLibraryFolder())) return;
+        if (!libraryFolder_.Set(registration_.Folder())) return;
         const DWORD error = libraryFolder_.Error();
         Log().Write(L"The configuration library's folder " + libraryFolder_.Folder() +
                     (error == ERROR_SUCCESS ? L" is searched for libraries"
@@ -201,15 +201,17 @@ class HostService {
         }
     }
 
-    /// Grants every event: what the plug-in answers comes too late for that, and is 0 by its contract.
+    /// Grants every event: what the plug-in answers comes too late for that, and is 0 by its contract. The
+    /// log comes last: whoever has plugged in an adapter does not wait for its disk.
     DWORD Forward(DWORD control, DWORD eventType, const void* eventData) {
         const std::shared_ptr<EventForwarder> events = Events();
+        const bool isKept = !events || events->Post(control, eventType, eventData);
         wchar_t line[80] = {};
         std::swprintf(line, ARRAYSIZE(line), L"%ls 0x%04lx%ls",
                       control == SERVICE_CONTROL_DEVICEEVENT ? L"Device event" : L"Power event", eventType,
                       events ? L"" : L" dropped: no plug-in");
         Log().Write(line);
-        if (events && !events->Post(control, eventType, eventData))
+        if (!isKept)
             Log().Write(L"Too many events wait for the plug-in: one that is out of date was dropped");
         return NO_ERROR;
     }
@@ -274,8 +276,10 @@ class HostService {
     UniqueKernelHandle stop_;
     std::mutex statusLock_;  // guards status_
     SERVICE_STATUS status_ = {};
-    operating_system::SearchedFolder libraryFolder_;  // before the events, whose thread uses it
-    std::mutex eventsLock_;                           // guards events_
+    // Before the events, whose thread uses both.
+    quelm::LibraryRegistration registration_;
+    operating_system::SearchedFolder libraryFolder_;
+    std::mutex eventsLock_;  // guards events_
     std::shared_ptr<EventForwarder> events_;
     std::atomic<bool> leavesThread_ = false;
 };

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "unique_handle.h"
 #include "win_api.h"
 
 namespace quelm {
@@ -131,5 +132,17 @@ class LookUpPathOnce {
 /// library's own libraries are not found: it is loaded by its path, and that alone does not have its folder
 /// searched. Empty if there is none.
 std::wstring ConfigurationLibraryFolder();
+
+/// The same folder for somebody who looks again and again, as before each event: the key in which it is
+/// registered stays open in between, so that a look asks the system once instead of three times. Nobody is
+/// kept from changing or deleting that key. For one thread at a time.
+class LibraryRegistration {
+  public:
+    /// As it is now.
+    std::wstring Folder();
+
+  private:
+    UniqueRegistryKey key_;
+};
 
 }  // namespace quelm

@@ -16,7 +16,6 @@
 #include "structured_exception.h"
 #include "toolbox.h"
 #include "trace_point.h"
-#include "unique_handle.h"
 #include "windows_api_excp.h"
 
 TRACE_SOURCE("lib_shared_tools\\src\\quelm_orvix", "62f8b0d4-9e17-4c3a-b5d2-4a7c1e8f6d0c",
@@ -38,20 +37,38 @@ bool IsEmulated32BitProcess() {
     return ::IsWow64Process(::GetCurrentProcess(), &emulated) && emulated;
 }
 
-/// @return empty if none is registered
-std::wstring RegisteredBaseFolder() {
+UniqueRegistryKey OpenBaseFolderKey() {
     FUNCTION_TRACE();
     HKEY opened = nullptr;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kBaseFolderKey, 0, KEY_READ, &opened) != ERROR_SUCCESS) return {};
-    const UniqueRegistryKey key(opened);
-    wchar_t folder[MAX_PATH] = {};
+    return UniqueRegistryKey(opened);
+}
+
+/// @param folder unchanged if there is none
+/// @return what the system says
+LSTATUS ReadBaseFolder(HKEY key, std::wstring& folder) {
+    FUNCTION_TRACE();
+    wchar_t value[MAX_PATH] = {};
     // Bytes, although the buffer is counted in characters: stations are set up with folders that fit, and a
     // longer value has always meant the default folder.
     DWORD size = MAX_PATH - 1;
-    if (::RegQueryValueExW(key.get(), kBaseFolderValue, nullptr, nullptr, reinterpret_cast<BYTE*>(folder),
-                           &size) != ERROR_SUCCESS)
-        return {};
-    folder[size / sizeof(wchar_t)] = L'\0';
+    const LSTATUS error =
+        ::RegQueryValueExW(key, kBaseFolderValue, nullptr, nullptr, reinterpret_cast<BYTE*>(value), &size);
+    if (error != ERROR_SUCCESS) return error;
+    value[size / sizeof(wchar_t)] = L'\0';
+    folder = value;
+    return error;
+}
+
+/// @param key empty, or open from the last time; is left open
+/// @return empty if none is registered
+std::wstring RegisteredBaseFolder(UniqueRegistryKey& key) {
+    FUNCTION_TRACE();
+    std::wstring folder;
+    // One that was deleted may have been made anew, which an open key does not tell.
+    if (key && ReadBaseFolder(key.get(), folder) != ERROR_KEY_DELETED) return folder;
+    key = OpenBaseFolderKey();
+    if (key) ReadBaseFolder(key.get(), folder);
     return folder;
 }
 
@@ -61,6 +78,19 @@ std::wstring DefaultBaseFolder() {
     wchar_t commonFiles[MAX_PATH] = {};
     if (!::SHGetSpecialFolderPathW(nullptr, commonFiles, CSIDL_PROGRAM_FILES_COMMON, FALSE)) return {};
     return std::wstring(commonFiles) + L"\\" + kDefaultBaseFolder;
+}
+
+/// @param key see RegisteredBaseFolder
+/// @param isRegistered may be null
+std::wstring LibraryPath(UniqueRegistryKey& key, bool* isRegistered) {
+    FUNCTION_TRACE();
+    if (isRegistered != nullptr) *isRegistered = false;
+    if (IsEmulated32BitProcess()) return kConfigurationLibraryName;
+    std::wstring folder = RegisteredBaseFolder(key);
+    if (isRegistered != nullptr) *isRegistered = !folder.empty();
+    if (folder.empty()) folder = DefaultBaseFolder();
+    if (folder.empty()) return {};
+    return folder + L"\\bin\\" + kConfigurationLibraryName;
 }
 
 /// What LookUpPathOnce is about; one for each loaded plug-in.
@@ -144,38 +174,38 @@ void CheckParameter(const char* method, const wchar_t* Parameter) {
 /// @param operation the operation as texts name it
 /// @return one of the accepted codes
 template <typename Entry>
-DWORD CallLibrary(const char* method, const std::string& operation, std::initializer_list<DWORD> accepted,
+DWORD CallLibrary(const char* method, const char* operation, std::initializer_list<DWORD> accepted,
                   Entry entry) {
     FUNCTION_TRACE();
     DWORD code = LDCF_OK;
     if (!operating_system::Completes([&] { code = entry(); })) {
-        const std::string text = "SEH! Orvix: " + operation;
+        const std::string text = std::string("SEH! Orvix: ") + operation;
         _ModulAssert((L"!\"" + toolbox::StringToWstring(text) + L"\"").c_str(), kWideSourcePath, __LINE__);
         MODUL_THROW_FROM(method, std::runtime_error(text));
     }
     TRACE_INFO(21, "%s returned %u %s", operation, code, NameOf(code));
     if (std::ranges::find(accepted, code) != accepted.end()) return code;
     TRACE_ERROR(22, "%s: unexpected return code %u %s", operation, code, NameOf(code));
-    MODUL_THROW_FROM(method,
-                     std::runtime_error(operation + " -> Unexpected ReturnCode! " + std::to_string(code)));
+    MODUL_THROW_FROM(method, std::runtime_error(std::string(operation) + " -> Unexpected ReturnCode! " +
+                                                std::to_string(code)));
 }
 
 }  // namespace
 
 std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     FUNCTION_TRACE();
-    if (isRegistered != nullptr) *isRegistered = false;
-    if (IsEmulated32BitProcess()) return kConfigurationLibraryName;
-    std::wstring folder = RegisteredBaseFolder();
-    if (isRegistered != nullptr) *isRegistered = !folder.empty();
-    if (folder.empty()) folder = DefaultBaseFolder();
-    if (folder.empty()) return {};
-    return folder + L"\\bin\\" + kConfigurationLibraryName;
+    UniqueRegistryKey key;
+    return LibraryPath(key, isRegistered);
 }
 
 std::wstring ConfigurationLibraryFolder() {
     FUNCTION_TRACE();
-    const std::wstring path = ConfigurationLibraryPath();
+    return LibraryRegistration().Folder();
+}
+
+std::wstring LibraryRegistration::Folder() {
+    FUNCTION_TRACE();
+    const std::wstring path = LibraryPath(key_, nullptr);
     const std::size_t end = path.rfind(L'\\');
     return end == std::wstring::npos ? std::wstring() : path.substr(0, end);
 }

@@ -11,6 +11,7 @@
 #include "exception_history.h"
 #include "function_trace.h"
 #include "modul_assert.h"
+#include "slim_lock.h"
 #include "structured_exception.h"
 #include "toolbox.h"
 #include "trace_point.h"
@@ -338,7 +339,7 @@ namespace {
 
 /// One for each loaded plug-in: the control handler's thread and the worker meet here.
 struct PnpRequests {
-    std::mutex lock;  // guards everything below
+    SlimLock lock;  // guards everything below
     RequestQueue nx4120;
     RequestQueue others;
     HANDLE ghPnPEvent = nullptr;  // auto-reset; null while no monitor runs

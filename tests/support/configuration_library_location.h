@@ -12,6 +12,8 @@ namespace test_support {
 /// was registered before.
 class ConfigurationLibraryLocation {
   public:
+    static constexpr wchar_t kKey[] = L"SOFTWARE\\Valdorn\\Shared Tools\\QUELM64";  // in the machine's
+
     explicit ConfigurationLibraryLocation(const std::wstring& baseFolder) {
         DWORD size = sizeof before_;
         existed_ = ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_SZ, nullptr, before_, &size) ==
@@ -34,7 +36,6 @@ class ConfigurationLibraryLocation {
     static void Remove() { ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue); }
 
   private:
-    static constexpr wchar_t kKey[] = L"SOFTWARE\\Valdorn\\Shared Tools\\QUELM64";
     static constexpr wchar_t kValue[] = L"Korvane_Oam";
     bool existed_ = false;
     wchar_t before_[MAX_PATH] = {};

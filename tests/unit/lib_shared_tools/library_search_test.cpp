@@ -1,5 +1,7 @@
 #include "library_search.h"
 
+#include <shlobj.h>
+
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
@@ -38,6 +40,13 @@ std::wstring FolderOf(const wchar_t* library) {
 DWORD LoadByPath() {
     const UniqueModule module(::LoadLibraryW((OwnFolder() + L"\\q5orvix64x.dll").c_str()));
     return module ? ERROR_SUCCESS : ::GetLastError();
+}
+
+/// Where the library is if nothing is registered.
+std::wstring DefaultFolder() {
+    wchar_t common[MAX_PATH] = {};
+    ::SHGetSpecialFolderPathW(nullptr, common, CSIDL_PROGRAM_FILES_COMMON, FALSE);
+    return std::wstring(common) + L"\\Valdorn\\Automation\\Korvane OAM\\bin";
 }
 
 }  // namespace
@@ -111,4 +120,30 @@ TEST(LibrarySearch, FolderThatIsNoFullPathIsRefused) {
 TEST(LibrarySearch, ConfigurationLibrarysFolderIsThatOfItsPath) {
     const test_support::ConfigurationLibraryLocation location(CompanionBaseFolder());
     EXPECT_EQ(quelm::ConfigurationLibraryFolder(), OwnFolder());
+}
+
+TEST(LibraryRegistration, EachLookFindsWhatIsRegisteredThen) {
+    const test_support::ConfigurationLibraryLocation location(L"C:\\one");
+    quelm::LibraryRegistration registration;
+    EXPECT_EQ(registration.Folder(), L"C:\\one\\bin");
+    location.Set(L"C:\\another");
+    EXPECT_EQ(registration.Folder(), L"C:\\another\\bin");
+    location.Remove();
+    EXPECT_EQ(registration.Folder(), DefaultFolder());
+    location.Set(L"C:\\one");
+    EXPECT_EQ(registration.Folder(), L"C:\\one\\bin");
+}
+
+TEST(LibraryRegistration, KeyIsKeptFromNobodyAndFoundWhenItIsMadeAnew) {
+    const test_support::ConfigurationLibraryLocation location(L"C:\\one");
+    quelm::LibraryRegistration registration;
+    registration.Folder();
+    ASSERT_EQ(::RegDeleteTreeW(HKEY_LOCAL_MACHINE, location.kKey), ERROR_SUCCESS);
+    EXPECT_EQ(registration.Folder(), DefaultFolder());
+    location.Set(L"C:\\made anew");
+    EXPECT_EQ(registration.Folder(), L"C:\\made anew\\bin");
+    // Deleted and made anew between two looks.
+    ASSERT_EQ(::RegDeleteTreeW(HKEY_LOCAL_MACHINE, location.kKey), ERROR_SUCCESS);
+    location.Set(L"C:\\once more");
+    EXPECT_EQ(registration.Folder(), L"C:\\once more\\bin");
 }
