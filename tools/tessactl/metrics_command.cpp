@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <io.h>
 #include <map>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "build_version.h"
 #include "commands.h"
 #include "limited_process.h"
+#include "metrics_answer.h"
 #include "metrics_sources.h"
 #include "output.h"
 #include "replaced_file.h"
@@ -27,10 +27,6 @@ namespace tessactl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-/// What a partner's process prints behind each source's samples, with the source's name.
-constexpr char kTold[] = "# told ";
-constexpr char kFailed[] = "# failed ";  // its samples are right, but not all
 
 struct Options {
     MetricsRequest request;
@@ -70,7 +66,7 @@ bool PrintSource(const MetricsSource& source, const MetricsRequest& request) {
     }
     for (const std::string& sample : samples)
         std::printf("%s\n", sample.c_str());
-    std::printf("%s%s\n", error.empty() ? kTold : kFailed, source.name);
+    std::printf("%s\n", EndOfSource(source.name, error.empty()).c_str());
     std::fflush(stdout);  // the next one may end the process
     if (!error.empty()) std::fprintf(stderr, "tessactl: %s: %s\n", source.name, error.c_str());
     return error.empty();
@@ -89,11 +85,10 @@ ExitCode PrintSources(const SourceOptions& options) {
     return toldAll ? ExitCode::kSuccess : ExitCode::kFailed;
 }
 
-/// What a partner's process told.
+/// What came of a partner's process.
 struct Answer {
     LimitedResult result;
-    std::vector<std::string> lines;
-    std::size_t next = 0;  // the first line that no source has taken
+    PartnerAnswer told;
 };
 
 Answer Ask(std::string_view partner, const Options& options) {
@@ -106,11 +101,7 @@ Answer Ask(std::string_view partner, const Options& options) {
         answer.result.ended = true;
         answer.result.exitCode = static_cast<DWORD>(ExitCode::kFailed);
     }
-    std::istringstream output(answer.result.output);
-    for (std::string line; std::getline(output, line);) {
-        std::erase(line, '\r');
-        answer.lines.push_back(line);
-    }
+    answer.told = PartnerAnswer(answer.result.output);
     return answer;
 }
 
@@ -123,21 +114,11 @@ void TellUnfinished(const MetricsSource& source, const LimitedResult& result) {
                      result.exitCode);
 }
 
-/// Adds what a source told, unless its process was cut off, in the middle of who knows what.
-/// @return whether it told everything
+/// @return whether the source told everything
 bool AddTo(Exposition& metrics, const MetricsSource& source, Answer& answer) {
-    const auto begin = answer.lines.begin() + static_cast<std::ptrdiff_t>(answer.next);
-    const auto end = std::find_if(begin, answer.lines.end(), [&source](const std::string& line) {
-        return line == std::string(kTold) + source.name || line == std::string(kFailed) + source.name;
-    });
-    if (end == answer.lines.end()) {
-        TellUnfinished(source, answer.result);
-        return false;
-    }
-    for (auto line = begin; line != end; ++line)
-        metrics.Add(*line);  // a library in that process may have printed something of its own
-    answer.next = static_cast<std::size_t>(end - answer.lines.begin()) + 1;
-    return end->starts_with(kTold);
+    const PartnerAnswer::Told told = answer.told.AddTo(metrics, source.name);
+    if (told == PartnerAnswer::Told::kUnfinished) TellUnfinished(source, answer.result);
+    return told == PartnerAnswer::Told::kAll;
 }
 
 double SecondsSince1970() {
