@@ -7,7 +7,7 @@ packages=(
     g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
     ninja-build cmake googletest libcli11-dev nlohmann-json3-dev python3 git yamllint
     wine64 xvfb xdotool imagemagick chromium lldb-19
-    msitools wixl openssl osslsigncode ca-certificates python3-jsonschema
+    msitools wixl openssl osslsigncode ca-certificates python3-jsonschema python3-pyte
     prometheus prometheus-node-exporter
 )
 

@@ -2,15 +2,20 @@
 """What tessactl tells of its progress: on a terminal, and nowhere else. Arguments: the emulator and the folder of the
 programs."""
 
+import fcntl
 import os
 import pty
 import re
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
 import unittest
+
+import pyte
 
 emulator, programs = sys.argv[1:3]
 
@@ -24,10 +29,13 @@ def program(name, *arguments):
 
 
 class Terminal:
-    """A terminal for one program, and what stood on it in the end."""
+    """A terminal for one program. It is closed by the first look at what was written."""
+
+    LINES, COLUMNS = 50, 200  # no line of a test is longer
 
     def __init__(self):
         self.master, self.slave = pty.openpty()
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", self.LINES, self.COLUMNS, 0, 0))
         self.bytes = b""
         self.reader = threading.Thread(target=self._read)
         self.reader.start()
@@ -39,12 +47,24 @@ class Terminal:
         except OSError:  # nobody has it open any more
             pass
 
+    def close(self):
+        if self.slave is not None:
+            os.close(self.slave)
+            self.slave = None
+            self.reader.join(timeout=20)
+            os.close(self.master)
+
     def text(self):
-        """Without the sequences by which the console draws; blanks are among these."""
-        os.close(self.slave)
-        self.reader.join(timeout=20)
-        os.close(self.master)
+        """All that was ever written, without the sequences by which the console draws; blanks are among these."""
+        self.close()
         return re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\s", "", self.bytes.decode(errors="replace"))
+
+    def lines(self):
+        """What a person sees in the end."""
+        self.close()
+        screen = pyte.Screen(self.COLUMNS, self.LINES)
+        pyte.ByteStream(screen).feed(self.bytes)
+        return [line.rstrip() for line in screen.display if line.strip()]
 
 
 def slowly(pipe):
@@ -64,13 +84,13 @@ class Progress(unittest.TestCase):
     def tearDownClass(cls):
         cls.folder.cleanup()
 
-    def decode(self, *options, errors):
+    def decode(self, *options, errors, recording=None, code=0):
         """Standard output of a program that takes more than a second, and what it wrote to a pipe as its errors."""
-        with subprocess.Popen(program("tessactl", "trace", "decode", self.recording, *options), stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=errors) as process:
+        with subprocess.Popen(program("tessactl", "trace", "decode", recording or self.recording, *options),
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors) as process:
             output = slowly(process.stdout)
             told = process.stderr.read() if process.stderr else b""
-        self.assertEqual(process.returncode, 0)
+        self.assertEqual(process.returncode, code)
         return output, told.decode().replace("\r\n", "\n")
 
     def test_redirected_decoding_tells_none(self):
@@ -88,14 +108,30 @@ class Progress(unittest.TestCase):
             if not options:
                 self.assertRegex(terminal.text(), r"tracedecode:\d+%ofthefile")
             else:
-                terminal.text()
+                terminal.close()
+
+    def test_what_is_said_at_the_end_stands_alone_on_the_terminal(self):
+        terminal = Terminal()
+        self.decode(errors=terminal.slave)
+        self.assertIn("%ofthefile", terminal.text())
+        said = terminal.lines()
+        self.assertEqual(len(said), 1, said)
+        self.assertRegex(said[0], r"^tessactl: functions that were left .* not left: \d+\.$")
+
+    def test_recording_that_breaks_off_is_told_on_a_line_of_its_own(self):
+        broken = self.recording + ".broken"
+        with open(self.recording, "rb") as whole, open(broken, "wb") as part:
+            part.write(whole.read()[:-100])
+        terminal = Terminal()
+        self.decode(errors=terminal.slave, recording=broken, code=1)
+        self.assertIn("%ofthefile", terminal.text())
+        said = terminal.lines()
+        self.assertEqual(len(said), 2, said)
+        self.assertRegex(said[0], r"^tessactl: .*\.broken")
+        self.assertRegex(said[1], r"^tessactl: functions that were left ")
 
     def test_report_tells_how_many_parts_have_answered_on_a_terminal_and_there_alone(self):
-        # A library that never answers: its part is given up after seconds.
-        self.addCleanup(subprocess.run, [emulator, "reg", "delete", BASE_FOLDER_KEY, "/v", "Korvane_Oam", "/f"],
-                        check=True, capture_output=True, timeout=60)
-        hanging = "Z:" + os.path.join(os.path.abspath(programs), "faulty", "hangs").replace("/", "\\")
-        subprocess.run(program("q5config", "register", hanging), check=True, timeout=60)
+        self.register_library_that_hangs()
         terminal = Terminal()
         reports = [subprocess.Popen(program("tessactl", "report", f"{self.recording}.{i}.html"), stdin=subprocess.DEVNULL,
                                     stdout=subprocess.PIPE, stderr=errors)
@@ -107,6 +143,26 @@ class Progress(unittest.TestCase):
         for output, _ in printed:
             self.assertRegex(output, rb"^[^\r\n]*\.html  \d")
             self.assertNotIn(b"of 12 parts", output)
+
+    def test_report_and_what_it_lacks_stand_alone_on_the_terminal_of_the_progress(self):
+        self.register_library_that_hangs()
+        terminal = Terminal()
+        page = self.recording + ".html"
+        subprocess.run(program("tessactl", "report", page), stdin=subprocess.DEVNULL, stdout=terminal.slave,
+                       stderr=terminal.slave, check=True, timeout=60)
+        self.assertRegex(terminal.text(), r"report:\d+of12parts")
+        said = terminal.lines()
+        self.assertRegex(said[0], r"^[A-Z]:.*long\.etl\.html  \d+ KB$")
+        self.assertTrue(said[1:], "the library's part is missing")
+        for line in said[1:]:
+            self.assertRegex(line, r"^  without \w+: ")
+
+    def register_library_that_hangs(self):
+        """Its part is given up after seconds."""
+        self.addCleanup(subprocess.run, [emulator, "reg", "delete", BASE_FOLDER_KEY, "/v", "Korvane_Oam", "/f"],
+                        check=True, capture_output=True, timeout=60)
+        hanging = "Z:" + os.path.join(os.path.abspath(programs), "faulty", "hangs").replace("/", "\\")
+        subprocess.run(program("q5config", "register", hanging), check=True, timeout=60)
 
 
 if __name__ == "__main__":

@@ -97,6 +97,14 @@ std::wstring DefaultFile(bool isAnonymous) {
            Widened(TimeText(now, "%04d%02d%02d-%02d%02d%02d"), CP_UTF8) + L".html";
 }
 
+/// In KB, from one MB on in MB.
+std::string SizeText(std::size_t bytes) {
+    constexpr std::size_t kMegabyte = 1 << 20;
+    if (bytes < kMegabyte) return std::to_string((bytes + 1023) / 1024) + " KB";
+    const std::size_t tenths = bytes * 10 / kMegabyte;
+    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " MB";
+}
+
 [[noreturn]] void FailToWrite(const std::wstring& path, DWORD error) {
     const std::string what = Utf8(path) + " cannot be written: " + ErrorInWords(error);
     throw ToolError(what);
@@ -155,7 +163,7 @@ ExitCode Report(const Options& options) {
             .wstring();
     const std::string page = PageOf(parts, data);
     WriteWhole(file, page);
-    std::printf("%s  %.1f MB\n", Utf8(file).c_str(), static_cast<double>(page.size()) / (1 << 20));
+    std::printf("%s  %s\n", Utf8(file).c_str(), SizeText(page.size()).c_str());
     TellWhatIsMissing(data);
     return ExitCode::kSuccess;
 }
