@@ -45,7 +45,13 @@ std::size_t LengthWithZero(const std::byte* data, std::size_t size) {
 
 }  // namespace
 
-EventLogRecord::EventLogRecord(const EVENTLOGRECORD* RawEventLogRecord) {
+EventLogRecord::EventLogRecord(const EVENTLOGRECORD* RawEventLogRecord)
+    : EventLogRecord(RawEventLogRecord, {}) {
+    FUNCTION_TRACE();
+}
+
+EventLogRecord::EventLogRecord(const EVENTLOGRECORD* RawEventLogRecord, std::vector<std::byte> memory)
+    : rawData_(std::move(memory)) {
     FUNCTION_TRACE();
     if (RawEventLogRecord == nullptr)
         MODUL_THROW(std::invalid_argument("Pointer to RawEventLogRecord is NULL"));
@@ -211,6 +217,7 @@ void EventRecordParser::Process(const std::vector<std::byte>& rawBuffer, std::ve
     }
     messages.clear();
     std::size_t position = 0;
+    std::vector<std::byte> memory;
     while (position < rawBuffer.size()) {
         const std::size_t left = rawBuffer.size() - position;
         if (left < sizeof(DWORD)) {
@@ -229,9 +236,10 @@ void EventRecordParser::Process(const std::vector<std::byte>& rawBuffer, std::ve
             // Of an impossible length nothing else is read.
             const auto* pEvRec = reinterpret_cast<const EVENTLOGRECORD*>(rawBuffer.data() + position);
             MODUL_ASSERT(pEvRec != NULL);
-            const EventLogRecord record(pEvRec);
+            EventLogRecord record(pEvRec, std::move(memory));
             TRACE_VERBOSE(35, "%s", toolbox::WstringToString(record.Print()));
             TraverseFilterChain(record, messages);
+            memory = record.TakeMemory();
         }
         position += length;
     }

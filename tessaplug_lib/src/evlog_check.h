@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "win_api.h"
@@ -97,7 +98,12 @@ class EventLogRecord {
     /// @param RawEventLogRecord its Length bytes are copied
     /// @throws std::invalid_argument if it is null, or its Length is 0 or above 65536
     explicit EventLogRecord(const EVENTLOGRECORD* RawEventLogRecord);
+    /// The same, with the memory of a record that nobody needs any more: of a flood only the first one asks
+    /// for some.
+    EventLogRecord(const EVENTLOGRECORD* RawEventLogRecord, std::vector<std::byte> memory);
     virtual ~EventLogRecord() = default;
+    /// For the next record. This one is not used any more.
+    std::vector<std::byte> TakeMemory() { return std::move(rawData_); }
 
     /// The fixed fields; null if the record is shorter than they are.
     const EVENTLOGRECORD* GetEventLogPtr() const;

@@ -145,6 +145,18 @@ TEST(EventLogRecord, GivesItsFieldsFromACopy) {
         << "not copied once more";
 }
 
+TEST(EventLogRecord, InTheMemoryOfAnotherOneIsItselfAlone) {
+    Bytes bytes = EventRecord().Bytes();
+    bytes.resize(sizeof(EVENTLOGRECORD) + 6 * sizeof(wchar_t));  // "fenlu3" and no zero
+    FieldsOf(bytes)->Length = static_cast<DWORD>(bytes.size());
+    Bytes memory(0x1000);  // zeros behind it
+    const std::byte* place = memory.data();
+    EventLogRecord record(reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()), std::move(memory));
+    EXPECT_EQ(record.SourceName(), L"");
+    EXPECT_EQ(static_cast<const void*>(record.GetEventLogPtr()), place) << "no new memory";
+    EXPECT_EQ(record.TakeMemory(), bytes);
+}
+
 TEST(EventLogRecord, NamesItsType) {
     const std::vector<std::pair<WORD, std::wstring>> names = {
         {1, L"EVENTLOG_ERROR_TYPE"},    {2, L"EVENTLOG_WARNING_TYPE"},   {4, L"EVENTLOG_INFORMATION_TYPE"},
