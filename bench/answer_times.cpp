@@ -9,6 +9,7 @@
 #include "long_recording.h"
 #include "measure.h"
 #include "memory_dump.h"
+#include "running_station.h"
 #include "subjects.h"
 #include "text.h"
 #include "unique_handle.h"
@@ -23,6 +24,7 @@ using test_support::StartedProgram;
 
 constexpr DWORD kDoctorFoundProblems = 3;
 constexpr DWORD kNever = INFINITE;
+constexpr int kFewRounds = 11;
 
 std::wstring TemporaryFolder() {
     wchar_t folder[MAX_PATH] = {};
@@ -58,14 +60,18 @@ class Dump {
     operating_system::MemoryDump dump_;
 };
 
-void PrintAnswer(const std::wstring& command, const Comparison& times) {
+/// @param when appended to the command, for what is printed
+void MeasureAnswer(const std::wstring& command, const char* when = "") {
     constexpr double kWanted = 300;
+    const Comparison times = Alternate([&] { return MillisecondsOfProgram(L"tessactl.exe " + command); },
+                                       [] { return MillisecondsOfProgram(L"emptyprogram.exe"); }, kFewRounds);
     std::vector<double> more;
     for (std::size_t i = 0; i < times.measured.size(); ++i)
         more.push_back(times.measured[i] - times.bare[i]);
     const double median = Median(more);
-    std::printf("%-40s %8.0f ms (%.0f to %.0f)%s\n", tessactl::Utf8(command).c_str(), median,
-                Percentile(more, 10), Percentile(more, 90), median > kWanted ? "  above 300" : "");
+    const std::string name = tessactl::Utf8(command.substr(0, command.find(L'"'))) + when;
+    std::printf("%-40s %8.0f ms (%.0f to %.0f)%s\n", name.c_str(), median, Percentile(more, 10),
+                Percentile(more, 90), median > kWanted ? "  above 300" : "");
 }
 
 void PrintRun(const char* what, const test_support::WatchedRun& run) {
@@ -79,7 +85,6 @@ void PrintRun(const char* what, const test_support::WatchedRun& run) {
 }  // namespace
 
 void MeasureAnswers() {
-    constexpr int kFewRounds = 11;
     LoadWineGap();
     const Dump dump;
     const std::wstring folder = std::filesystem::path(dump.File()).parent_path().wstring();
@@ -98,6 +103,8 @@ void MeasureAnswers() {
         L"dump info \"" + dump.File() + L"\"",
         L"dump history \"" + dump.File() + L"\"",
         L"metrics",
+    };
+    const std::wstring askStationManager[] = {
         L"doctor",
         L"report \"" + TemporaryFolder() + L"tessabench-report.html\"",
     };
@@ -108,9 +115,12 @@ void MeasureAnswers() {
                     return times;
                 }()));
     for (const std::wstring& command : commands)
-        PrintAnswer(command.substr(0, command.find(L'"')),
-                    Alternate([&] { return MillisecondsOfProgram(L"tessactl.exe " + command); },
-                              [] { return MillisecondsOfProgram(L"emptyprogram.exe"); }, kFewRounds));
+        MeasureAnswer(command);
+    for (const std::wstring& command : askStationManager)
+        MeasureAnswer(command);
+    const KeptStationManager kept;
+    for (const std::wstring& command : askStationManager)
+        MeasureAnswer(command, ", station manager running");
     ::DeleteFileW((TemporaryFolder() + L"tessabench-report.html").c_str());
 }
 

@@ -2,7 +2,6 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -22,7 +21,15 @@ namespace bench {
 namespace {
 
 constexpr int kFloods = 11;
-constexpr std::array<std::size_t, 4> kRates = {0, 100, 1000, 10000};  // records per second
+
+/// Foreign records that are written while their readers are measured.
+struct Flood {
+    const char* what;                ///< as the points are named
+    std::vector<std::size_t> rates;  ///< records per second
+    /// Each record by itself, so that the log changes as often, or those of a hundredth of a second at once,
+    /// so that it changes equally often at each rate.
+    bool oneByOne = false;
+};
 
 /// The System log, large enough for all that is written here. It is empty afterwards.
 class RoomySystemLog {
@@ -46,10 +53,9 @@ class RoomySystemLog {
 
     DWORD LastNumber() const { return file_.State().next - 1; }
 
-    /// Writes so many foreign records in each second of the time, a hundredth of them at once: the log
-    /// changes equally often at each rate.
+    /// Writes so many foreign records in each second of the time.
     /// @throws std::runtime_error if the machine is too slow for that
-    void WriteFor(std::chrono::milliseconds time, std::size_t rate) const {
+    void WriteFor(std::chrono::milliseconds time, std::size_t rate, bool oneByOne) const {
         const wine_gap::Event foreign = {L"Service Control Manager",
                                          EVENTLOG_INFORMATION_TYPE,
                                          0,
@@ -61,8 +67,11 @@ class RoomySystemLog {
         const auto writeUntil = [&](Clock::duration passed) {
             const auto due = static_cast<std::size_t>(static_cast<double>(rate) *
                                                       std::chrono::duration<double>(passed).count());
-            if (due > written) file_.Append(std::vector(due - written, foreign));
-            written = std::max(written, due);
+            while (written < due) {
+                const std::size_t count = oneByOne ? 1 : due - written;
+                file_.Append(std::vector(count, foreign));
+                written += count;
+            }
         };
         for (auto passed = Clock::duration(0); passed < time; passed = Clock::now() - start) {
             writeUntil(passed);
@@ -174,10 +183,10 @@ class TwoReaders {
     }
 
     /// What reading costs that is written in this time, whenever it is read.
-    Use Read(std::chrono::milliseconds time, std::size_t rate) const {
+    Use Read(std::chrono::milliseconds time, std::size_t rate, bool oneByOne) const {
         const ProcessorUse ofService(service_.ProcessId());
         const ProcessorUse ofReader(reader_.ProcessId());
-        log_.WriteFor(time, rate);
+        log_.WriteFor(time, rate, oneByOne);
         if (rate > 0) WaitUntilRead();
         const auto percent = [time](const ProcessorUse& use) {
             return use.Milliseconds() / static_cast<double>(time.count()) * 100;
@@ -202,26 +211,26 @@ class TwoReaders {
     const RunningBareProcess reader_{L"bare-reader"};
 };
 
-void Measure(const RoomySystemLog& log, const char* what, std::chrono::milliseconds time,
+void Measure(const RoomySystemLog& log, const Flood& flood, std::chrono::milliseconds time,
              std::chrono::milliseconds lag) {
-    std::array<std::vector<double>, kRates.size()> service;
-    std::array<std::vector<double>, kRates.size()> bare;
-    std::array<std::vector<double>, kRates.size()> difference;
+    std::vector<std::vector<double>> service(flood.rates.size());
+    std::vector<std::vector<double>> bare(flood.rates.size());
+    std::vector<std::vector<double>> difference(flood.rates.size());
     {
         const TwoReaders readers(log, lag);
-        readers.Read(time, kRates.back());  // warm
+        readers.Read(time, flood.rates.back(), flood.oneByOne);  // warm
         for (int round = 0; round < kFloods; ++round) {
-            for (std::size_t i = 0; i < kRates.size(); ++i) {
-                const Use use = readers.Read(time, kRates[i]);
+            for (std::size_t i = 0; i < flood.rates.size(); ++i) {
+                const Use use = readers.Read(time, flood.rates[i], flood.oneByOne);
                 service[i].push_back(use.service);
                 bare[i].push_back(use.bare);
                 difference[i].push_back(use.service - use.bare);
             }
         }
     }
-    const auto print = [what](const char* who, const auto& values) {
-        for (std::size_t i = 0; i < kRates.size(); ++i)
-            PrintPoint(what, who, kRates[i], "records/s", values[i], "%");
+    const auto print = [&flood](const char* who, const auto& values) {
+        for (std::size_t i = 0; i < flood.rates.size(); ++i)
+            PrintPoint(flood.what, who, flood.rates[i], "records/s", values[i], "%");
     };
     print(RunningService::kName, service);
     print("bare-reader", bare);
@@ -232,14 +241,18 @@ void Measure(const RoomySystemLog& log, const char* what, std::chrono::milliseco
 
 void MeasureRecordGrowth() {
     using std::chrono_literals::operator""ms;
+    const std::vector<std::size_t> rates = {0, 100, 1000, 10000};
+    const std::vector<std::size_t> slowRates = {1000};  // the log is opened anew for each record
     const RoomySystemLog log;
     {
         // The log is quiet for five seconds after a pulse, and is looked at every five seconds.
         const ToldSo pulsed(false);
-        Measure(log, "processor-time", 5000ms, 5500ms);
+        Measure(log, {"processor-time", rates}, 5000ms, 5500ms);
+        Measure(log, {"processor-time-one-by-one", slowRates, true}, 5000ms, 5500ms);
     }
     const ToldSo set(true);
-    Measure(log, "processor-time-each-told", 2000ms, 500ms);
+    Measure(log, {"processor-time-each-told", rates}, 2000ms, 500ms);
+    Measure(log, {"processor-time-one-by-one-each-told", slowRates, true}, 2000ms, 500ms);
 }
 
 }  // namespace bench

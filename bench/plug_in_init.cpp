@@ -125,19 +125,27 @@ class BareInit {
     HANDLE eventSource_ = nullptr;
 };
 
-/// What two threads that only wait add to the private memory, in bytes.
-SIZE_T MemoryOfTwoThreads() {
-    const SIZE_T before = PrivateBytes();
+/// What was added to the private memory since then, in KB, committed and of that in memory.
+std::string Added(const PrivateMemory& before) {
+    const PrivateMemory now;
+    return std::to_string((now.committed - before.committed) / 1024) + " " +
+           std::to_string((now.inMemory - before.inMemory) / 1024);
+}
+
+/// What two threads that only wait add.
+std::string AddedByTwoThreads() {
+    const PrivateMemory before;
     const HANDLE end = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
     HANDLE threads[2] = {};
     for (HANDLE& thread : threads)
         thread = ::CreateThread(nullptr, 0, &WaitFor, end, 0, nullptr);
-    const SIZE_T after = PrivateBytes();
+    ::Sleep(100);  // until they wait
+    const std::string added = Added(before);
     ::SetEvent(end);
     ::WaitForMultipleObjects(2, threads, TRUE, INFINITE);
     for (const HANDLE handle : {threads[0], threads[1], end})
         ::CloseHandle(handle);
-    return after - before;
+    return added;
 }
 
 }  // namespace
@@ -155,7 +163,7 @@ void MeasureInitOnce() {
     };
     initBare();  // warm
     const double bare = initBare();
-    const SIZE_T before = PrivateBytes();
+    const PrivateMemory before;
     const HMODULE module = ::LoadLibraryW(library.c_str());
     const auto init = reinterpret_cast<decltype(&::tessaplug_init)>(
         reinterpret_cast<void*>(::GetProcAddress(module, "tessaplug_init")));
@@ -164,30 +172,33 @@ void MeasureInitOnce() {
     DWORD started = 0;
     const double real =
         MillisecondsOf([&] { started = init(TESSAPLUG_API_VERSION, recipient, &IgnoreStatus, nullptr, 0); });
-    const SIZE_T after = PrivateBytes();
+    const std::string added = Added(before);
     cleanup();
     ::FreeLibrary(module);
     if (started != 1) throw std::runtime_error("the plug-in does not start");
-    std::printf("%.3f %.3f %llu %llu\n", real, bare, (after - before) / 1024, MemoryOfTwoThreads() / 1024);
+    std::printf("%.3f %.3f %s %s\n", real, bare, added.c_str(), AddedByTwoThreads().c_str());
 }
 
 void SummariseInits() {
     Comparison times;
-    std::vector<double> kilobytes;
-    std::vector<double> threadsKilobytes;
+    struct {
+        const char* what;
+        std::vector<double> kilobytes;
+    } memory[] = {{"private memory that loading and init add", {}},
+                  {"what of it was used and is in memory", {}},
+                  {"private memory that two bare threads add", {}},
+                  {"what of that is in memory", {}}};
     double init = 0;
     double bare = 0;
-    double added = 0;
-    double ofThreads = 0;
-    while (std::cin >> init >> bare >> added >> ofThreads) {
+    while (std::cin >> init >> bare) {
         times.Add(init, bare);
-        kilobytes.push_back(added);
-        threadsKilobytes.push_back(ofThreads);
+        for (auto& column : memory)
+            std::cin >> column.kilobytes.emplace_back();
     }
-    if (kilobytes.size() < kRounds) throw std::runtime_error("a start failed");
+    if (times.measured.size() < kRounds) throw std::runtime_error("a start failed");
     Print("the same system calls made bare", "tessaplug_init", "ms", times);
-    Print("private memory that loading and init add", Median(kilobytes), "KB");
-    Print("private memory that two bare threads add", Median(threadsKilobytes), "KB");
+    for (const auto& column : memory)
+        Print(column.what, Median(column.kilobytes), "KB");
 }
 
 }  // namespace bench
