@@ -128,17 +128,14 @@ class LookUpPathOnce {
     static void Forget() noexcept;
 };
 
-/// The folder of that path. A process whose library search is limited has to have it searched, or the
-/// library's own libraries are not found: it is loaded by its path, and that alone does not have its folder
-/// searched. Empty if there is none.
-std::wstring ConfigurationLibraryFolder();
-
-/// The same folder for somebody who looks again and again, as before each event: the key in which it is
-/// registered stays open in between, so that a look asks the system once instead of three times. Nobody is
-/// kept from changing or deleting that key. For one thread at a time.
+/// For somebody who looks again and again, as before each event: the key in which the library is registered
+/// stays open in between, so that a look asks the system once instead of three times. Nobody is kept from
+/// changing or deleting that key. For one thread at a time.
 class LibraryRegistration {
   public:
-    /// As it is now.
+    /// The folder of ConfigurationLibraryPath as it is now; empty if there is none. A process whose library
+    /// search is limited has to have it searched, or the library's own libraries are not found: it is loaded
+    /// by its path, and that alone does not have its folder searched.
     std::wstring Folder();
 
   private:

@@ -198,11 +198,6 @@ std::wstring ConfigurationLibraryPath(bool* isRegistered) {
     return LibraryPath(key, isRegistered);
 }
 
-std::wstring ConfigurationLibraryFolder() {
-    FUNCTION_TRACE();
-    return LibraryRegistration().Folder();
-}
-
 std::wstring LibraryRegistration::Folder() {
     FUNCTION_TRACE();
     const std::wstring path = LibraryPath(key_, nullptr);

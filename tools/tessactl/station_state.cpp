@@ -90,7 +90,7 @@ void ReadAdapters(std::vector<StationState::Model>& models) {
 std::vector<std::string> InstalledLogDevices() {
     // As the service does it, so that the library is asked under its conditions.
     static operating_system::SearchedFolder libraryFolder;
-    libraryFolder.Set(quelm::ConfigurationLibraryFolder());
+    libraryFolder.Set(quelm::LibraryRegistration().Folder());
     // To load the library from such a path would end this process.
     const std::size_t length = quelm::ConfigurationLibraryPath().length();
     if (length >= MAX_PATH)

@@ -119,7 +119,7 @@ TEST(LibrarySearch, FolderThatIsNoFullPathIsRefused) {
 
 TEST(LibrarySearch, ConfigurationLibrarysFolderIsThatOfItsPath) {
     const test_support::ConfigurationLibraryLocation location(CompanionBaseFolder());
-    EXPECT_EQ(quelm::ConfigurationLibraryFolder(), OwnFolder());
+    EXPECT_EQ(quelm::LibraryRegistration().Folder(), OwnFolder());
 }
 
 TEST(LibraryRegistration, EachLookFindsWhatIsRegisteredThen) {
