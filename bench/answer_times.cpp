@@ -69,7 +69,7 @@ void MeasureAnswer(const std::wstring& command, const char* when = "") {
     for (std::size_t i = 0; i < times.measured.size(); ++i)
         more.push_back(times.measured[i] - times.bare[i]);
     const double median = Median(more);
-    const std::string name = tessactl::Utf8(command.substr(0, command.find(L'"'))) + when;
+    const std::string name = tessactl::Utf8(command.substr(0, command.find(L" \""))) + when;
     std::printf("%-40s %8.0f ms (%.0f to %.0f)%s\n", name.c_str(), median, Percentile(more, 10),
                 Percentile(more, 90), median > kWanted ? "  above 300" : "");
 }
