@@ -146,7 +146,7 @@ class DriverStorm : public system_tests::Station {
     }
     ~DriverStorm() override {
         RunCommand(L"tessahost.exe stop");
-        EXPECT_TRUE(Eventually([] { return !test_support::ProcessRuns(L"stationmgr.exe"); }));
+        EXPECT_TRUE(test_support::ProgramEnds(L"stationmgr.exe"));
         RunCommand(L"stationmgr.exe unregister");
         components_.Wipe();
     }

@@ -28,6 +28,7 @@ using test_support::ConfigurationLibraryLocation;
 using test_support::Eventually;
 using test_support::FaultyLibrary;
 using test_support::ProcessRuns;
+using test_support::ProgramEnds;
 using test_support::ProgramFolder;
 using test_support::RunCommand;
 
@@ -189,7 +190,7 @@ class DoctorWithManager : public Doctor {
   protected:
     DoctorWithManager() { EXPECT_EQ(RunCommand(L"stationmgr.exe register").exitCode, 0u); }
     ~DoctorWithManager() override {
-        EXPECT_TRUE(Eventually([] { return !ProcessRuns(L"stationmgr.exe"); })) << "nobody uses it any more";
+        EXPECT_TRUE(ProgramEnds(L"stationmgr.exe")) << "nobody uses it any more";
         RunCommand(L"stationmgr.exe unregister");
     }
 };

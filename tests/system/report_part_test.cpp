@@ -18,7 +18,6 @@ using station_manager::MakeComponent;
 using system_tests::Contains;
 using system_tests::Tool;
 using test_support::CommandResult;
-using test_support::Eventually;
 using test_support::RunCommand;
 
 const std::wstring kRecording = L"C:\\windows\\temp\\tessactl_report_part.etl";
@@ -63,7 +62,7 @@ TEST_F(ReportPart, ComponentsHaveTheirStates) {
               "{\"number\":3,\"catalogName\":\"OTHER\",\"name\":\"\xc3\x84\",\"state\":\"disturbed\"},"
               R"j({"number":4,"catalogName":"OTHER","name":"Line 2","state":"0x299"}])j"
               "\n");
-    EXPECT_TRUE(Eventually([] { return !test_support::ProcessRuns(L"stationmgr.exe"); }));
+    EXPECT_TRUE(test_support::ProgramEnds(L"stationmgr.exe"));
     RunCommand(L"stationmgr.exe unregister");
     components.Wipe();
 }

@@ -117,7 +117,7 @@ TEST_F(Report, StationManagerThatHangsKeepsNothingElse) {
     EXPECT_LT(TimeOf(kPage, made), 20'000U);
     EXPECT_EQ(components.SetFault(L"exit-in-getdata"),
               ERROR_SUCCESS);  // ends the server, which goes on with it
-    EXPECT_TRUE(test_support::Eventually([] { return !test_support::ProcessRuns(L"stationmgr.exe"); }));
+    EXPECT_TRUE(test_support::ProgramEnds(L"stationmgr.exe"));
     EXPECT_EQ(components.SetFault(L""), ERROR_SUCCESS);
     EXPECT_EQ(test_support::RunCommand(L"stationmgr.exe unregister").exitCode, 0U);
     EXPECT_EQ(made.exitCode, 0U) << made.output;

@@ -23,6 +23,7 @@ using station_manager::MakeComponent;
 using system_tests::kKinds;
 using test_support::Eventually;
 using test_support::ProcessRuns;
+using test_support::ProgramEnds;
 using test_support::ProgramFolder;
 using test_support::RunCommand;
 
@@ -72,7 +73,7 @@ class StationWithManager : public system_tests::Station {
         EXPECT_TRUE(AllAre(L"NX4120", L"visible"));
     }
     ~StationWithManager() override {
-        EXPECT_TRUE(Eventually([] { return !ProcessRuns(L"stationmgr.exe"); })) << "nobody uses it any more";
+        EXPECT_TRUE(ProgramEnds(L"stationmgr.exe")) << "nobody uses it any more";
         RunCommand(L"stationmgr.exe unregister");
         components_.Wipe();
     }

@@ -19,8 +19,8 @@ using station_manager::ComponentStore;
 using station_manager::Diagnostic;
 using station_manager::kStopped;
 using station_manager::MakeComponent;
-using test_support::Eventually;
 using test_support::ProcessRuns;
+using test_support::ProgramEnds;
 using test_support::RunCommand;
 
 constexpr wchar_t kProgram[] = L"stationmgr.exe";
@@ -40,7 +40,7 @@ class StationManagerProgram : public testing::Test {
     }
     ~StationManagerProgram() override {
         ::CoUninitialize();
-        EXPECT_TRUE(Eventually([] { return !ProcessRuns(kProgram); })) << "nobody uses it any more";
+        EXPECT_TRUE(ProgramEnds(kProgram)) << "nobody uses it any more";
         RunCommand(L"stationmgr.exe unregister");
         store_.Wipe();
     }
@@ -58,7 +58,7 @@ TEST_F(StationManagerProgram, IsReachedWhileItIsRegistered) {
     ASSERT_EQ(Create(&setup), S_OK);
     EXPECT_TRUE(ProcessRuns(kProgram));
     setup->Release();
-    EXPECT_TRUE(Eventually([] { return !ProcessRuns(kProgram); })) << "the last client is gone";
+    EXPECT_TRUE(ProgramEnds(kProgram)) << "the last client is gone";
     EXPECT_EQ(RunCommand(L"stationmgr.exe unregister").exitCode, 0u);
     EXPECT_EQ(Create(&setup), REGDB_E_CLASSNOTREG);
 }
@@ -135,7 +135,7 @@ TEST_F(StationManagerProgram, SurvivesAClientThatVanishes) {
     ISetupSupport* setup = nullptr;
     ASSERT_EQ(Create(&setup), S_OK);
     setup->Release();
-    EXPECT_TRUE(Eventually([] { return !ProcessRuns(kProgram); })) << "it does not wait for the dead";
+    EXPECT_TRUE(ProgramEnds(kProgram)) << "it does not wait for the dead";
 }
 
 TEST_F(StationManagerProgram, ListIsShownAndEdited) {
