@@ -1,6 +1,5 @@
 #include <windows.h>
 #include <objbase.h>
-#include <tlhelp32.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -59,12 +58,8 @@ void Report(const std::wstring& source, WORD type, DWORD id) {
 class Suspended {
   public:
     explicit Suspended(const std::wstring& program) {
-        const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-        PROCESSENTRY32W entry = {};
-        entry.dwSize = sizeof entry;
-        for (BOOL more = ::Process32FirstW(snapshot, &entry); more; more = ::Process32NextW(snapshot, &entry))
-            if (program == entry.szExeFile) Suspend(entry.th32ProcessID);
-        ::CloseHandle(snapshot);
+        for (const DWORD id : test_support::ProcessesOf(program))
+            Suspend(id);
     }
     ~Suspended() {
         for (const HANDLE process : processes_) {

@@ -10,6 +10,7 @@
 #include "command.h"
 #include "component_store.h"
 #include "process_list.h"
+#include "watched_run.h"
 
 // The station manager as a COM server of its own process, and its command line.
 namespace {
@@ -50,6 +51,14 @@ class StationManagerProgram : public testing::Test {
 };
 
 }  // namespace
+
+TEST(ProgramEnds, OneThatHangsIsEndedForTheTestsBehindIt) {
+    const test_support::StartedProgram program(L"hangs.exe");
+    ASSERT_TRUE(test_support::Eventually([] { return ProcessRuns(L"hangs.exe"); }));
+    EXPECT_FALSE(ProgramEnds(L"hangs.exe"));
+    EXPECT_TRUE(program.WaitFor(5000));
+    EXPECT_TRUE(ProgramEnds(L"hangs.exe"));
+}
 
 TEST_F(StationManagerProgram, IsReachedWhileItIsRegistered) {
     ISetupSupport* setup = nullptr;
