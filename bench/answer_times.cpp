@@ -36,6 +36,9 @@ double MillisecondsOfProgram(const std::wstring& commandLine) {
     DWORD exitCode = 0;
     const double time = MillisecondsOf([&] {
         const StartedProgram program(commandLine);
+        if (program.Error() != ERROR_SUCCESS)
+            throw std::runtime_error(tessactl::Utf8(commandLine) +
+                                     " cannot be started: " + tessactl::ErrorInWords(program.Error()));
         program.WaitFor(kNever);
         exitCode = program.ExitCode();
     });

@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+ONE_PROCESSOR=yes
 . scripts/measured_station.sh
 run tessahost install >/dev/null
 run tessahost start >/dev/null

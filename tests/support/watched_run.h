@@ -43,12 +43,16 @@ class StartedProgram {
         startup.hStdOutput = startup.hStdError = output != nullptr ? output : nowhere.get();
         PROCESS_INFORMATION process = {};
         if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                              &process))
+                              &process)) {
+            error_ = ::GetLastError();
             return;
+        }
         ::CloseHandle(process.hThread);
         process_.reset(process.hProcess);
         id_ = process.dwProcessId;
     }
+    /// Why it could not be started; ERROR_SUCCESS if it was.
+    DWORD Error() const { return error_; }
     DWORD Id() const { return id_; }
     /// @return whether it has ended
     bool WaitFor(DWORD milliseconds) const {
@@ -62,6 +66,7 @@ class StartedProgram {
 
   private:
     UniqueKernelHandle process_;
+    DWORD error_ = ERROR_SUCCESS;
     DWORD id_ = 0;
 };
 

@@ -332,6 +332,19 @@ TEST_F(DoctorWithManager, StationManagerThatHangsHoldsItNoLongerThanTheTimeout) 
     EXPECT_FALSE(ProcessRuns(L"tessactl.exe")) << "the process that asked is ended";
 }
 
+TEST_F(DoctorWithManager, PartnersThatHangAreWaitedForAtTheSameTime) {
+    ConfigurationLibraryLocation::Set(FaultyLibrary(L"hangs"));
+    const StationManagerInUse inUse;
+    const Suspended suspended(L"stationmgr.exe");
+    ASSERT_EQ(suspended.Count(), 1u);
+    const ULONGLONG start = ::GetTickCount64();
+    const CommandResult doctor = Tool(L"doctor --timeout 10");
+    EXPECT_LT(::GetTickCount64() - start, 20000u) << "not one after the other";
+    for (const char* partner : {"configuration library loadable", "station manager answers"})
+        EXPECT_NE(FindingOf(doctor, partner).find("no answer within 10 seconds\n"), std::string::npos)
+            << doctor.output;
+}
+
 TEST_F(DoctorWithManager, ServiceThatCannotStopIsLookedIntoAllTheSame) {
     Plug(nx4120_);
     StartService();

@@ -2,7 +2,6 @@
 #include <string>
 
 #include "doctor_checks.h"
-#include "partner_probe.h"
 #include "quelm_orvix.h"
 #include "text.h"
 
@@ -42,7 +41,7 @@ void CheckVisibility(Findings& findings, const StationState::Model& model) {
 
 }  // namespace
 
-bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds timeOut) {
+bool CheckLibrary(Findings& findings, Inquiry& inquiry) {
     bool isRegistered = false;
     const std::wstring path = quelm::ConfigurationLibraryPath(&isRegistered);
     const bool exists = ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -54,7 +53,7 @@ bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds 
                          "install the configuration library, or let "
                          "HKEY_LOCAL_MACHINE\\SOFTWARE\\Valdorn\\Shared Tools\\QUELM64, value Korvane_Oam, "
                          "name its base folder");
-    const std::string error = ProbeConfigurationLibrary(models, timeOut);
+    const std::string error = inquiry.Answer();
     if (error.empty())
         findings.Ok("configuration library loadable", "loaded and answering");
     else

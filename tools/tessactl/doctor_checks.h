@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -26,6 +27,22 @@ struct Expectations {
     bool IsExpected(const StationState::Model& model) const;
 };
 
+/// Asks a partner while something else is looked at: they take the longest.
+class Inquiry {
+  public:
+    /// @param ask says why the partner does not answer, in UTF-8; empty if it does
+    explicit Inquiry(std::function<std::string()> ask);
+    /// Waits for it, once.
+    /// @return what `ask` said
+    /// @throws what `ask` threw
+    std::string Answer();
+
+  private:
+    std::string answer_;
+    std::exception_ptr error_;
+    std::jthread asking_;  // last: it writes into the others
+};
+
 /// The service, and what the service manager does with it.
 void CheckService(Findings& findings, const QueriedService& service);
 void CheckServiceSettings(Findings& findings, const QueriedService& service);
@@ -37,9 +54,10 @@ void CheckPlugIn(Findings& findings, const QueriedService& service, const std::w
 /// Whether host, plug-in, this tool and the trace formats are of one build, and the files those that run.
 void CheckBuilds(Findings& findings, const QueriedService& service, const std::wstring& plugIn);
 
-/// The configuration library. Fills in how the access points stand.
+/// The configuration library.
+/// @param inquiry fills in how the access points stand; the models are not to be touched before
 /// @return whether that is known
-bool CheckLibrary(Findings& findings, Models& models, std::chrono::milliseconds timeOut);
+bool CheckLibrary(Findings& findings, Inquiry& inquiry);
 
 /// Adapters and access points.
 void CheckAccessPoints(Findings& findings, const Models& models);
@@ -49,26 +67,10 @@ void CheckAdapters(Findings& findings, const Models& models, bool accessPointsAr
 /// What else has to be installed.
 void CheckPanel(Findings& findings, const Models& models, bool accessPointsAreKnown);
 
-/// Asks the station manager, if it is registered, while something else is looked at: it takes the longest.
-class StationManagerInquiry {
-  public:
-    explicit StationManagerInquiry(std::chrono::milliseconds timeOut);
-    /// What starts it; none: it is not registered.
-    const std::optional<std::string>& Server() const { return server_; }
-    /// Waits for it, once.
-    /// @return why it does not answer, in UTF-8; empty if it does
-    /// @throws ToolError if it cannot be asked
-    std::string Answer();
-
-  private:
-    std::optional<std::string> server_;
-    std::string answer_;
-    std::exception_ptr error_;
-    std::jthread asking_;  // last: it writes into the others
-};
-
+/// What starts the station manager; nothing: it is not registered.
+std::optional<std::string> StationManagerServer();
 void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations,
-                         StationManagerInquiry& inquiry);
+                         const std::optional<std::string>& server, Inquiry& inquiry);
 void CheckDriverMessages(Findings& findings);
 void CheckEventSource(Findings& findings);
 

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "commands.h"
 #include "doctor_checks.h"
+#include "partner_probe.h"
 #include "text.h"
 
 namespace tessactl {
@@ -34,23 +36,40 @@ std::wstring NamesOf(const Models& models) {
 }
 
 void CheckAll(Findings& findings, const Expectations& expectations, Models& models) {
-    StationManagerInquiry stationManager(expectations.timeOut);
+    ReadAdapters(models);
+    Inquiry library([&] { return ProbeConfigurationLibrary(models, expectations.timeOut); });
+    const std::optional<std::string> server = StationManagerServer();
+    Inquiry stationManager([&] { return server ? ProbeStationManager(expectations.timeOut) : ""; });
     const QueriedService service(expectations.service);
     CheckService(findings, service);
     CheckServiceSettings(findings, service);
     CheckPlugIn(findings, service, expectations.plugIn);
     CheckBuilds(findings, service, expectations.plugIn);
-    ReadAdapters(models);
-    const bool accessPointsAreKnown = CheckLibrary(findings, models, expectations.timeOut);
+    const bool accessPointsAreKnown = CheckLibrary(findings, library);
     if (accessPointsAreKnown) CheckAccessPoints(findings, models);
     CheckAdapters(findings, models, accessPointsAreKnown, expectations);
     CheckPanel(findings, models, accessPointsAreKnown);
-    CheckStationManager(findings, models, expectations, stationManager);
+    CheckStationManager(findings, models, expectations, server, stationManager);
     CheckDriverMessages(findings);
     CheckEventSource(findings);
 }
 
 }  // namespace
+
+Inquiry::Inquiry(std::function<std::string()> ask)
+    : asking_([this, ask = std::move(ask)] {
+          try {
+              answer_ = ask();
+          } catch (...) {
+              error_ = std::current_exception();
+          }
+      }) {}
+
+std::string Inquiry::Answer() {
+    asking_.join();
+    if (error_) std::rethrow_exception(error_);
+    return answer_;
+}
 
 bool Expectations::IsExpected(const StationState::Model& model) const {
     return std::ranges::any_of(models, [&](const auto& name) { return IsSameName(model.name, name); });

@@ -6,7 +6,6 @@
 
 #include "doctor_checks.h"
 #include "evlog_check.h"
-#include "partner_probe.h"
 #include "text.h"
 #include "win_convenience.h"
 
@@ -51,31 +50,17 @@ void CheckPanel(Findings& findings, const Models& models, bool accessPointsAreKn
                            "install it; without it access points that are missing are not made");
 }
 
-StationManagerInquiry::StationManagerInquiry(std::chrono::milliseconds timeOut) {
+std::optional<std::string> StationManagerServer() {
     std::string server;
     if (!RegistryText(L"SOFTWARE\\Classes\\CLSID\\{A1BFDF31-F4D2-11D3-9140-00105AAFF783}\\LocalServer32",
                       nullptr, server))
-        return;
-    server_ = server;
-    asking_ = std::jthread([this, timeOut] {
-        try {
-            answer_ = ProbeStationManager(timeOut);
-        } catch (...) {
-            error_ = std::current_exception();
-        }
-    });
-}
-
-std::string StationManagerInquiry::Answer() {
-    asking_.join();
-    if (error_) std::rethrow_exception(error_);
-    return answer_;
+        return std::nullopt;
+    return server;
 }
 
 void CheckStationManager(Findings& findings, const Models& models, const Expectations& expectations,
-                         StationManagerInquiry& inquiry) {
+                         const std::optional<std::string>& server, Inquiry& inquiry) {
     const bool matters = StationManagerMatters(models, expectations);
-    const std::optional<std::string>& server = inquiry.Server();
     if (!server) {
         findings.ProblemOrNote(matters, "station manager registered", "not registered",
                                "install or register the station manager; without it the card's components "

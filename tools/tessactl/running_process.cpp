@@ -2,26 +2,25 @@
 #include "running_process.h"
 
 #include <psapi.h>
-
-#include <vector>
+#include <tlhelp32.h>
 
 #include "text.h"
 
 namespace tessactl {
 namespace {
 
-std::vector<HMODULE> ModulesOf(HANDLE process, DWORD id) {
-    std::vector<HMODULE> modules(256);
-    for (;;) {
-        const auto size = static_cast<DWORD>(modules.size() * sizeof(HMODULE));
-        DWORD needed = 0;
-        if (!::EnumProcessModulesEx(process, modules.data(), size, &needed, LIST_MODULES_64BIT)) {
-            const DWORD error = ::GetLastError();
+/// The names, places and sizes of all modules at once: psapi goes through the whole list for each name.
+UniqueKernelHandle ModulesOf(DWORD id) {
+    constexpr int kMostTries = 100;
+    for (int tries = 1;; ++tries) {
+        UniqueKernelHandle modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, id));
+        if (modules) return modules;
+        const DWORD error = ::GetLastError();
+        // The list changed meanwhile.
+        if (error != ERROR_BAD_LENGTH || tries == kMostTries)
             throw ToolError("process " + std::to_string(id) +
                             " does not tell its modules: " + ErrorInWords(error));
-        }
-        modules.resize(needed / sizeof(HMODULE));
-        if (needed <= size) return modules;
+        ::Sleep(1);
     }
 }
 
@@ -30,10 +29,6 @@ std::wstring PathOf(HANDLE process, HMODULE module) {
     std::wstring path(32768, L'\0');
     path.resize(::GetModuleFileNameExW(process, module, path.data(), static_cast<DWORD>(path.length())));
     return path;
-}
-
-bool HasFileName(const std::wstring& path, const std::wstring& fileName) {
-    return IsSameFileName(path.substr(path.rfind(L'\\') + 1), fileName);
 }
 
 }  // namespace
@@ -58,13 +53,16 @@ std::optional<RunningProcess::Module> RunningProcess::Program() const {
 }
 
 std::optional<RunningProcess::Module> RunningProcess::FindModule(const std::wstring& fileName) const {
-    for (const HMODULE handle : ModulesOf(process_.get(), id_)) {
-        const std::wstring path = PathOf(process_.get(), handle);
-        MODULEINFO information = {};
-        if (HasFileName(path, fileName) &&
-            ::GetModuleInformation(process_.get(), handle, &information, sizeof information))
-            return Module{path, reinterpret_cast<ULONG64>(information.lpBaseOfDll), information.SizeOfImage};
-    }
+    const UniqueKernelHandle modules = ModulesOf(id_);
+    MODULEENTRY32W module = {};
+    module.dwSize = sizeof module;
+    for (BOOL more = ::Module32FirstW(modules.get(), &module); more;
+         more = ::Module32NextW(modules.get(), &module))
+        if (IsSameFileName(module.szModule, fileName)) {
+            const std::wstring path = PathOf(process_.get(), module.hModule);
+            if (!path.empty())
+                return Module{path, reinterpret_cast<ULONG64>(module.modBaseAddr), module.modBaseSize};
+        }
     return std::nullopt;
 }
 
