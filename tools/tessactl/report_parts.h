@@ -25,8 +25,9 @@ inline constexpr std::size_t kMostCalls = 6000;
 inline constexpr std::size_t kMostWarnings = 500;
 inline constexpr std::size_t kMostDumps = 5;
 
-/// Asks every source, each in a process of its own, which may crash, hang or be refused: that costs its part
-/// and nothing else.
+/// Asks every source, in processes of their own, which may crash, hang or be refused: that costs its part.
+/// Those whose partner is Windows itself share one, and what one of them hangs in costs the ones behind it,
+/// too.
 /// @param tell is called again and again with how many of how many parts are done
 /// @return for each part its "data", or an "error" in words; beside the data there may be a "note"
 Json GatherParts(const ReportRequest& request, std::chrono::steady_clock::time_point deadline,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "json.h"
+#include "several_commands.h"
 #include "text.h"
 
 // The tests' program is also the one that they start: with an argument that is no option it does one of
@@ -70,6 +71,10 @@ void PrintMuch(std::size_t length) {
 }
 
 int Act(const Arguments& arguments) {
+    if (arguments[0] == L"several") {
+        tessactl::RunSeveral({arguments.begin() + 1, arguments.end()}, &Act);
+        return 0;
+    }
     const std::wstring& command = arguments[0];
     const std::wstring what = arguments.size() > 1 ? arguments[1] : L"";
     if (command == L"log" && what == L"--json" && arguments.back() != L"fenlu3")
