@@ -1,14 +1,13 @@
 #include "logdevice_db.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "allocations.h"
 #include "configuration_library_location.h"
 #include "module_hooks.h"
 #include "text_of.h"
@@ -25,26 +24,6 @@ using testing::Return;
 using testing::StrEq;
 
 using test_support::TextOf;
-
-namespace {
-
-std::size_t largestAllocation = 0;
-
-}  // namespace
-
-// The test program's own, which remember the largest request.
-void* operator new(std::size_t size) {
-    largestAllocation = std::max(largestAllocation, size);
-    void* memory = std::malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -416,9 +395,9 @@ TEST_F(DefaultLogDevices, EntryIsCutToTheReturnedLength) {
         });
     const test_support::EnabledTracing tracing(test_support::kSharedToolsGuid, trace::kWarning,
                                                trace::kConfiguration);
-    largestAllocation = 0;
+    test_support::TakeAllocations();
     EXPECT_EQ(logDevices_.Installed(), (std::vector<std::string>{"A(B)", "E(F)", "G(H)", "I(J)"}));
-    EXPECT_LT(largestAllocation, 65536u) << "what the library claims is not allocated";
+    EXPECT_LT(test_support::TakeAllocations().largest, 65536u) << "what the library claims is not allocated";
     EXPECT_EQ(test_support::TakeTraceNumbers(), (std::vector<USHORT>{22, 22})) << "more than the buffer";
 }
 

@@ -1,8 +1,7 @@
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <new>
 #include <string>
 
+#include "allocations.h"
 #include "function_trace.h"
 #include "trace_point.h"
 #include "trace_recorder.h"
@@ -31,27 +30,12 @@ struct Machine {
 };
 }  // namespace worker
 
-int allocations = 0;
-
 int evaluations = 0;
 int Evaluated() {
     return ++evaluations;
 }
 
 }  // namespace
-
-// Counts this program's allocations.
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 TEST(TraceProvider, RegistersBothControlGuidsInOrderAndUnregistersThem) {
     trace::RegisterProvider();
@@ -232,10 +216,10 @@ TEST_F(Trace, FunctionInWhichTracingIsSwitchedOnWritesItsExit) {
 }
 
 TEST_F(Trace, FunctionTraceThatIsOffAllocatesNothing) {
-    const int before = allocations;
+    test_support::TakeAllocations();
     for (int i = 0; i < 10; ++i)
         worker::Machine::Start();
-    EXPECT_EQ(allocations, before);
+    EXPECT_EQ(test_support::TakeAllocations().count, 0u);
 }
 
 TEST_F(Trace, SourcePathWithoutFolderIsKeptWhole) {

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "allocations.h"
 #include "event_record.h"
 #include "module_hooks.h"
 #include "text_of.h"
@@ -290,6 +291,21 @@ TEST_F(Parser, FirstFilterThatAcceptsMakesTheOneMessage) {
     parser_.Process(Record(1), messages_);
     ASSERT_EQ(messages_.size(), 1u);
     EXPECT_EQ(messages_[0].severity, 3u);
+}
+
+TEST_F(Parser, RecordsOfOthersTakeNoMemoryOfTheirOwn) {
+    struct RefusesAll : SourceFilter {
+        RefusesAll() : SourceFilter(L"", 3) {}
+        bool Validate(const EventLogRecord& /*record*/) override { return false; }
+    };
+    *chain_ = {std::make_shared<RefusesAll>()};
+    const auto allocationsFor = [&](std::size_t records) {
+        const Bytes buffer = Joined(std::vector<Bytes>(records, Record(1)));
+        test_support::TakeAllocations();
+        parser_.Process(buffer, messages_);
+        return test_support::TakeAllocations().count;
+    };
+    EXPECT_EQ(allocationsFor(100), allocationsFor(1));
 }
 
 TEST_F(Parser, EmptyChainIsAsserted) {
