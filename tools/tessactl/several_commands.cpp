@@ -31,7 +31,7 @@ struct Piece {
     std::optional<DWORD> exitCode;  ///< nothing: it came to no end
 };
 
-/// @return at least one; the last one only came to no end
+/// @return at least one; only the last one came to no end
 std::vector<Piece> PiecesOf(const std::string& output) {
     std::vector<Piece> pieces;
     std::size_t begin = 0;
