@@ -23,7 +23,8 @@ constexpr std::size_t kAlignment = 16;
 constexpr std::size_t kClasses = 17;           // slots of 1, 2, 4 ... 65536 pages
 constexpr std::size_t kRestingBlocks = 20000;  // of each class, before addresses are used again
 constexpr LONG kAllGuarded = 100000;           // of the first so many blocks each has its page,
-constexpr LONG kSample = 8;  // of those behind only every eighth: pages cost ten microseconds
+constexpr LONG kSample = 8;        // of those behind only every eighth: pages cost ten microseconds
+constexpr LONG kMostLive = 20000;  // each parts a mapping of the machine, which has 65530 for a process
 constexpr int kFresh = 0xCD;
 constexpr int kEdge = 0xFD;
 
@@ -45,6 +46,7 @@ struct RestingSlots {
 
 SRWLOCK lock = SRWLOCK_INIT;
 LONG blockCount = 0;
+LONG liveBlocks = 0;  // those with pages of their own
 std::byte* arena = nullptr;
 Block* blocks = nullptr;            // one for each page
 std::uint32_t* nextSlot = nullptr;  // behind a resting one
@@ -134,6 +136,7 @@ void ForEdges(std::byte* block, std::size_t size, std::byte* end, const Use& use
 }
 
 bool IsSample() {
+    if (liveBlocks >= kMostLive) return false;
     const LONG number = ::InterlockedIncrement(&blockCount) & 0x7FFFFFFF;
     return number <= kAllGuarded || number % kSample == 0;
 }
@@ -153,6 +156,7 @@ void* Allocate(std::size_t size, std::size_t alignment = kAlignment) {
     std::byte* end = arena + (slot + (std::size_t{1} << sizeClass)) * kPage;
     std::byte* block = end - rounded;
     if (::VirtualAlloc(PageOf(block), pages * kPage, MEM_COMMIT, PAGE_READWRITE) == nullptr) return nullptr;
+    ::InterlockedIncrement(&liveBlocks);
     BlockAt(block) = {size, sizeClass, State::kLive};
     std::memset(block, kFresh, size);
     ForEdges(block, size, end, [](std::byte* at, std::size_t length) { std::memset(at, kEdge, length); });
@@ -183,6 +187,7 @@ void Free(void* memory) {
             if (at[i] != std::byte{kEdge}) Fail("written outside", memory);
     });
     block.state = State::kFreed;
+    ::InterlockedDecrement(&liveBlocks);
     const auto length = static_cast<std::size_t>(end - PageOf(address));
     ::VirtualFree(PageOf(address), length, MEM_DECOMMIT);
     const auto endPage = static_cast<std::size_t>(end - arena) / kPage;
