@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Every system call of the plug-in's life made to fail once, storms of events and many lives: the long form of
-# tests/sweep, on a fresh machine; half an hour. Arguments are passed to ctest.
+# tests/sweep, on a fresh machine; a quarter of an hour. Arguments are passed to ctest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -61,6 +61,12 @@ void PrintMuch(std::size_t length) {
         std::fputs(std::string(length, end == stderr ? 'e' : 'o').c_str(), end);
 }
 
+/// What stands behind a command that ended with 3, many times.
+void PrintMarks() {
+    for (int i = 0; i < 1000; ++i)
+        std::printf("%c3\n", '\x1E');
+}
+
 [[noreturn]] void PrintWithoutEnd() {
     const std::string much(1 << 20, 'x');
     DWORD written = 0;
@@ -83,6 +89,8 @@ int Act(const Arguments& arguments) {
         PrintDumps();
     else if (command == L"much")
         PrintMuch(300'000);
+    else if (command == L"marks")
+        PrintMarks();
     else if (command == L"endless")
         PrintWithoutEnd();
     else if (command == L"hangs") {

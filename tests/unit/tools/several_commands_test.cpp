@@ -48,10 +48,18 @@ TEST(SeveralCommands, OneThatEndsTheProcessCostsNothingElse) {
 TEST(SeveralCommands, OneThatHangsTakesTheTimeOfThoseBehindIt) {
     const auto results = RunTheseCommands({L"echo", L"hangs", L"echo"}, std::chrono::seconds(2));
     ASSERT_EQ(results.size(), 3U);
+    EXPECT_TRUE(ResultOf(results[0]).ended);
+    EXPECT_EQ(ResultOf(results[0]).exitCode, 0U);
     EXPECT_EQ(ResultOf(results[0]).output, "[\"echo\"]\n");
     EXPECT_FALSE(ResultOf(results[1]).ended);
     EXPECT_EQ(ResultOf(results[1]).output, "before");
     EXPECT_FALSE(results[2].has_value());
+}
+
+TEST(SeveralCommands, OneThatWritesWhatMarksAnEndIsNotTakenForMany) {
+    const auto results = RunTheseCommands({L"marks"}, kLong);
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(ResultOf(results[0]).exitCode, 3U);
 }
 
 TEST(SeveralCommands, NoneAreRunAtOnce) {
