@@ -28,8 +28,13 @@ inline CommandResult RunCommand(const std::wstring& commandLine) {
     startup.hStdOutput = startup.hStdError = write;
     PROCESS_INFORMATION process = {};
     CommandResult result;
-    const BOOL created = ::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                          &startup, &process);
+    const auto create = [&] {
+        return ::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                                &process);
+    };
+    BOOL created = create();
+    // Wine now and then ends a process before its first line, and says this.
+    if (!created && ::GetLastError() == ERROR_INTERNAL_ERROR) created = create();
     const DWORD createError = ::GetLastError();
     ::CloseHandle(write);
     if (created) {
