@@ -15,7 +15,7 @@ namespace station_manager {
 namespace {
 
 constexpr DWORD kIdleTimeoutMs = 8000;
-constexpr DWORD kLastAnswerMs = 100;  // until a call that has ended for its client has ended here, too
+constexpr DWORD kLastAnswerMs = 100;
 constexpr wchar_t kHangs[] = L"hang-in-getdata";  // until it is told something else
 constexpr wchar_t kClassKey[] = L"SOFTWARE\\Classes\\CLSID\\{A1BFDF31-F4D2-11D3-9140-00105AAFF783}";
 
@@ -47,6 +47,8 @@ HRESULT Result(LSTATUS code) {
 /// The station object. All of them share what the store holds.
 class Station final : public ISetupSupport, public IComponentControl, public IDiagnostics {
   public:
+    Station() { AddServerReference(); }
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
         NoteCall();
         if (IsEqualIID(iid, __uuidof(IUnknown)) || IsEqualIID(iid, __uuidof(ISetupSupport)))
@@ -64,10 +66,8 @@ class Station final : public ISetupSupport, public IComponentControl, public IDi
     ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
     ULONG STDMETHODCALLTYPE Release() override {
         const ULONG left = --references_;
-        if (left > 0) return left;
-        delete this;
-        ReleaseServerReference();
-        return 0;
+        if (left == 0) delete this;
+        return left;
     }
 
     HRESULT STDMETHODCALLTYPE GetData(LONG kind, VARIANT* data) override {
@@ -108,6 +108,8 @@ class Station final : public ISetupSupport, public IComponentControl, public IDi
     }
 
   private:
+    ~Station() { ReleaseServerReference(); }
+
     std::atomic<ULONG> references_ = 1;
     ComponentStore store_;
 };
@@ -126,7 +128,6 @@ class StationFactory final : public IClassFactory {
         *object = nullptr;
         if (outer != nullptr) return CLASS_E_NOAGGREGATION;
         auto* station = new Station();
-        AddServerReference();
         const HRESULT result = station->QueryInterface(iid, object);
         station->Release();
         return result;
@@ -144,23 +145,6 @@ std::wstring ProgramPath() {
     wchar_t path[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, path, MAX_PATH);
     return path;
-}
-
-/// Wine forgets an interface with the last object of which clients have it, and first waits for calls of it
-/// that are under way: for ever, if one ends at that very moment (RpcServerUnregisterIf of rpcrt4), and so
-/// does the client in its Release. One object that stays until the end keeps them known.
-HRESULT KeepInterfacesKnown() {
-    static Station station;
-    IStream* references = nullptr;
-    HRESULT result = ::CreateStreamOnHGlobal(nullptr, TRUE, &references);
-    if (FAILED(result)) return result;
-    for (const IID& iid :
-         {IID_IUnknown, __uuidof(ISetupSupport), __uuidof(IComponentControl), __uuidof(IDiagnostics)})
-        if (SUCCEEDED(result))
-            result = ::CoMarshalInterface(references, iid, static_cast<ISetupSupport*>(&station),
-                                          MSHCTX_LOCAL, nullptr, MSHLFLAGS_TABLESTRONG);
-    references->Release();
-    return result;
 }
 
 /// Lets no further client in, unless one has called since `last`.
@@ -193,14 +177,14 @@ HRESULT Serve() {
     NoteCall();
     static StationFactory factory;
     DWORD registration = 0;
-    result = KeepInterfacesKnown();
-    if (SUCCEEDED(result))
-        result = ::CoRegisterClassObject(__uuidof(PCStation), &factory, CLSCTX_LOCAL_SERVER,
-                                         REGCLS_MULTIPLEUSE | REGCLS_SUSPENDED, &registration);
+    result = ::CoRegisterClassObject(__uuidof(PCStation), &factory, CLSCTX_LOCAL_SERVER,
+                                     REGCLS_MULTIPLEUSE | REGCLS_SUSPENDED, &registration);
     if (SUCCEEDED(result)) {
         result = ::CoResumeClassObjects();
         WaitUntilUnused();
         ::CoRevokeClassObject(registration);
+        // The last client has its answer, but the call may not have ended here yet. Wine, which then forgets
+        // the interface, waits for ever if a call of it ends at that very moment (RpcServerUnregisterIf).
         ::Sleep(kLastAnswerMs);
     }
     ::CoUninitialize();

@@ -138,6 +138,22 @@ TEST_F(StationManagerProgram, KeepsTheNewestDiagnostics) {
     EXPECT_EQ(entries.back().detail, 69u);
 }
 
+TEST_F(StationManagerProgram, StaysForAClientWhenAnotherGoes) {
+    Register();
+    IUnknown* kept = nullptr;
+    ASSERT_EQ(Create(&kept), S_OK);
+    const std::vector<DWORD> processes = test_support::ProcessesOf(kProgram);
+    for (int i = 0; i < 3; ++i) {
+        IDiagnostics* diagnostics = nullptr;
+        ASSERT_EQ(Create(&diagnostics), S_OK);
+        EXPECT_EQ(diagnostics->AddEntry(165, 0xA523, 1, 0), S_OK);
+        diagnostics->Release();
+    }
+    ::Sleep(500);  // long enough for one that ends
+    EXPECT_EQ(test_support::ProcessesOf(kProgram), processes);
+    kept->Release();
+}
+
 TEST_F(StationManagerProgram, SurvivesAClientThatVanishes) {
     Register();
     ASSERT_EQ(RunCommand(L"vanishing_client.exe").exitCode, 0u);
