@@ -31,8 +31,8 @@ wait "$check" || check_failed=1
 cat build/check.log
 
 # The tests wait for things of a real machine, each for a time of its own, and Wine now and then lets a process end before
-# its first line. A few that failed are run once more, alone, on a machine without what they left; what fails then has
-# failed, and so have more than that.
+# its first line or two hang in a call between them. A few that failed are run once more, alone, on a machine without what
+# they left; what fails then has failed, and so have more than that.
 if [ "$failed" -eq 1 ] && [ "$(wc -l <"$failed_tests")" -le 5 ]; then
     echo "== Once more, on a quiet machine: $(cut -d: -f2 "$failed_tests" | paste -sd' ')"
     machine_new "$PWD/build/machine-test"
