@@ -510,25 +510,21 @@ TEST_F(DoctorOfBuilds, PlugInOfAnotherVersionThanTheHostIsAProblem) {
 }
 
 TEST_F(DoctorOfBuilds, FileThatIsGoneDamagedOrForeignIsToldInWords) {
+    const auto expectTold = [](const std::string& words) {
+        const CommandResult doctor = Tool(L"doctor");
+        EXPECT_NE(FindingOf(doctor, "build of the plug-in").find(words), std::string::npos) << doctor.output;
+    };
     StartService();
     std::filesystem::rename(path_, folder_ + L"\\old.dll");
-    EXPECT_NE(FindingOf(Tool(L"doctor"), "build of the plug-in").find("there is no such file any more; V"),
-              std::string::npos);
+    expectTold("there is no such file any more; V");
     Write(plugIn_.substr(0, plugIn_.length() / 2));
-    EXPECT_NE(FindingOf(Tool(L"doctor"), "build of the plug-in")
-                  .find(" runs; its file: its version resource is damaged"),
-              std::string::npos);
+    expectTold(" runs; its file: its version resource is damaged");
     EXPECT_EQ(RunCommand(L"tessahost.exe stop").exitCode, 0u);
     std::filesystem::copy_file(ProgramFolder() + L"plug_in_works.dll", path_,
                                std::filesystem::copy_options::overwrite_existing);
-    EXPECT_NE(
-        FindingOf(Tool(L"doctor"), "build of the plug-in").find("not known: it has no version resource"),
-        std::string::npos);
+    expectTold("not known: it has no version resource");
     std::filesystem::remove(path_);
-    const CommandResult missing = Tool(L"doctor");
-    EXPECT_NE(FindingOf(missing, "build of the plug-in").find("tessaplug.dll: there is no such file\n"),
-              std::string::npos)
-        << missing.output;
+    expectTold("tessaplug.dll: there is no such file\n");
 }
 
 TEST_F(Doctor, BuildsAreNotKnownWithoutAService) {
